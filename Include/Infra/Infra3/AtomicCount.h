@@ -1,0 +1,35 @@
+#ifndef INFRA_INFRA3_ATOMICCOUNT_H
+#define INFRA_INFRA3_ATOMICCOUNT_H
+
+namespace Tarsel
+{
+namespace Infra
+{
+
+/// A 32-bit counter whose changes are atomic; it holds the reference counts of packets, of memory
+/// blocks and of components.
+///
+/// Behaviour: increment and decrement return the new value and order everything before and after
+/// them; a read is relaxed. Nothing is checked: a count below 0 is the caller's mistake.
+/// Threads: safe from any thread. The object is one `int` and may lie in shared memory.
+class CAtomicCount
+{
+public:
+    constexpr CAtomicCount() noexcept = default;
+    constexpr explicit CAtomicCount(int value) noexcept : value_(value) {}
+    CAtomicCount(const CAtomicCount&) = delete;
+    CAtomicCount& operator=(const CAtomicCount&) = delete;
+
+    int operator++() noexcept { return __atomic_add_fetch(&value_, 1, __ATOMIC_ACQ_REL); }
+    int operator--() noexcept { return __atomic_sub_fetch(&value_, 1, __ATOMIC_ACQ_REL); }
+    int value() const noexcept { return __atomic_load_n(&value_, __ATOMIC_RELAXED); }
+    operator int() const noexcept { return value(); }
+
+private:
+    int value_ = 0;
+};
+
+} // namespace Infra
+} // namespace Tarsel
+
+#endif

@@ -1,0 +1,40 @@
+#ifndef INFRA_INFRA3_RECURSIVEMUTEX_H
+#define INFRA_INFRA3_RECURSIVEMUTEX_H
+
+#include "Infra/Infra3/Detail/Export.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+
+struct RecursiveMutexInternal;
+
+/// A mutex that its holder may enter again; it is free after as many `leave` as `enter` calls.
+///
+/// Failure: constructor and destructor end the process when the system refuses; a failed `enter` or
+/// `leave` returns false and logs nothing.
+/// Threads: safe from any thread; `leave` by the thread that entered.
+class INFRA_API CRecursiveMutex
+{
+public:
+    CRecursiveMutex();
+    ~CRecursiveMutex();
+
+    /// Locks, waiting while another thread holds the mutex. True when it is held once more.
+    bool enter();
+    /// Takes back one `enter`. True on success.
+    bool leave();
+
+private:
+    CRecursiveMutex(const CRecursiveMutex&);
+    CRecursiveMutex& operator=(const CRecursiveMutex&);
+
+    friend struct ForkAccess;
+    RecursiveMutexInternal* m_internal;
+};
+
+} // namespace Infra
+} // namespace Tarsel
+
+#endif

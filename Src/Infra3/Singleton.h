@@ -1,0 +1,84 @@
+#ifndef INFRA_SRC_INFRA3_SINGLETON_H
+#define INFRA_SRC_INFRA3_SINGLETON_H
+
+// The library's process-wide managers: made on first use, racing callers get the same one,
+// destroyed at exit in reverse order of making, made afresh if asked for after that.
+
+#include <atomic>
+
+#include "Infra/Infra3/RecursiveMutex.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+
+/// The one lock under which every manager is made. Recursive, because managers make each other; never
+/// destroyed, because exit handlers may still call in. It is the outermost lock of the library.
+CRecursiveMutex& singletonMutex();
+
+/// Has `atExit` called when the process exits; a failure is logged as "atexit failed!\n" and
+/// otherwise left alone. Call it without a lock held.
+void registerExit(void (*atExit)());
+
+/// The one T of the process. `instance()` is one atomic load once T exists; safe from any thread.
+///
+/// T befriends TSingleton<T> and may offer two static functions:
+///   - `void onCreated(T*)` runs right after T is in place, without a lock held: the place to log,
+///     because a log printer is application code and may ask for T;
+///   - `bool mayDestroy(T*)`, asked at exit: false leaves the object where it is, for the sake of
+///     threads and objects of the application that still point to it.
+template <typename T>
+class TSingleton
+{
+public:
+    static T* instance()
+    {
+        T* object = s_object.load(std::memory_order_acquire);
+        return object != nullptr ? object : make();
+    }
+
+    /// T if it exists at this moment, else null.
+    static T* existing() { return s_object.load(std::memory_order_acquire); }
+
+private:
+    static T* make()
+    {
+        singletonMutex().enter();
+        T* object = s_object.load(std::memory_order_relaxed);
+        const bool mine = object == nullptr;
+        if (mine) {
+            object = new T;
+            s_object.store(object, std::memory_order_release);
+        }
+        singletonMutex().leave();
+        if (mine) {
+            registerExit(&TSingleton::destroy);
+            if constexpr (requires { T::onCreated(object); }) {
+                T::onCreated(object);
+            }
+        }
+        return object;
+    }
+
+    static void destroy()
+    {
+        T* object = s_object.exchange(nullptr, std::memory_order_acq_rel);
+        if constexpr (requires { T::mayDestroy(object); }) {
+            if (object != nullptr && !T::mayDestroy(object)) {
+                s_left.store(object, std::memory_order_relaxed);
+                return;
+            }
+        }
+        delete object;
+    }
+
+    static inline constinit std::atomic<T*> s_object{nullptr};
+    /// What had to be left at exit stays reachable from here.
+    static inline constinit std::atomic<T*> s_left{nullptr};
+};
+
+} // namespace Infra
+} // namespace Tarsel
+
+#endif
