@@ -239,38 +239,37 @@ int logFilter(int level, const char* module, const char* file, const char* func,
     return length;
 }
 
-// The short forms differ in level and namespace only.
+// The short forms differ in their level only.
 #define INFRA_DEFINE_LOG_SHORT(name, level)                                                        \
     int name(const char* fmt, ...)                                                                 \
     {                                                                                              \
         va_list arguments;                                                                         \
         va_start(arguments, fmt);                                                                  \
-        const int length = ::Tarsel::Infra::logFilterEx((level), "Unknown", "Unknown", "", 0, "",  \
-                                                        fmt, arguments);                           \
-        va_end(arguments);                                                                         \
-        return length;                                                                             \
-    }
-#define INFRA_DEFINE_LOG_SHORTS                                                                    \
-    INFRA_DEFINE_LOG_SHORT(logFatal, ::Tarsel::Infra::logLevelFatal)                               \
-    INFRA_DEFINE_LOG_SHORT(logError, ::Tarsel::Infra::logLevelError)                               \
-    INFRA_DEFINE_LOG_SHORT(logWarn, ::Tarsel::Infra::logLevelWarn)                                 \
-    INFRA_DEFINE_LOG_SHORT(logInfo, ::Tarsel::Infra::logLevelInfo)                                 \
-    INFRA_DEFINE_LOG_SHORT(logTrace, ::Tarsel::Infra::logLevelTrace)                               \
-    INFRA_DEFINE_LOG_SHORT(logDebug, ::Tarsel::Infra::logLevelTrace)                               \
-    int logLibName(int nLevel, const char* libName, const char* fmt, ...)                          \
-    {                                                                                              \
-        if (nLevel < ::Tarsel::Infra::logLevelFatal || nLevel > ::Tarsel::Infra::logLevelDebug) {  \
-            return 0;                                                                              \
-        }                                                                                          \
-        va_list arguments;                                                                         \
-        va_start(arguments, fmt);                                                                  \
-        const int length =                                                                         \
-            ::Tarsel::Infra::logFilterEx(nLevel, libName, "Unknown", "", 0, "", fmt, arguments);   \
+        const int length = logFilterEx((level), "Unknown", "Unknown", "", 0, "", fmt, arguments);  \
         va_end(arguments);                                                                         \
         return length;                                                                             \
     }
 
-INFRA_DEFINE_LOG_SHORTS
+INFRA_DEFINE_LOG_SHORT(logFatal, logLevelFatal)
+INFRA_DEFINE_LOG_SHORT(logError, logLevelError)
+INFRA_DEFINE_LOG_SHORT(logWarn, logLevelWarn)
+INFRA_DEFINE_LOG_SHORT(logInfo, logLevelInfo)
+INFRA_DEFINE_LOG_SHORT(logTrace, logLevelTrace)
+INFRA_DEFINE_LOG_SHORT(logDebug, logLevelTrace)
+
+#undef INFRA_DEFINE_LOG_SHORT
+
+int logLibName(int nLevel, const char* libName, const char* fmt, ...)
+{
+    if (nLevel < logLevelFatal || nLevel > logLevelDebug) {
+        return 0;
+    }
+    va_list arguments;
+    va_start(arguments, fmt);
+    const int length = logFilterEx(nLevel, libName, "Unknown", "", 0, "", fmt, arguments);
+    va_end(arguments);
+    return length;
+}
 
 void setPrintLogLevel(int level)
 {
@@ -386,5 +385,3 @@ bool detachPrint(PrintProc proc)
 
 } // namespace Infra
 } // namespace Tarsel
-
-INFRA_DEFINE_LOG_SHORTS
