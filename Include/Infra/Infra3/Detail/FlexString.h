@@ -442,26 +442,26 @@ public:
 
     int compare(const E* text) const noexcept
     {
-        return view().compare(View(text, lengthOf(text)));
+        return Detail::compareViews(view(), View(text, lengthOf(text)));
     }
     int compare(size_type pos, size_type count, const E* text) const
     {
-        return view(pos, count).compare(View(text, lengthOf(text)));
+        return Detail::compareViews(view(pos, count), View(text, lengthOf(text)));
     }
     int compare(size_type pos, size_type count, const E* text, size_type textCount) const
     {
-        return view(pos, count).compare(View(text, text == nullptr ? 0 : textCount));
+        return Detail::compareViews(view(pos, count), View(text, text == nullptr ? 0 : textCount));
     }
     template <typename S, typename = IfText<S>>
     int compare(const S& text) const noexcept
     {
-        return view().compare(View(text));
+        return Detail::compareViews(view(), View(text));
     }
     template <typename S, typename = IfText<S>>
     int compare(size_type pos, size_type count, const S& text, size_type from = 0,
                 size_type textCount = npos) const
     {
-        return view(pos, count).compare(partOf(View(text), from, textCount));
+        return Detail::compareViews(view(pos, count), partOf(View(text), from, textCount));
     }
 
 private:
@@ -644,20 +644,14 @@ template <typename L, typename R>
 inline bool sameText(const L& left, const R& right) noexcept
 {
     typedef StringOf<L, R> S;
-    const ViewOf<S> a = viewOf<S>(left);
-    const ViewOf<S> b = viewOf<S>(right);
-    if constexpr (std::is_same<typename S::traits_type, std::char_traits<char>>::value) {
-        return a.size() == b.size() && sameBytes(a.data(), b.data(), a.size());
-    } else {
-        return a == b;
-    }
+    return sameViews(viewOf<S>(left), viewOf<S>(right));
 }
 
 template <typename L, typename R>
 inline int compareText(const L& left, const R& right) noexcept
 {
     typedef StringOf<L, R> S;
-    return viewOf<S>(left).compare(viewOf<S>(right));
+    return compareViews(viewOf<S>(left), viewOf<S>(right));
 }
 
 } // namespace Detail

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -37,6 +38,10 @@ namespace Detail
 [[noreturn]] INFRA_API void throwStringPosition();
 [[noreturn]] INFRA_API void throwStringLength();
 [[noreturn]] INFRA_API void throwStringMemory();
+
+/// A block from malloc with room for `bytes`: the same one where it has that, else a moved one. One
+/// that grows gets a little more than it asks for, because it will ask again.
+INFRA_API void* resizeStringBlock(void* block, size_t bytes, bool grows);
 
 /// A check of a string's own soundness; a function and not assert(), because the same inline code
 /// must come out of every user's build, with NDEBUG or without.
@@ -87,38 +92,77 @@ inline void moveText(E* target, const E* source, size_t count) noexcept
               count * sizeof(E));
 }
 
-/// True when `count` bytes, at least a `Word` and at most two, are the same.
+/// Compares two numbers that stand in memory with their first byte as the highest: the order of
+/// words is then that of the bytes in them.
 template <typename Word>
-inline bool sameEnds(const char* a, const char* b, size_t count) noexcept
+inline int compareWord(const char* a, const char* b) noexcept
 {
-    Word words[4];
-    memcpy(&words[0], a, sizeof(Word));
-    memcpy(&words[1], b, sizeof(Word));
-    memcpy(&words[2], a + count - sizeof(Word), sizeof(Word));
-    memcpy(&words[3], b + count - sizeof(Word), sizeof(Word));
-    return ((words[0] ^ words[1]) | (words[2] ^ words[3])) == 0;
+    Word left = 0;
+    Word right = 0;
+    memcpy(&left, a, sizeof(Word));
+    memcpy(&right, b, sizeof(Word));
+    if (left == right) {
+        return 0;
+    }
+    if constexpr (sizeof(Word) == 8) {
+        return __builtin_bswap64(left) < __builtin_bswap64(right) ? -1 : 1;
+    } else if constexpr (sizeof(Word) == 4) {
+        return __builtin_bswap32(left) < __builtin_bswap32(right) ? -1 : 1;
+    } else {
+        return __builtin_bswap16(left) < __builtin_bswap16(right) ? -1 : 1;
+    }
 }
 
-/// memcmp() == 0, without a call up to 32 bytes.
-inline bool sameBytes(const char* a, const char* b, size_t count) noexcept
+/// Compares `count` bytes, at least one word and at most two.
+template <typename Word>
+inline int compareEnds(const char* a, const char* b, size_t count) noexcept
+{
+    const int first = compareWord<Word>(a, b);
+    const size_t last = count - sizeof(Word);
+    return first != 0 ? first : compareWord<Word>(a + last, b + last);
+}
+
+/// memcmp without a call for the lengths that strings mostly have. Null is fine for 0 bytes.
+inline int compareBytes(const char* a, const char* b, size_t count) noexcept
 {
     if (count > 32) {
-        return memcmp(a, b, count) == 0;
+        return memcmp(a, b, count);
     }
     if (count > 16) {
-        return sameEnds<uint64_t>(a, b, 16) &&
-               sameEnds<uint64_t>(a + count - 16, b + count - 16, 16);
+        const int first = compareEnds<uint64_t>(a, b, 16);
+        const size_t last = count - 16;
+        return first != 0 ? first : compareEnds<uint64_t>(a + last, b + last, 16);
     }
     if (count >= 8) {
-        return sameEnds<uint64_t>(a, b, count);
+        return compareEnds<uint64_t>(a, b, count);
     }
     if (count >= 4) {
-        return sameEnds<uint32_t>(a, b, count);
+        return compareEnds<uint32_t>(a, b, count);
     }
     if (count >= 2) {
-        return sameEnds<uint16_t>(a, b, count);
+        return compareEnds<uint16_t>(a, b, count);
     }
-    return count == 0 || *a == *b;
+    return count == 0 ? 0 : static_cast<unsigned char>(*a) - static_cast<unsigned char>(*b);
+}
+
+/// basic_string_view::compare, without a call for short plain text.
+template <typename E, typename T>
+inline int compareViews(std::basic_string_view<E, T> a, std::basic_string_view<E, T> b) noexcept
+{
+    if constexpr (std::is_same<T, std::char_traits<char>>::value) {
+        const size_t common = a.size() < b.size() ? a.size() : b.size();
+        const int order = compareBytes(a.data(), b.data(), common);
+        return order != 0 ? order : (a.size() > b.size()) - (a.size() < b.size());
+    } else {
+        return a.compare(b);
+    }
+}
+
+/// True when both are the same; most different texts differ in length already.
+template <typename E, typename T>
+inline bool sameViews(std::basic_string_view<E, T> a, std::basic_string_view<E, T> b) noexcept
+{
+    return a.size() == b.size() && compareViews(a, b) == 0;
 }
 
 /// The head of a block; the characters begin with `buffer_` and go on behind it.
@@ -147,14 +191,20 @@ struct StringBlock
 };
 
 /// Blocks from malloc. A request is rounded up to what the system allocator hands out for it anyway
-/// (multiples of 16 bytes less its own word of 8); a block can then grow within its step for
-/// nothing, and it can grow by realloc.
+/// (multiples of 16 bytes less its own word of 8), so a block can grow within its step for nothing.
 template <typename E>
 struct MallocStringMemory
 {
     typedef StringBlock<E> Block;
 
-    static Block* allocate(size_t capacity) { return checked(malloc(bytes(capacity))); }
+    static Block* allocate(size_t capacity)
+    {
+        void* const memory = malloc(bytes(capacity));
+        if (__builtin_expect(memory == nullptr, 0)) {
+            throwStringMemory();
+        }
+        return static_cast<Block*>(memory);
+    }
 
     static void release(Block* block, size_t) noexcept { free(block); }
 
@@ -164,24 +214,16 @@ struct MallocStringMemory
         return bytes(from) == bytes(to);
     }
 
-    /// The block resized to `to`, elsewhere perhaps; its pointers are the caller's to renew.
-    static Block* resize(Block* block, size_t, size_t to)
+    /// The block with room for `to`, elsewhere perhaps; its pointers are the caller's to renew.
+    static Block* resize(Block* block, size_t from, size_t to)
     {
-        return checked(realloc(static_cast<void*>(block), bytes(to)));
+        return static_cast<Block*>(resizeStringBlock(block, bytes(to), to > from));
     }
 
 private:
     static constexpr size_t bytes(size_t capacity) noexcept
     {
         return ((Block::bytes(capacity) + 8 + 15) & ~size_t(15)) - 8;
-    }
-
-    static Block* checked(void* memory)
-    {
-        if (__builtin_expect(memory == nullptr, 0)) {
-            throwStringMemory();
-        }
-        return static_cast<Block*>(memory);
     }
 };
 
