@@ -3,8 +3,8 @@
 
 // fork() in a process with threads: the child gets a copy of all memory and of one thread. Whatever
 // another thread held or was changing at that moment stays so in the child for ever. So every
-// subsystem with process-wide state joins here: its locks are taken before the fork, in the library's
-// lock order, and in the child they are made anew and its threads are forgotten.
+// subsystem with process-wide state joins here: its locks are taken before the fork, in the
+// library's lock order, and in the child they are made anew and its threads are forgotten.
 
 #include "Infra/Infra3/Mutex.h"
 #include "Infra/Infra3/RecursiveMutex.h"
@@ -23,6 +23,7 @@ enum class ForkRank
     threads,
     packets,
     values,
+    errors,
     log,
     count
 };
@@ -38,6 +39,9 @@ struct ForkPart
 /// Sets the part of one rank; a second call for the same rank replaces it. `part` is kept and must
 /// live for ever. Safe from any thread, before main() too.
 void joinFork(ForkRank rank, const ForkPart& part);
+
+/// Registers the process's fork handlers, once; joinFork does it by itself.
+void watchForks();
 
 /// Makes a lock of the parent's anew in the child, whoever held it.
 struct ForkAccess

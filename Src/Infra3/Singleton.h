@@ -13,8 +13,9 @@ namespace Tarsel
 namespace Infra
 {
 
-/// The one lock under which every manager is made. Recursive, because managers make each other; never
-/// destroyed, because exit handlers may still call in. It is the outermost lock of the library.
+/// The one lock under which every manager is made. Recursive, because managers make each other;
+/// never destroyed, because exit handlers may still call in. It is the outermost lock of the
+/// library.
 CRecursiveMutex& singletonMutex();
 
 /// Has `atExit` called when the process exits; a failure is logged as "atexit failed!\n" and

@@ -9,8 +9,8 @@
 namespace Tarsel
 {
 
-/// Codes that the core runtime stores as a thread's last error. 1 to 34 are Linux's errno numbers of
-/// the same names; those above differ from Linux's, so errno is never stored unchanged.
+/// Codes that the core runtime stores as a thread's last error. 1 to 34 are Linux's errno numbers
+/// of the same names; those above differ from Linux's, so errno is never stored unchanged.
 enum InfraError : int32_t
 {
     errorPERM = 1,
@@ -118,8 +118,8 @@ INFRA_API void setLastError(int eno);
 /// The code that the calling thread stored last; 0, no error, when it never did.
 INFRA_API int getLastError();
 
-/// Stores a copy of `msg` as the text for `eno`, in place of an earlier one; null is the empty text.
-/// Safe from any thread. Leaves the last error alone.
+/// Stores a copy of `msg` as the text for `eno`, in place of an earlier one; null is the empty
+/// text. Safe from any thread. Leaves the last error alone.
 INFRA_API void setErrMsg(int eno, const char* msg);
 /// The same for a string object.
 INFRA_API void setErrorMessage(int eno, const CString2& msg);

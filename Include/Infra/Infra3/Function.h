@@ -44,8 +44,7 @@ struct TIdentity
 /// Member pointers of every class are kept as pointers of this one; under the platform's ABI they
 /// all have the same two words. It has to be complete, or compilers would choose another layout.
 class CDelegateTarget
-{
-};
+{};
 
 inline const char* withoutLeadingStar(const char* typeName)
 {
@@ -54,8 +53,8 @@ inline const char* withoutLeadingStar(const char* typeName)
 
 /// The delegate behind TFunction0 to TFunction8.
 ///
-/// Always true: the union holds a free function exactly when `m_type` is typePointer, nothing when it
-/// is typeEmpty, and a member pointer with its object otherwise.
+/// Always true: the union holds a free function exactly when `m_type` is typePointer, nothing when
+/// it is typeEmpty, and a member pointer with its object otherwise.
 template <typename R, typename... A>
 class TDelegate
 {
@@ -76,21 +75,18 @@ public:
                               std::is_class<F>::value && std::is_convertible<F, Pointer>::value &&
                               !std::is_base_of<TDelegate, F>::value>::type>
     TDelegate(F function) : TDelegate(static_cast<Pointer>(function)) // NOLINT
-    {
-    }
+    {}
 
-    /// Binds a member function and the object to call it on. The object belongs to the caller and has
-    /// to outlive the calls.
+    /// Binds a member function and the object to call it on. The object belongs to the caller and
+    /// has to outlive the calls.
     template <typename O>
     TDelegate(R (O::*member)(A...), const typename TIdentity<O>::Type* object)
         : TDelegate(member, object, typeMember)
-    {
-    }
+    {}
     template <typename O>
     TDelegate(R (O::*member)(A...) const, const typename TIdentity<O>::Type* object)
         : TDelegate(member, object, typeMember)
-    {
-    }
+    {}
 
     /// Binds a member function under a reuse number (16 or more, or typeAllReuse), which the member
     /// reads with getCurrentFunctionReuse() while it runs. A smaller number binds plainly.
@@ -101,8 +97,7 @@ public:
         bindMember<O>(reinterpret_cast<Member>(member), object, reuse);
     }
     template <typename O>
-    TDelegate(R (O::*member)(A...) const, const typename TIdentity<O>::Type* object,
-              uint32_t reuse)
+    TDelegate(R (O::*member)(A...) const, const typename TIdentity<O>::Type* object, uint32_t reuse)
         : TDelegate()
     {
         bindMember<O>(reinterpret_cast<Member>(member), object, reuse);
@@ -161,7 +156,8 @@ private:
         Member member;
         CDelegateTarget* object;
     };
-    union Held {
+    union Held
+    {
         Bound bound;
         Pointer ptrFunction;
         Held() noexcept : bound() {}
@@ -171,8 +167,8 @@ private:
     void bindMember(Member member, const O* object, uint32_t type)
     {
         m_function.bound.member = member;
-        m_function.bound.object =
-            reinterpret_cast<CDelegateTarget*>(const_cast<typename std::remove_const<O>::type*>(object));
+        m_function.bound.object = reinterpret_cast<CDelegateTarget*>(
+            const_cast<typename std::remove_const<O>::type*>(object));
         m_type = type < typeReuse ? static_cast<uint32_t>(typeMember) : type;
         m_objectType = withoutLeadingStar(typeid(const O*).name());
     }

@@ -77,13 +77,14 @@ struct LogModuleInfo
 /// @param module      the library that speaks, "Infra" for this one
 /// @param file        only the part behind the last '/' is printed
 /// @param svnversion  revision of the caller's build; null is ""
-/// @return characters of the line, prefix included; 8192 when it was cut; 0 when nothing was printed
+/// @return characters of the line, prefix included; 8192 when it was cut; 0 when nothing was
+/// printed
 INFRA_API INFRA_PRINTF_FORMAT(7, 8) int logFilter(int level, const char* module, const char* file,
                                                   const char* func, int line,
                                                   const char* svnversion, const char* fmt, ...);
 /// The same with the arguments in a list.
-INFRA_API INFRA_PRINTF_FORMAT(7, 0) int logFilterEx(int level, const char* module,
-                                                    const char* file, const char* func, int line,
+INFRA_API INFRA_PRINTF_FORMAT(7, 0) int logFilterEx(int level, const char* module, const char* file,
+                                                    const char* func, int line,
                                                     const char* svnversion, const char* fmt,
                                                     va_list ap);
 
@@ -95,8 +96,8 @@ INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logInfo(const char* fmt, ...);
 INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logTrace(const char* fmt, ...);
 INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logDebug(const char* fmt, ...);
 /// The same for module `libName`; prints nothing and returns 0 for a level outside 1 to 6.
-INFRA_API INFRA_PRINTF_FORMAT(3, 4) int logLibName(int nLevel, const char* libName,
-                                                   const char* fmt, ...);
+INFRA_API INFRA_PRINTF_FORMAT(3, 4) int logLibName(int nLevel, const char* libName, const char* fmt,
+                                                   ...);
 
 /// The highest level that is printed. Not checked; takes effect with the next call of any thread.
 INFRA_API void setPrintLogLevel(int level);
@@ -128,11 +129,11 @@ typedef TFunction1<bool, const char*> PrintProc;
 INFRA_API int setLogPrinter(LogPrinterProc printer);
 
 /// Appends `proc` to the print procedures. False when it is empty or there already.
-/// Procedures are called on the logging thread, in the order attached, without a lock held: they may
-/// log, attach and detach.
+/// Procedures are called on the logging thread, in the order attached, without a lock held: they
+/// may log, attach and detach.
 INFRA_API bool attachPrint(PrintProc proc);
-/// Removes `proc` from the print procedures; false when it is not there. Another thread may be inside
-/// the procedure for the length of one more call.
+/// Removes `proc` from the print procedures; false when it is not there. Another thread may be
+/// inside the procedure for the length of one more call.
 INFRA_API bool detachPrint(PrintProc proc);
 
 } // namespace Infra
@@ -145,8 +146,8 @@ INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logWarn(const char* fmt, ...);
 INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logInfo(const char* fmt, ...);
 INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logTrace(const char* fmt, ...);
 INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logDebug(const char* fmt, ...);
-INFRA_API INFRA_PRINTF_FORMAT(3, 4) int logLibName(int nLevel, const char* libName,
-                                                   const char* fmt, ...);
+INFRA_API INFRA_PRINTF_FORMAT(3, 4) int logLibName(int nLevel, const char* libName, const char* fmt,
+                                                   ...);
 /// Tarsel::Infra::dumpHex.
 INFRA_API void DumpHex(unsigned char* pdat, unsigned long length);
 

@@ -12,8 +12,8 @@ struct RWMutexInternal;
 
 /// A lock that many readers or one writer may hold.
 ///
-/// Behaviour: `priorityDefault` lets readers in while a writer waits; `priorityWrite` lets a waiting
-/// writer go before new readers, and then a thread must not enter for reading twice.
+/// Behaviour: `priorityDefault` lets readers in while a writer waits; `priorityWrite` lets a
+/// waiting writer go before new readers, and then a thread must not enter for reading twice.
 /// Failure: constructor and destructor end the process when the system refuses. A failed
 /// `enterWriting` (the caller holds the lock for writing already, for instance) or `leave` logs a
 /// warning with the system's text; a failed `enterReading` logs nothing.

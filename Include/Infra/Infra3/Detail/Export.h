@@ -1,7 +1,8 @@
 #ifndef INFRA_INFRA3_DETAIL_EXPORT_H
 #define INFRA_INFRA3_DETAIL_EXPORT_H
 
-/* Marks what libInfra.so offers. Everything else of the library is hidden. Plain C may include it. */
+/* Marks what libInfra.so offers. Everything else of the library is hidden. Plain C may include it.
+ */
 #define INFRA_API __attribute__((visibility("default")))
 
 /* `text` and `first` are the positions of the format text and of its first argument, counted from

@@ -1,0 +1,98 @@
+// Error.cpp: the last error of each thread, and the texts of error codes.
+
+#include "Infra/Infra3/Error.h"
+
+#include <map>
+#include <string>
+#include <utility>
+
+#include "Infra/Infra3/Guard.h"
+#include "Infra3/BoundedText.h"
+#include "Infra3/Fork.h"
+#include "Infra3/Singleton.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+namespace
+{
+
+/// A plain word, so that a thread may store an error at any time of its life and of the process's.
+constinit thread_local int s_lastError = 0;
+
+/// Texts by code. An entry, once made, stays; replacing its text ends the life of the earlier one.
+class CErrorMessageManager
+{
+public:
+    static CErrorMessageManager* instance() { return TSingleton<CErrorMessageManager>::instance(); }
+
+    /// Threads that still run at exit may be in here, and may hold pointers to texts.
+    static bool mayDestroy(CErrorMessageManager*) { return false; }
+
+    CErrorMessageManager() { joinFork(ForkRank::errors, s_forkPart); }
+
+    void set(int code, CString2 text)
+    {
+        CGuard guard(m_mutex);
+        m_msgmap[code] = std::move(text);
+    }
+
+    const char* get(int code)
+    {
+        CGuard guard(m_mutex);
+        const auto entry = m_msgmap.find(code);
+        return entry == m_msgmap.end() ? "" : entry->second.c_str();
+    }
+
+    CString2 copy(int code)
+    {
+        CGuard guard(m_mutex);
+        const auto entry = m_msgmap.find(code);
+        return entry == m_msgmap.end() ? CString2() : entry->second;
+    }
+
+private:
+    static void prepareFork() { instance()->m_mutex.enter(); }
+    static void resumeParent() { instance()->m_mutex.leave(); }
+    static void resumeChild() { ForkAccess::renew(instance()->m_mutex); }
+    static constexpr ForkPart s_forkPart = {prepareFork, resumeParent, resumeChild};
+
+    CMutex m_mutex; // guards the map; nothing is called while it is held
+    std::map<int, std::string> m_msgmap;
+};
+
+} // namespace
+
+void setLastError(int eno)
+{
+    s_lastError = eno;
+}
+
+int getLastError()
+{
+    return s_lastError;
+}
+
+void setErrMsg(int eno, const char* msg)
+{
+    CErrorMessageManager::instance()->set(eno, textOrEmpty(msg));
+}
+
+void setErrorMessage(int eno, const CString2& msg)
+{
+    CErrorMessageManager::instance()->set(eno, msg);
+}
+
+const char* getErrMsg(int eno)
+{
+    return CErrorMessageManager::instance()->get(eno);
+}
+
+CString2 getErrorMessage(int eno)
+{
+    return CErrorMessageManager::instance()->copy(eno);
+}
+
+} // namespace Infra
+} // namespace Tarsel

@@ -1,0 +1,390 @@
+// PrintLog.cpp: the log path, from the filter to the last receiver.
+//
+// A call passes the level test first, one load and one comparison. What is left goes to standard
+// output or the printer, to the print procedures, to the log file and into the statistics, in this
+// order. The path to standard output takes no lock of ours and allocates nothing; printer and
+// procedures are copied (by reference) under a lock and called without it, so they may log, attach
+// and detach.
+
+#include "Infra/Infra3/PrintLog.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "Infra/Infra3/CPrintLog.h"
+#include "Infra/Infra3/Guard.h"
+#include "Infra3/Fork.h"
+#include "Infra3/Immortal.h"
+#include "Infra3/LogLine.h"
+#include "Infra3/LogSink.h"
+#include "Infra3/PlainShared.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+namespace
+{
+
+/// Printers and procedures may log; one that does so without end is stopped here instead of by the
+/// end of its stack.
+constexpr int deepestNesting = 16;
+constinit thread_local int t_nesting = 0;
+
+class CNesting
+{
+public:
+    CNesting() { ++t_nesting; }
+    ~CNesting() { --t_nesting; }
+    CNesting(const CNesting&) = delete;
+    CNesting& operator=(const CNesting&) = delete;
+    bool tooDeep() const { return t_nesting > deepestNesting; }
+};
+
+constinit PrintOptions s_options = {};
+constinit std::atomic<const LogSink*> s_sink{nullptr};
+constinit std::atomic<bool> s_statisticsOn{false};
+
+/// Set while a printer or a procedure is installed, so that the usual path does not touch the lock.
+constinit std::atomic<bool> s_hasPrinter{false};
+constinit std::atomic<bool> s_hasProcedures{false};
+
+typedef std::vector<PrintProc> ProcedureList;
+
+void prepareFork();
+void resumeParent();
+void resumeChild();
+constexpr ForkPart s_forkPart = {prepareFork, resumeParent, resumeChild};
+
+struct Receivers
+{
+    Receivers() { joinFork(ForkRank::log, s_forkPart); }
+
+    CMutex receiverMutex; // guards the two below; nothing is called while it is held
+    LogPrinterProc printer;
+    std::shared_ptr<const ProcedureList> procedures; ///< never changed, only replaced
+
+    CMutex statisticsMutex; // guards the table; never held together with receiverMutex but to fork
+    std::map<std::string, LogModuleInfo, std::less<>> statistics;
+};
+
+Receivers& receivers()
+{
+    return immortal<Receivers, Receivers>();
+}
+
+void prepareFork()
+{
+    receivers().receiverMutex.enter();
+    receivers().statisticsMutex.enter();
+}
+
+void resumeParent()
+{
+    receivers().statisticsMutex.leave();
+    receivers().receiverMutex.leave();
+}
+
+void resumeChild()
+{
+    ForkAccess::renew(receivers().receiverMutex);
+    ForkAccess::renew(receivers().statisticsMutex);
+}
+
+LogPrinterProc currentPrinter()
+{
+    if (!s_hasPrinter.load(std::memory_order_acquire)) {
+        return {};
+    }
+    CGuard guard(receivers().receiverMutex);
+    return receivers().printer;
+}
+
+std::shared_ptr<const ProcedureList> currentProcedures()
+{
+    if (!s_hasProcedures.load(std::memory_order_acquire)) {
+        return nullptr;
+    }
+    CGuard guard(receivers().receiverMutex);
+    return receivers().procedures;
+}
+
+bool isModuleOff(const char* module)
+{
+    if (loadPlain(Infra_openLog) != OPEN_PARITAL || module == nullptr) {
+        return false;
+    }
+    const LogSink* const sink = s_sink.load(std::memory_order_acquire);
+    return sink != nullptr && sink->isModuleOff(module);
+}
+
+bool isPrinted(int level, const char* module)
+{
+    return level <= loadPlain(Infra_printLogLevel) && loadPlain(Infra_openLog) != CLOSE_LOG &&
+           !isModuleOff(module);
+}
+
+const char* lastPathPart(const char* file)
+{
+    const char* const slash = file == nullptr ? nullptr : strrchr(file, '/');
+    return slash == nullptr ? file : slash + 1;
+}
+
+/// Printer or standard output, then the procedures, then the colour reset that is due.
+void deliver(char* text, const LogOrigin& origin, bool beginsLine)
+{
+    const LogPrinterProc printer = currentPrinter();
+    const std::shared_ptr<const ProcedureList> procedures = currentProcedures();
+    const bool handedOn = !printer.empty() || procedures != nullptr;
+    if (printer.empty()) {
+        writeLine(text, origin.level, beginsLine, /*mayReset*/ !handedOn);
+    } else {
+        if (beginsLine) {
+            writeColor(origin.level);
+        }
+        printer(text);
+    }
+    if (procedures != nullptr) {
+        for (const PrintProc& procedure : *procedures) {
+            procedure(text);
+        }
+    }
+    if (handedOn) {
+        writeDueReset();
+    }
+    if ((origin.level == logLevelFatal || origin.level == logLevelError) && hasLineEnded()) {
+        fflush(stdout);
+    }
+}
+
+void writeToFile(const char* text, int length, const Infra_SystemTimeEx& now)
+{
+    const LogSink* const sink = s_sink.load(std::memory_order_acquire);
+    if (sink != nullptr && loadPlain(s_options.tologfile) == 0) {
+        sink->write(text, static_cast<size_t>(std::min(length, lineRoom - 1)), now);
+    }
+}
+
+void countBytes(const char* module, int length)
+{
+    if (!s_statisticsOn.load(std::memory_order_relaxed) || module == nullptr || *module == '\0') {
+        return;
+    }
+    CGuard guard(receivers().statisticsMutex);
+    auto& table = receivers().statistics;
+    auto entry = table.find(std::string_view(module));
+    if (entry == table.end()) {
+        entry = table.emplace(module, LogModuleInfo{}).first;
+    }
+    uint64_t& bytes = entry->second.printedBytes;
+    const uint64_t room = std::numeric_limits<uint64_t>::max() - bytes;
+    bytes += std::min(room, static_cast<uint64_t>(length));
+}
+
+} // namespace
+
+void setLogSink(const LogSink* sink)
+{
+    s_sink.store(sink, std::memory_order_release);
+}
+
+void setLogStatistics(bool on)
+{
+    s_statisticsOn.store(on, std::memory_order_relaxed);
+}
+
+int logFilterEx(int level, const char* module, const char* file, const char* func, int line,
+                const char* svnversion, const char* fmt, va_list ap)
+{
+    const int printedLevel = level == logLevelDebug ? static_cast<int>(logLevelTrace) : level;
+    if (!isPrinted(printedLevel, module)) {
+        return 0;
+    }
+    const CNesting nesting;
+    if (nesting.tooDeep()) {
+        return 0;
+    }
+    const CErrnoKeeper keeper;
+    const bool withRevision = svnversion != nullptr && loadPlain(s_options.version) == 0;
+    const LogOrigin origin = {printedLevel, module, lastPathPart(file),
+                              func,         line,   withRevision ? svnversion : ""};
+    const LogMoment moment = currentMoment();
+    int length = 0;
+    formatAndDeliver(origin, moment, keeper, fmt, ap, [&](char* text, LogText made) {
+        deliver(text, origin, moment.beginsLine);
+        length = made.length > lineRoom ? cutLineLength : made.length;
+        writeToFile(text, length, moment.time);
+        countBytes(module, length);
+    });
+    return length;
+}
+
+int logFilter(int level, const char* module, const char* file, const char* func, int line,
+              const char* svnversion, const char* fmt, ...)
+{
+    if (level != logLevelDebug && level > loadPlain(Infra_printLogLevel)) {
+        return 0;
+    }
+    va_list arguments;
+    va_start(arguments, fmt);
+    const int length = logFilterEx(level, module, file, func, line, svnversion, fmt, arguments);
+    va_end(arguments);
+    return length;
+}
+
+// The short forms differ in level and namespace only.
+#define INFRA_DEFINE_LOG_SHORT(name, level)                                                        \
+    int name(const char* fmt, ...)                                                                 \
+    {                                                                                              \
+        va_list arguments;                                                                         \
+        va_start(arguments, fmt);                                                                  \
+        const int length = ::Tarsel::Infra::logFilterEx((level), "Unknown", "Unknown", "", 0, "",  \
+                                                        fmt, arguments);                           \
+        va_end(arguments);                                                                         \
+        return length;                                                                             \
+    }
+#define INFRA_DEFINE_LOG_SHORTS                                                                    \
+    INFRA_DEFINE_LOG_SHORT(logFatal, ::Tarsel::Infra::logLevelFatal)                               \
+    INFRA_DEFINE_LOG_SHORT(logError, ::Tarsel::Infra::logLevelError)                               \
+    INFRA_DEFINE_LOG_SHORT(logWarn, ::Tarsel::Infra::logLevelWarn)                                 \
+    INFRA_DEFINE_LOG_SHORT(logInfo, ::Tarsel::Infra::logLevelInfo)                                 \
+    INFRA_DEFINE_LOG_SHORT(logTrace, ::Tarsel::Infra::logLevelTrace)                               \
+    INFRA_DEFINE_LOG_SHORT(logDebug, ::Tarsel::Infra::logLevelTrace)                               \
+    int logLibName(int nLevel, const char* libName, const char* fmt, ...)                          \
+    {                                                                                              \
+        if (nLevel < ::Tarsel::Infra::logLevelFatal || nLevel > ::Tarsel::Infra::logLevelDebug) {  \
+            return 0;                                                                              \
+        }                                                                                          \
+        va_list arguments;                                                                         \
+        va_start(arguments, fmt);                                                                  \
+        const int length =                                                                         \
+            ::Tarsel::Infra::logFilterEx(nLevel, libName, "Unknown", "", 0, "", fmt, arguments);   \
+        va_end(arguments);                                                                         \
+        return length;                                                                             \
+    }
+
+INFRA_DEFINE_LOG_SHORTS
+
+void setPrintLogLevel(int level)
+{
+    storePlain(Infra_printLogLevel, level);
+}
+
+int getPrintLogLevel()
+{
+    return loadPlain(Infra_printLogLevel);
+}
+
+namespace
+{
+
+/// The thirteen flags of both option records, which have the same layout.
+constexpr size_t optionFlags = offsetof(PrintOptions, resv);
+static_assert(optionFlags == 13 && offsetof(Infra_PrintOptions, resv) == optionFlags);
+
+void storeBytes(void* target, const void* source, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        storePlain(static_cast<uint8_t*>(target)[i], static_cast<const uint8_t*>(source)[i]);
+    }
+}
+
+} // namespace
+
+void setPrintOptions(PrintOptions printOptions)
+{
+    storeBytes(&s_options, &printOptions, sizeof(printOptions));
+    storeBytes(Infra_getPrintOption(), &printOptions, optionFlags);
+}
+
+int getPrintOptions(PrintOptions* printOptions)
+{
+    if (printOptions != nullptr) {
+        for (size_t i = 0; i < sizeof(PrintOptions); ++i) {
+            reinterpret_cast<uint8_t*>(printOptions)[i] =
+                loadPlain(reinterpret_cast<const uint8_t*>(&s_options)[i]);
+        }
+    }
+    return 0;
+}
+
+std::map<std::string, LogModuleInfo> getLogStatistics()
+{
+    CGuard guard(receivers().statisticsMutex);
+    return {receivers().statistics.begin(), receivers().statistics.end()};
+}
+
+void logCleanup()
+{
+    const LogSink* const sink = s_sink.load(std::memory_order_acquire);
+    if (sink != nullptr) {
+        sink->close();
+    }
+}
+
+int setLogPrinter(LogPrinterProc printer)
+{
+    CGuard guard(receivers().receiverMutex);
+    receivers().printer = printer;
+    s_hasPrinter.store(!printer.empty(), std::memory_order_release);
+    return 0;
+}
+
+namespace
+{
+
+/// Both under receiverMutex.
+ProcedureList copiedProceduresLocked()
+{
+    const auto& procedures = receivers().procedures;
+    return procedures == nullptr ? ProcedureList() : *procedures;
+}
+
+void replaceProceduresLocked(ProcedureList list)
+{
+    s_hasProcedures.store(!list.empty(), std::memory_order_release);
+    receivers().procedures =
+        list.empty() ? nullptr : std::make_shared<const ProcedureList>(std::move(list));
+}
+
+} // namespace
+
+bool attachPrint(PrintProc proc)
+{
+    if (proc.empty()) {
+        return false;
+    }
+    CGuard guard(receivers().receiverMutex);
+    ProcedureList list = copiedProceduresLocked();
+    if (std::find(list.begin(), list.end(), proc) != list.end()) {
+        return false;
+    }
+    list.push_back(proc);
+    replaceProceduresLocked(std::move(list));
+    return true;
+}
+
+bool detachPrint(PrintProc proc)
+{
+    CGuard guard(receivers().receiverMutex);
+    ProcedureList list = copiedProceduresLocked();
+    const auto entry = std::find(list.begin(), list.end(), proc);
+    if (entry == list.end()) {
+        return false;
+    }
+    list.erase(entry);
+    replaceProceduresLocked(std::move(list));
+    return true;
+}
+
+} // namespace Infra
+} // namespace Tarsel
+
+INFRA_DEFINE_LOG_SHORTS
