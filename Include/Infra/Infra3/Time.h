@@ -146,16 +146,16 @@ public:
     /// | run of y, M or d  | the next of year, month, day in the date order, whatever the letter  |
     /// | run of H and h    | the hour; two digits from a run of two on, else as many as it has    |
     /// | run of m, of s    | minute, second, likewise                                             |
-    /// | t                 | "AM" or "PM"; with 24 hours nothing, and blanks before it are dropped |
-    /// | - . /             | the date separator                                                   |
-    /// | anything else     | itself                                                               |
+    /// | t                 | "AM" or "PM"; with 24 hours nothing, and blanks before it are dropped
+    /// | | - . /             | the date separator | | anything else     | itself |
     ///
     /// All 'y' of the text together say how the year is written (three and more: four digits, else
-    /// two), all 'M' and all 'd' how month and day are (two and more: two digits); what has no letter
-    /// is left out. Date order, separator and 12 or 24 hours are the process-wide settings except
-    /// where `mask` (FormatMask) takes them from `format`. Without all three letters the order cannot
-    /// be taken from `format`: year, month, day is used and an error logged.
-    /// @param buf     room for the result and its NUL, which the caller provides; null logs an error
+    /// two), all 'M' and all 'd' how month and day are (two and more: two digits); what has no
+    /// letter is left out. Date order, separator and 12 or 24 hours are the process-wide settings
+    /// except where `mask` (FormatMask) takes them from `format`. Without all three letters the
+    /// order cannot be taken from `format`: year, month, day is used and an error logged.
+    /// @param buf     room for the result and its NUL, which the caller provides; null logs an
+    /// error
     /// @param format  null is the default text (getFormat)
     void format(char* buf, const char* format, int mask) const;
 
@@ -163,15 +163,17 @@ public:
     /// normalises.
     ///
     /// `format` gives the order of the date by its first 'y', 'M' and 'd'; with another order than
-    /// the three of DateFormat the date stays as it is. With an 'h' in it, `buf` has to contain "PM"
-    /// or "AM" and an hour up to 12. `mask` is not used.
-    /// @return false after an error line when there are fewer numbers or the hour does not fit: then
+    /// the three of DateFormat the date stays as it is. With an 'h' in it, `buf` has to contain
+    /// "PM" or "AM" and an hour up to 12. `mask` is not used.
+    /// @return false after an error line when there are fewer numbers or the hour does not fit:
+    /// then
     ///         date and time are 0, `wday` and `isdst` as before
     bool parse(const char* buf, const char* format, int mask);
 
     /// Sets the default text, and from it the process-wide separator ('.', '/' or '-', the first of
     /// these that it contains), date order, and 12 hours if it contains 'h'. Null is "". A text
-    /// without separator or without a date order gives '-' and year, month, day, with an error line.
+    /// without separator or without a date order gives '-' and year, month, day, with an error
+    /// line.
     static void setFormatString(const char* format);
     static void setFormat(const std::string& format);
     /// A copy of the default text, "yyyy-MM-dd HH:mm:ss" at first.
@@ -180,8 +182,8 @@ public:
     static bool get12Hour();
     static char getSeparator();
 
-    /// The monotonic clock in milliseconds: the time base of threads, timers and deadlines. One read
-    /// of the clock, no lock. 0 after an error line when the system has no such clock.
+    /// The monotonic clock in milliseconds: the time base of threads, timers and deadlines. One
+    /// read of the clock, no lock. 0 after an error line when the system has no such clock.
     static uint64_t getCurrentMilliSecond();
     /// The same in microseconds.
     static uint64_t getCurrentMicroSecond();
@@ -201,8 +203,8 @@ public:
     static long getTimeZone();
     static int disableTimezone();
 
-    /// Sets the zone that getUTCForEmbed reports, in seconds east of UTC, -43200 to 50400; false for
-    /// another value. The conversions of this class stay with the system's zone.
+    /// Sets the zone that getUTCForEmbed reports, in seconds east of UTC, -43200 to 50400; false
+    /// for another value. The conversions of this class stay with the system's zone.
     static bool setTimeZone(int diffSecond);
     /// Sets the daylight-saving mark of the process. Returns true.
     static bool setDst(bool flag);
@@ -210,14 +212,14 @@ public:
     static int getDst();
     /// `zone_time` of a row of the zone table; 0 after an error line for a number outside 0 to 35.
     static int getTimeZonefromTable(int zoneIndex);
-    /// The print time in UTC by the zone and the mark that were set. False, and `utc` untouched, until
-    /// both have been.
+    /// The print time in UTC by the zone and the mark that were set. False, and `utc` untouched,
+    /// until both have been.
     static bool getUTCForEmbed(UTCTimeDef& utc);
 
     /// Sets the system time, by way of the hook.
     ///
-    /// The hook that the process has by default is setSysCurrentTime. A hook of the application's own
-    /// is called instead, and the modify procedures afterwards if it was attached so.
+    /// The hook that the process has by default is setSysCurrentTime. A hook of the application's
+    /// own is called instead, and the modify procedures afterwards if it was attached so.
     /// @param time              local time; normalised first
     /// @param toleranceSeconds  nonzero: leave the clock if it is off by no more than this
     static void setCurrentTime(const CTime& time, int toleranceSeconds = 0);
@@ -253,11 +255,11 @@ inline constexpr CTime CTime::maxTime{SystemTime{2038, 1, 1, 5, 0, 0, 0, -1}};
 
 /// Sets the system clock and the hardware clock: the hook that is in place until another one is.
 ///
-/// `time` is clamped to CTime::minTime and maxTime. Within `toleranceSeconds` (nonzero) of the clock
-/// nothing happens. Else the clock is set, "hwclock -w" is run, and the modify procedures are called.
-/// Failure: logged, with the last error infraErrorModifySysTimeFailed (the clock was refused, and
-/// nothing more is done) or infraErrorSyncRtcTimeFailed (the hardware clock was, and there is no
-/// modify procedure).
+/// `time` is clamped to CTime::minTime and maxTime. Within `toleranceSeconds` (nonzero) of the
+/// clock nothing happens. Else the clock is set, "hwclock -w" is run, and the modify procedures are
+/// called. Failure: logged, with the last error infraErrorModifySysTimeFailed (the clock was
+/// refused, and nothing more is done) or infraErrorSyncRtcTimeFailed (the hardware clock was, and
+/// there is no modify procedure).
 INFRA_API void setSysCurrentTime(const CTime& time, int toleranceSeconds);
 /// The same to the millisecond.
 INFRA_API void setSysCurrentTimeEx(const SystemTimeEx& time, int toleranceSeconds);

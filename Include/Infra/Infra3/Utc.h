@@ -19,8 +19,8 @@ struct SystemTime;
 // while the calendar does not: from 2100-01-01 on a date's seconds are one day ahead of the
 // system's, and seconds give the system's date until 2100-11-29, the day before it afterwards.
 
-/// Seconds from 1970-01-01 00:00:00 to `time`, both in the same zone. A field out of range counts as
-/// normalize_time would leave it; `wday` and `isdst` are not looked at.
+/// Seconds from 1970-01-01 00:00:00 to `time`, both in the same zone. A field out of range counts
+/// as normalize_time would leave it; `wday` and `isdst` are not looked at.
 INFRA_API uint64_t time_to_seconds(const SystemTime& time);
 
 /// The inverse of time_to_seconds; sets `wday` and leaves `isdst` alone.
@@ -45,8 +45,8 @@ INFRA_API void normalize_time(SystemTime& time);
 /// The day of the week, 0 for Sunday to 6. A date out of range is normalised first.
 INFRA_API int Date_to_weekday(int year, int month, int day);
 
-/// Seconds that the local zone is west of UTC (negative in the east), as the system's `timezone` has
-/// it; 0 after disable_timezone().
+/// Seconds that the local zone is west of UTC (negative in the east), as the system's `timezone`
+/// has it; 0 after disable_timezone().
 INFRA_API long get_timezone();
 
 /// From now on every conversion takes local time for UTC. Cannot be undone. Returns 0.
