@@ -1,12 +1,12 @@
 #ifndef INFRA_SRC_INFRA3_LOGFRONT_H
 #define INFRA_SRC_INFRA3_LOGFRONT_H
 
-// The library's own way to log: one macro call a message. The macro only collects the place and tests
-// the level; arguments are not evaluated while the level is off.
+// The library's own way to log: one macro call a message. The macro only collects the place and
+// tests the level; arguments are not evaluated while the level is off.
 //
-// A log printer is application code, so no message may go out while a lock of ours is held. Whoever has
-// to speak under a lock opens a CLogHold before taking it: the thread's messages are then kept, and go
-// out in their order when the outermost hold ends.
+// A log printer is application code, so no message may go out while a lock of ours is held. Whoever
+// has to speak under a lock opens a CLogHold before taking it: the thread's messages are then kept,
+// and go out in their order when the outermost hold ends.
 
 #include <string>
 #include <vector>
@@ -33,12 +33,13 @@ struct LogPlace
     int line;
 };
 
-/// logFilter for module "Infra" and this build's revision; kept back while the thread has a CLogHold.
+/// logFilter for module "Infra" and this build's revision; kept back while the thread has a
+/// CLogHold.
 __attribute__((format(printf, 3, 4))) void logFront(int level, const LogPlace& place,
                                                     const char* format, ...);
 
-/// Keeps the calling thread's messages back until the outermost hold ends. Declare it before the guard
-/// of the lock. Costs nothing while nobody speaks.
+/// Keeps the calling thread's messages back until the outermost hold ends. Declare it before the
+/// guard of the lock. Costs nothing while nobody speaks.
 class CLogHold
 {
 public:

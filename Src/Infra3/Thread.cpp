@@ -218,10 +218,24 @@ bool startSystemThreadLocked(CThread* self, ThreadInternal& record)
 
 ThreadInternal::ThreadInternal(CThread* owner, const char* name, int priority, int policy,
                                int stackSize)
-    : m_handle(0), m_running(0), m_policy(policy), m_nPriority(priority), m_dwStackSize(stackSize),
-      m_ID(-1), m_Name(), m_pPrev(nullptr), m_pNext(nullptr), m_cSemaphore(0), m_expectedTime(0),
-      m_bLoop(false), m_destroyed(false), m_destroyBlock(true), m_stackSizeEnabled(false),
-      m_manager(ThreadManagerInternal::instance()), m_owner(owner), m_prevRecord(nullptr),
+    : m_handle(0),
+      m_running(0),
+      m_policy(policy),
+      m_nPriority(priority),
+      m_dwStackSize(stackSize),
+      m_ID(-1),
+      m_Name(),
+      m_pPrev(nullptr),
+      m_pNext(nullptr),
+      m_cSemaphore(0),
+      m_expectedTime(0),
+      m_bLoop(false),
+      m_destroyed(false),
+      m_destroyBlock(true),
+      m_stackSizeEnabled(false),
+      m_manager(ThreadManagerInternal::instance()),
+      m_owner(owner),
+      m_prevRecord(nullptr),
       m_nextRecord(nullptr)
 {
     setName(name);
@@ -270,8 +284,7 @@ void setCurrentThreadRecord(ThreadInternal* record)
 
 CThread::CThread(const char* name, int priority, int policy, int stackSize)
     : m_internal(new ThreadInternal(this, name, priority, policy, stackSize))
-{
-}
+{}
 
 CThread::~CThread()
 {

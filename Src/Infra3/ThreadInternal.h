@@ -4,8 +4,8 @@
 // Threads: the page of the subsystem.
 //
 // A CThread owns one ThreadInternal; the system thread runs threadBody() on that record. The thread
-// manager (ThreadManagerInternal.h) lists the records whose body is between its registration and its
-// removal, for the table, and knows all records that exist, for fork().
+// manager (ThreadManagerInternal.h) lists the records whose body is between its registration and
+// its removal, for the table, and knows all records that exist, for fork().
 //
 // A run in the record's fields:
 //
@@ -16,9 +16,9 @@
 //     stopping         false    1          kernel id       looping() has turned false
 //
 // Locks: the manager's m_mutex, then a record's m_mutex, never the other way round. createThread()
-// holds m_mutex from before the system thread exists until m_running is 1, which keeps the new body,
-// whose first act is to take it, from ending before it counts as running.
-// The end: the body's last access to the record is m_running = 0; whoever waits for that may free it.
+// holds m_mutex from before the system thread exists until m_running is 1, which keeps the new
+// body, whose first act is to take it, from ending before it counts as running. The end: the body's
+// last access to the record is m_running = 0; whoever waits for that may free it.
 
 #include <pthread.h>
 
@@ -52,12 +52,12 @@ struct ThreadInternal
     char m_Name[32];         ///< written and copied under m_mutex
     ThreadInternal* m_pPrev; ///< the manager's list, under its lock; the newest thread is first
     ThreadInternal* m_pNext;
-    CSemaphore m_cSemaphore;                ///< posted by the body when it ends, if m_destroyBlock
-    std::atomic<uint64_t> m_expectedTime;   ///< watchdog deadline in monotonic milliseconds, 0 = none
-    std::atomic<bool> m_bLoop;              ///< what looping() returns
-    std::atomic<bool> m_destroyed;          ///< destroyThread() has been called for this run
-    std::atomic<bool> m_destroyBlock;       ///< somebody may wait for m_cSemaphore
-    std::atomic<bool> m_stackSizeEnabled;   ///< m_dwStackSize counts
+    CSemaphore m_cSemaphore;              ///< posted by the body when it ends, if m_destroyBlock
+    std::atomic<uint64_t> m_expectedTime; ///< watchdog deadline in monotonic milliseconds, 0 = none
+    std::atomic<bool> m_bLoop;            ///< what looping() returns
+    std::atomic<bool> m_destroyed;        ///< destroyThread() has been called for this run
+    std::atomic<bool> m_destroyBlock;     ///< somebody may wait for m_cSemaphore
+    std::atomic<bool> m_stackSizeEnabled; ///< m_dwStackSize counts
     ThreadManagerInternal* const m_manager; ///< outlives every record
     CThread* const m_owner;
     CMutex m_mutex;

@@ -16,8 +16,7 @@ struct ThreadLiteInternal
 
 CThreadLite::CThreadLite(ThreadProc proc, const char* name, int priority, int policy, int stackSize)
     : CThread(name, priority, policy, stackSize), m_internal(new ThreadLiteInternal{proc})
-{
-}
+{}
 
 CThreadLite::~CThreadLite()
 {

@@ -1,8 +1,8 @@
 // ThreadLoadingController.cpp: a thread's share of the processor.
 //
-// Every millisecond each limited thread is either left alone or sent SIGUSR2, whose handler sleeps for
-// about a millisecond: held and running milliseconds alternate as evenly as the two counters allow, and
-// a cycle of a hundred starts anew when both are used up.
+// Every millisecond each limited thread is either left alone or sent SIGUSR2, whose handler sleeps
+// for about a millisecond: held and running milliseconds alternate as evenly as the two counters
+// allow, and a cycle of a hundred starts anew when both are used up.
 
 #include <pthread.h>
 
@@ -110,8 +110,8 @@ CThreadLoadingController::CThreadLoadingController()
 
 CThreadLoadingController::~CThreadLoadingController() = default;
 
-/// Threads that end while the process exits may be on their way in here: the object stays, its thread
-/// does not.
+/// Threads that end while the process exits may be on their way in here: the object stays, its
+/// thread does not.
 bool CThreadLoadingController::mayDestroy(CThreadLoadingController* controller)
 {
     const CLogHold hold;

@@ -1,7 +1,7 @@
 // ThreadManager.cpp: the thread table.
 //
-// A doubly linked list keeps the order of the table, a hash over kernel ids answers look-ups. Tables are
-// copied under the lock and logged after it, because a log printer may ask for names.
+// A doubly linked list keeps the order of the table, a hash over kernel ids answers look-ups.
+// Tables are copied under the lock and logged after it, because a log printer may ask for names.
 
 #include "Infra/Infra3/ThreadManager.h"
 
@@ -16,7 +16,7 @@
 #include "Infra3/ThreadId.h"
 #include "Infra3/ThreadInternal.h"
 #include "Infra3/ThreadManagerInternal.h"
-#include "Infra3/VersionInternal.h"
+// V#include
 
 namespace Tarsel
 {
@@ -39,7 +39,7 @@ ThreadManagerInternal::~ThreadManagerInternal() = default;
 
 void ThreadManagerInternal::onCreated(ThreadManagerInternal* manager)
 {
-    libraryVersion().print();
+    // V     libraryVersion().print();
     INFRA_LOG_TRACE("this:%p CThreadManager::CThreadManager()>>>>>>>>>\n",
                     static_cast<void*>(manager));
 }

@@ -17,8 +17,8 @@ namespace Infra
 
 struct ThreadInternal;
 
-/// Always true while m_mutex is free: the list from m_pHead holds exactly the records in m_byId, each
-/// once, newest first; every one of them is also in the list from m_pRecords.
+/// Always true while m_mutex is free: the list from m_pHead holds exactly the records in m_byId,
+/// each once, newest first; every one of them is also in the list from m_pRecords.
 struct ThreadManagerInternal
 {
     static ThreadManagerInternal* instance();
@@ -32,8 +32,8 @@ struct ThreadManagerInternal
     bool addThread(ThreadInternal* thread);
     /// Takes it out. Returns true.
     bool removeThread(ThreadInternal* thread);
-    /// The registered record with that id, or null. The record may go as soon as its thread ends: safe
-    /// only for a caller who knows that it does not.
+    /// The registered record with that id, or null. The record may go as soon as its thread ends:
+    /// safe only for a caller who knows that it does not.
     ThreadInternal* getThread(int id);
 
     void registerMainThread();

@@ -174,7 +174,8 @@ CTimerManager::CTimerManager() : m_internal(TimerManagerInternal::instance()) {}
 
 void CTimerManager::onCreated(CTimerManager* manager)
 {
-    INFRA_LOG_TRACE("this:%p CTimerManager::CTimerManager()>>>>>>>>>\n", static_cast<void*>(manager));
+    INFRA_LOG_TRACE("this:%p CTimerManager::CTimerManager()>>>>>>>>>\n",
+                    static_cast<void*>(manager));
 }
 
 /// It holds nothing, and threads that run on during exit may still call it.

@@ -3,27 +3,28 @@
 
 // Timers: the page of the subsystem.
 //
-// Objects: a CTimer owns one TimerInternal. The TimerManagerInternal, one per process, is the scheduler
-// thread "TimerManager"; it owns the schedule (TimerSchedule.h) and the CTimerThread workers, each of
-// which stands in exactly one list: idle (pooled), busy, or dying.
+// Objects: a CTimer owns one TimerInternal. The TimerManagerInternal, one per process, is the
+// scheduler thread "TimerManager"; it owns the schedule (TimerSchedule.h) and the CTimerThread
+// workers, each of which stands in exactly one list: idle (pooled), busy, or dying.
 //
 //     scheduler tick ── run(timer) ──> idle or new worker ── post ──> worker calls the delegate
 //                                                                        │ call ends
 //     idle list <── or dying list, if the pool is full <─────────────────┘
 //
-// A worker is made on the thread that hands a call out, and a dying one is deleted by the scheduler.
+// A worker is made on the thread that hands a call out, and a dying one is deleted by the
+// scheduler.
 //
 // Locks: the timer lock (sm_mutex(), recursive, immortal) guards the schedule, all lists and every
-// TimerInternal; a worker's own thread lock is taken under it. No delegate is called and no message sent
-// while it is held (CLogHold).
+// TimerInternal; a worker's own thread lock is taken under it. No delegate is called and no message
+// sent while it is held (CLogHold).
 //
-// Pairs: timer.m_thread is a worker if and only if that worker's m_caller is the timer, or the timer was
-// destroyed by its own callback and m_caller is null. A busy worker cannot be deleted, and a timer
-// cannot be freed while m_thread is set, but for that case.
+// Pairs: timer.m_thread is a worker if and only if that worker's m_caller is the timer, or the
+// timer was destroyed by its own callback and m_caller is null. A busy worker cannot be deleted,
+// and a timer cannot be freed while m_thread is set, but for that case.
 //
-// Exit: the scheduler stops, nothing is scheduled any more, idle workers end. The manager object itself
-// is left in place: callbacks may still run, and other threads may be on their way in.
-// Fork: in the child every timer is idle, and the next start() makes a new scheduler thread.
+// Exit: the scheduler stops, nothing is scheduled any more, idle workers end. The manager object
+// itself is left in place: callbacks may still run, and other threads may be on their way in. Fork:
+// in the child every timer is idle, and the next start() makes a new scheduler thread.
 
 #include <atomic>
 #include <cstdint>

@@ -1,8 +1,8 @@
 // TimerManager.cpp: the scheduler thread and the pool of workers.
 //
-// Every 10 ms the scheduler reads the clock, moves what has fallen due into the due list and hands the
-// calls out one by one, releasing the lock between two. A hand-over copies the delegate into a worker
-// and posts its semaphore: no system call but the wake-up.
+// Every 10 ms the scheduler reads the clock, moves what has fallen due into the due list and hands
+// the calls out one by one, releasing the lock between two. A hand-over copies the delegate into a
+// worker and posts its semaphore: no system call but the wake-up.
 
 #include <algorithm>
 #include <climits>
@@ -59,9 +59,14 @@ CRecursiveMutex& TimerManagerInternal::sm_mutex()
 }
 
 TimerManagerInternal::TimerManagerInternal()
-    : CThread("TimerManager", priorTop, policyNormal, 0), m_headPooled(nullptr),
-      m_CurTime(CTime::getCurrentMilliSecond()), m_limitThreadCount(-1), m_idleThreadCount(0),
-      m_schedule(m_CurTime), m_headBusy(nullptr), m_headDying(nullptr)
+    : CThread("TimerManager", priorTop, policyNormal, 0),
+      m_headPooled(nullptr),
+      m_CurTime(CTime::getCurrentMilliSecond()),
+      m_limitThreadCount(-1),
+      m_idleThreadCount(0),
+      m_schedule(m_CurTime),
+      m_headBusy(nullptr),
+      m_headDying(nullptr)
 {
     static constexpr ForkPart forkPart = {prepareFork, resumeParent, resumeChild};
     joinFork(ForkRank::timers, forkPart);
@@ -119,8 +124,8 @@ bool TimerManagerInternal::runNextLocked()
 
 // Calls.
 
-/// Hands out a call of the timer and moves it on. `retry`: a one-shot timer for which no worker could be
-/// had is tried again at the next tick.
+/// Hands out a call of the timer and moves it on. `retry`: a one-shot timer for which no worker
+/// could be had is tried again at the next tick.
 bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry)
 {
     if (timer.m_Started.load(std::memory_order_relaxed)) {
@@ -244,8 +249,8 @@ void TimerManagerInternal::removeLocked(TimerInternal& timer)
     timer.m_Started.store(false, std::memory_order_relaxed);
 }
 
-/// The scheduler is missing when its thread could not be made so far, or stayed behind in the parent of
-/// a fork.
+/// The scheduler is missing when its thread could not be made so far, or stayed behind in the
+/// parent of a fork.
 bool TimerManagerInternal::ensureSchedulerLocked()
 {
     if (looping()) {
@@ -283,7 +288,8 @@ void TimerManagerInternal::dumpTimers()
         }
     }
     INFRA_LOG_INFO("Timers: ( %lu Milli-Seconds Elapsed )\n", static_cast<unsigned long>(now));
-    INFRA_LOG_INFO("            Name            NextTime RunningTime Period   Used/Timeout State\n");
+    INFRA_LOG_INFO(
+        "            Name            NextTime RunningTime Period   Used/Timeout State\n");
     INFRA_LOG_INFO(
         "____________________________________________________________________________\n");
     for (const TimerRow& row : rows) {
@@ -330,8 +336,8 @@ void TimerManagerInternal::putTimerThreadLocked(CTimerThread* pThread)
     }
 }
 
-/// Cuts the idle list behind its first `keep` workers. The returning worker may be among the cut, so
-/// nobody waits here: they are told to end, and the scheduler deletes them when they have.
+/// Cuts the idle list behind its first `keep` workers. The returning worker may be among the cut,
+/// so nobody waits here: they are told to end, and the scheduler deletes them when they have.
 void TimerManagerInternal::trimPoolLocked(int keep)
 {
     CTimerThread** link = &m_headPooled;
@@ -430,8 +436,8 @@ void TimerManagerInternal::stopSchedulerAndWorkers()
     }
 }
 
-/// Nothing is scheduled after this. The object stays: workers may be inside callbacks, and other threads
-/// may have asked for it just before.
+/// Nothing is scheduled after this. The object stays: workers may be inside callbacks, and other
+/// threads may have asked for it just before.
 bool TimerManagerInternal::mayDestroy(TimerManagerInternal* manager)
 {
     manager->stopSchedulerAndWorkers();

@@ -11,23 +11,23 @@ namespace Infra
 
 struct TimerInternal;
 
-/// The scheduled timers, in the order of their call times; among equal ones the one inserted last is
-/// first. Inserting and removing take the same few steps however many timers there are.
+/// The scheduled timers, in the order of their call times; among equal ones the one inserted last
+/// is first. Inserting and removing take the same few steps however many timers there are.
 ///
-/// A hierarchical timing wheel (Varghese and Lauck, "Hashed and Hierarchical Timing Wheels", 1987) over
-/// the milliseconds of the clock, six bits a level, eleven levels for all 64 bits. A timer stands in the
-/// slot of the highest six-bit digit in which its time differs from the wheel's time:
+/// A hierarchical timing wheel (Varghese and Lauck, "Hashed and Hierarchical Timing Wheels", 1987)
+/// over the milliseconds of the clock, six bits a level, eleven levels for all 64 bits. A timer
+/// stands in the slot of the highest six-bit digit in which its time differs from the wheel's time:
 ///
 ///     wheel time  ... 0 0 5 9        a timer at 0 0 5 12 stands in level 0, slot 12
 ///                                    a timer at 0 0 7 1  stands in level 1, slot 7
 ///
 /// so all timers of one millisecond stand in one slot, in one list, whose front is the last one
-/// inserted. When the wheel's time enters a slot of a higher level, its timers move down, from the back
-/// to the front, which keeps that order. A slot of level 0 holds one millisecond.
+/// inserted. When the wheel's time enters a slot of a higher level, its timers move down, from the
+/// back to the front, which keeps that order. A slot of level 0 holds one millisecond.
 ///
-/// Always true between calls: (1) a timer is in the due list if its time is below the wheel's time, else
-/// in the wheel, in the slot above; (2) the due list is sorted; (3) a bit in `m_occupied` is set if and
-/// only if its slot is not empty.
+/// Always true between calls: (1) a timer is in the due list if its time is below the wheel's time,
+/// else in the wheel, in the slot above; (2) the due list is sorted; (3) a bit in `m_occupied` is
+/// set if and only if its slot is not empty.
 ///
 /// Threads: none; the owner locks. Ownership: none; the timers' own links are used.
 class CTimerSchedule

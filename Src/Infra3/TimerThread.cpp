@@ -9,11 +9,16 @@ namespace Infra
 {
 
 CTimerThread::CTimerThread(TimerManagerInternal& manager)
-    : CThread("[Pooled]", priorDefault, policyNormal, 0), m_param(0), m_semaphore(0),
-      m_nextPooled(nullptr), m_caller(nullptr), m_cancel(false), m_prevBusy(nullptr),
-      m_bStatistic(false), m_manager(manager)
-{
-}
+    : CThread("[Pooled]", priorDefault, policyNormal, 0),
+      m_param(0),
+      m_semaphore(0),
+      m_nextPooled(nullptr),
+      m_caller(nullptr),
+      m_cancel(false),
+      m_prevBusy(nullptr),
+      m_bStatistic(false),
+      m_manager(manager)
+{}
 
 CTimerThread::~CTimerThread()
 {

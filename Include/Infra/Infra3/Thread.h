@@ -28,8 +28,8 @@ struct ThreadInternal;
 /// called by the thread itself does not wait; createThread() or destruction by the thread itself
 /// would wait for ever.
 /// Threads: safe from any thread, but for destruction.
-/// Ownership: a subclass whose threadProc() uses its own members must call destroyThread() in its own
-/// destructor: when the base's destructor runs, those members are gone.
+/// Ownership: a subclass whose threadProc() uses its own members must call destroyThread() in its
+/// own destructor: when the base's destructor runs, those members are gone.
 ///
 ///     class CReader : public CThread
 ///     {
@@ -61,7 +61,8 @@ public:
 
     /// No system thread exists yet.
     /// @param name       the first 31 characters are kept; null is "Nonamed"
-    /// @param stackSize  bytes, applied after enableStackSize() only; 0 is the system's default, less
+    /// @param stackSize  bytes, applied after enableStackSize() only; 0 is the system's default,
+    /// less
     ///                   than 16384 becomes 16384
     explicit CThread(const char* name, int priority = priorDefault, int policy = policyNormal,
                      int stackSize = 0);
@@ -74,8 +75,8 @@ public:
     /// Starts the system thread; a body that is still ending is waited for. False, with the reason
     /// logged, when the thread runs already or the system refuses.
     bool createThread();
-    /// Asks the thread to stop and waits until its body has ended. False when it has ended already or
-    /// was destroyed before.
+    /// Asks the thread to stop and waits until its body has ended. False when it has ended already
+    /// or was destroyed before.
     bool destroyThread();
     /// destroyThread(), then false: threads are detached and cannot be joined.
     bool terminateThread();
@@ -107,8 +108,8 @@ public:
 
     /// Kernel id of the calling thread, whoever made it.
     static int getCurrentThreadID();
-    /// setTimeout for the calling thread, the heartbeat of a thread's loop. False when it was not made
-    /// by this class.
+    /// setTimeout for the calling thread, the heartbeat of a thread's loop. False when it was not
+    /// made by this class.
     static bool setCurrentTimeout(int milliSeconds);
     /// Waits for `ms` milliseconds, signals notwithstanding; below 1 it only yields the processor.
     static void sleep(int ms);

@@ -22,9 +22,9 @@ class TSingleton;
 
 /// The table of all threads made with CThread, newest first.
 ///
-/// Behaviour: a thread stands in the table from the moment its body starts until its threadProc() has
-/// returned. A missed watchdog deadline is only reported, and only when asked for.
-/// Threads: safe from any thread. Lines are logged without a lock held.
+/// Behaviour: a thread stands in the table from the moment its body starts until its threadProc()
+/// has returned. A missed watchdog deadline is only reported, and only when asked for. Threads:
+/// safe from any thread. Lines are logged without a lock held.
 class INFRA_API CThreadManager
 {
 public:
@@ -48,8 +48,8 @@ public:
     void registerMainThread();
     /// Logs the table at info level.
     void dumpThreads();
-    /// Copies the name of the thread with kernel id `id`; false, and `name` as it was, when there is
-    /// none.
+    /// Copies the name of the thread with kernel id `id`; false, and `name` as it was, when there
+    /// is none.
     bool getThreadNameByID(int id, CString& name);
     /// Sets `names` to "name(id)" of every thread whose deadline has passed, one behind the other;
     /// false when there is none.
@@ -79,9 +79,9 @@ struct ThreadLoadingControl
     int offElapsed; ///< it has been held in this cycle
 };
 
-/// Holds threads back so that each gets only its share of the processor; CThread::load() is the way to
-/// use it. Its own thread, "ThreadLoadingControl", exists while some thread is limited, and needs the
-/// privilege for real-time scheduling.
+/// Holds threads back so that each gets only its share of the processor; CThread::load() is the way
+/// to use it. Its own thread, "ThreadLoadingControl", exists while some thread is limited, and
+/// needs the privilege for real-time scheduling.
 class INFRA_API CThreadLoadingController : public CThread
 {
 public:
@@ -107,7 +107,8 @@ private:
 
     CMutex m_mutex; // guards the map
     LCTS m_threads;
-    CMutex m_switchMutex; // one thread at a time starts or stops the controller's own; before m_mutex
+    CMutex
+        m_switchMutex; // one thread at a time starts or stops the controller's own; before m_mutex
 };
 
 } // namespace Infra

@@ -18,20 +18,21 @@ class TSingleton;
 
 /// Calls a delegate once after a delay, or every period, on a pooled worker thread.
 ///
-/// Behaviour: the scheduler reads the monotonic clock once per tick of 10 ms, delays count from its last
-/// tick, and a call is due at the first tick after its time. Of timers with the same call time the one
-/// started last goes first. Missed periods are skipped, and a call is dropped while the previous one of
-/// the same timer still runs, also that of a one-shot timer that its own callback started again.
+/// Behaviour: the scheduler reads the monotonic clock once per tick of 10 ms, delays count from its
+/// last tick, and a call is due at the first tick after its time. Of timers with the same call time
+/// the one started last goes first. Missed periods are skipped, and a call is dropped while the
+/// previous one of the same timer still runs, also that of a one-shot timer that its own callback
+/// started again.
 ///
 /// |           | start()                  | due                         | stop()               |
 /// |-----------|--------------------------|-----------------------------|----------------------|
 /// | idle      | scheduled                | -                           | false                |
 /// | scheduled | scheduled, new arguments | one-shot: idle; else stays  | idle, a call may end |
 ///
-/// Threads: safe from any thread. A timer's own callback may start, stop and re-time it, not destroy it.
-/// In the child of a fork every timer is idle.
-/// Ownership: the object bound in the delegate belongs to the caller and must outlive the calls. The
-/// destructor waits for a running call, so a class may keep its CTimer as its last member.
+/// Threads: safe from any thread. A timer's own callback may start, stop and re-time it, not
+/// destroy it. In the child of a fork every timer is idle. Ownership: the object bound in the
+/// delegate belongs to the caller and must outlive the calls. The destructor waits for a running
+/// call, so a class may keep its CTimer as its last member.
 ///
 ///     CTimer timer("flush");
 ///     timer.start(CTimer::Proc(&CJournal::flush, this), /*delay*/ 500, /*period*/ 500);
@@ -51,8 +52,8 @@ public:
     /// @param param    what the delegate is called with
     /// @param timeout  watchdog of each call in milliseconds, for the thread table; 0 is none
     /// @return true; with a delay of 0 whether the call was handed out: false when the previous one
-    ///         still runs, when no worker could be had (a single call is then tried again at the next
-    ///         tick), or when the process is exiting. An empty delegate is refused with false.
+    ///         still runs, when no worker could be had (a single call is then tried again at the
+    ///         next tick), or when the process is exiting. An empty delegate is refused with false.
     bool start(Proc fun, uint32_t delay, uint32_t period, unsigned long param = 0,
                uint32_t timeout = 0);
     /// Takes the timer out of the schedule; a running call goes on.
@@ -95,8 +96,8 @@ public:
 
     /// Logs the scheduled timers in the order of their calls, at info level.
     void dumpTimers();
-    /// Keeps at most `count` idle workers from the next end of a call on; below 1 is no limit. Returns
-    /// true.
+    /// Keeps at most `count` idle workers from the next end of a call on; below 1 is no limit.
+    /// Returns true.
     bool limitIdlePooled(int count);
 
 private:
