@@ -13,7 +13,7 @@
 
 namespace Tarsel
 {
-namespace Test
+namespace TestSupport
 {
 namespace
 {
@@ -96,5 +96,5 @@ int countOf(const std::string& text, const std::string& part)
     return count;
 }
 
-} // namespace Test
+} // namespace TestSupport
 } // namespace Tarsel

@@ -8,7 +8,7 @@
 
 namespace Tarsel
 {
-namespace Test
+namespace TestSupport
 {
 
 struct ChildResult
@@ -33,7 +33,7 @@ std::string withoutColors(const std::string& text);
 /// How often `part` occurs in `text`.
 int countOf(const std::string& text, const std::string& part);
 
-} // namespace Test
+} // namespace TestSupport
 } // namespace Tarsel
 
 #endif

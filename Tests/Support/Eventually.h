@@ -6,7 +6,7 @@
 
 namespace Tarsel
 {
-namespace Test
+namespace TestSupport
 {
 
 /// Waits until `condition()` holds; false when it does not within 20 seconds. The wait of all tests:
@@ -24,7 +24,7 @@ bool eventually(const Condition& condition)
     return true;
 }
 
-} // namespace Test
+} // namespace TestSupport
 } // namespace Tarsel
 
 #endif

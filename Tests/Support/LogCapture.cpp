@@ -4,7 +4,7 @@
 
 namespace Tarsel
 {
-namespace Test
+namespace TestSupport
 {
 
 CLogCapture::CLogCapture()
@@ -43,5 +43,5 @@ void CLogCapture::take(const char* text)
     m_text += prefix == std::string::npos ? piece : piece.substr(prefix + 1);
 }
 
-} // namespace Test
+} // namespace TestSupport
 } // namespace Tarsel

@@ -8,7 +8,7 @@
 
 namespace Tarsel
 {
-namespace Test
+namespace TestSupport
 {
 
 /// Takes the place of standard output for log lines while it lives, and keeps them, messages only: the
@@ -33,7 +33,7 @@ private:
     std::string m_text;
 };
 
-} // namespace Test
+} // namespace TestSupport
 } // namespace Tarsel
 
 #endif
