@@ -387,6 +387,19 @@ TEST(CString, ComparesEachByteAsUnsignedAtEveryLength)
     }
 }
 
+TEST(CString, CopiesAndAppendsItselfAtEveryLength)
+{
+    for (size_t length = 0; length <= 300; ++length) {
+        const std::string text = sample(length);
+        CString string(text);
+        ASSERT_EQ(std::string(CString(string).c_str()), text);
+        string.append(string).insert(length, "|");
+        ASSERT_EQ(std::string(string.c_str()), text + "|" + text);
+        string.assign(string.data() + length, length + 1);
+        ASSERT_EQ(std::string(string.c_str()), "|" + text);
+    }
+}
+
 TEST(CString, MeetsEveryOtherKindOfText)
 {
     const CString string("abc");
