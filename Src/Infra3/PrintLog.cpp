@@ -20,8 +20,8 @@
 
 #include "Infra/Infra3/CPrintLog.h"
 #include "Infra/Infra3/Guard.h"
-#include "Infra3/Fork.h"
 #include "Infra3/Immortal.h"
+#include "Infra3/LeafMutex.h"
 #include "Infra3/LogLine.h"
 #include "Infra3/LogSink.h"
 #include "Infra3/PlainShared.h"
@@ -58,44 +58,19 @@ constinit std::atomic<bool> s_hasProcedures{false};
 
 typedef std::vector<PrintProc> ProcedureList;
 
-void prepareFork();
-void resumeParent();
-void resumeChild();
-constexpr ForkPart s_forkPart = {prepareFork, resumeParent, resumeChild};
-
 struct Receivers
 {
-    Receivers() { joinFork(ForkRank::log, s_forkPart); }
-
-    CMutex receiverMutex; // guards the two below; nothing is called while it is held
+    CLeafMutex receiverMutex; // guards the two below
     LogPrinterProc printer;
     std::shared_ptr<const ProcedureList> procedures; ///< never changed, only replaced
 
-    CMutex statisticsMutex; // guards the table; never held together with receiverMutex but to fork
+    CLeafMutex statisticsMutex; // guards the table
     std::map<std::string, LogModuleInfo, std::less<>> statistics;
 };
 
 Receivers& receivers()
 {
     return immortal<Receivers, Receivers>();
-}
-
-void prepareFork()
-{
-    receivers().receiverMutex.enter();
-    receivers().statisticsMutex.enter();
-}
-
-void resumeParent()
-{
-    receivers().statisticsMutex.leave();
-    receivers().receiverMutex.leave();
-}
-
-void resumeChild()
-{
-    ForkAccess::renew(receivers().receiverMutex);
-    ForkAccess::renew(receivers().statisticsMutex);
 }
 
 LogPrinterProc currentPrinter()
@@ -239,38 +214,37 @@ int logFilter(int level, const char* module, const char* file, const char* func,
     return length;
 }
 
-// The short forms differ in level and namespace only.
+// The short forms differ in their level only.
 #define INFRA_DEFINE_LOG_SHORT(name, level)                                                        \
     int name(const char* fmt, ...)                                                                 \
     {                                                                                              \
         va_list arguments;                                                                         \
         va_start(arguments, fmt);                                                                  \
-        const int length = ::Tarsel::Infra::logFilterEx((level), "Unknown", "Unknown", "", 0, "",  \
-                                                        fmt, arguments);                           \
-        va_end(arguments);                                                                         \
-        return length;                                                                             \
-    }
-#define INFRA_DEFINE_LOG_SHORTS                                                                    \
-    INFRA_DEFINE_LOG_SHORT(logFatal, ::Tarsel::Infra::logLevelFatal)                               \
-    INFRA_DEFINE_LOG_SHORT(logError, ::Tarsel::Infra::logLevelError)                               \
-    INFRA_DEFINE_LOG_SHORT(logWarn, ::Tarsel::Infra::logLevelWarn)                                 \
-    INFRA_DEFINE_LOG_SHORT(logInfo, ::Tarsel::Infra::logLevelInfo)                                 \
-    INFRA_DEFINE_LOG_SHORT(logTrace, ::Tarsel::Infra::logLevelTrace)                               \
-    INFRA_DEFINE_LOG_SHORT(logDebug, ::Tarsel::Infra::logLevelTrace)                               \
-    int logLibName(int nLevel, const char* libName, const char* fmt, ...)                          \
-    {                                                                                              \
-        if (nLevel < ::Tarsel::Infra::logLevelFatal || nLevel > ::Tarsel::Infra::logLevelDebug) {  \
-            return 0;                                                                              \
-        }                                                                                          \
-        va_list arguments;                                                                         \
-        va_start(arguments, fmt);                                                                  \
-        const int length =                                                                         \
-            ::Tarsel::Infra::logFilterEx(nLevel, libName, "Unknown", "", 0, "", fmt, arguments);   \
+        const int length = logFilterEx((level), "Unknown", "Unknown", "", 0, "", fmt, arguments);  \
         va_end(arguments);                                                                         \
         return length;                                                                             \
     }
 
-INFRA_DEFINE_LOG_SHORTS
+INFRA_DEFINE_LOG_SHORT(logFatal, logLevelFatal)
+INFRA_DEFINE_LOG_SHORT(logError, logLevelError)
+INFRA_DEFINE_LOG_SHORT(logWarn, logLevelWarn)
+INFRA_DEFINE_LOG_SHORT(logInfo, logLevelInfo)
+INFRA_DEFINE_LOG_SHORT(logTrace, logLevelTrace)
+INFRA_DEFINE_LOG_SHORT(logDebug, logLevelTrace)
+
+#undef INFRA_DEFINE_LOG_SHORT
+
+int logLibName(int nLevel, const char* libName, const char* fmt, ...)
+{
+    if (nLevel < logLevelFatal || nLevel > logLevelDebug) {
+        return 0;
+    }
+    va_list arguments;
+    va_start(arguments, fmt);
+    const int length = logFilterEx(nLevel, libName, "Unknown", "", 0, "", fmt, arguments);
+    va_end(arguments);
+    return length;
+}
 
 void setPrintLogLevel(int level)
 {
@@ -386,5 +360,3 @@ bool detachPrint(PrintProc proc)
 
 } // namespace Infra
 } // namespace Tarsel
-
-INFRA_DEFINE_LOG_SHORTS

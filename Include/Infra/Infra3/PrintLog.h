@@ -139,15 +139,15 @@ INFRA_API bool detachPrint(PrintProc proc);
 } // namespace Infra
 } // namespace Tarsel
 
-/// The short forms, for callers outside the namespace.
-INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logFatal(const char* fmt, ...);
-INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logError(const char* fmt, ...);
-INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logWarn(const char* fmt, ...);
-INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logInfo(const char* fmt, ...);
-INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logTrace(const char* fmt, ...);
-INFRA_API INFRA_PRINTF_FORMAT(1, 2) int logDebug(const char* fmt, ...);
-INFRA_API INFRA_PRINTF_FORMAT(3, 4) int logLibName(int nLevel, const char* libName, const char* fmt,
-                                                   ...);
+// The short forms stand in the global namespace too, as the same functions.
+using Tarsel::Infra::logDebug;
+using Tarsel::Infra::logError;
+using Tarsel::Infra::logFatal;
+using Tarsel::Infra::logInfo;
+using Tarsel::Infra::logLibName;
+using Tarsel::Infra::logTrace;
+using Tarsel::Infra::logWarn;
+
 /// Tarsel::Infra::dumpHex.
 INFRA_API void DumpHex(unsigned char* pdat, unsigned long length);
 
