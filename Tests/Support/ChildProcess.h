@@ -1,0 +1,39 @@
+#ifndef INFRA_TESTS_SUPPORT_CHILDPROCESS_H
+#define INFRA_TESTS_SUPPORT_CHILDPROCESS_H
+
+// What is chosen once a process, or ends it, is tested in a child: policies, options, hooks, exit, abort.
+
+#include <functional>
+#include <string>
+
+namespace Tarsel
+{
+namespace Test
+{
+
+struct ChildResult
+{
+    int exitCode = -1; ///< -1 when a signal ended it
+    int signal = 0;
+    std::string output;      ///< all of its standard output
+    std::string errorOutput; ///< all of its standard error
+
+    bool succeeded() const { return exitCode == 0; }
+    /// Both outputs, for the message of a failed expectation.
+    std::string report() const;
+};
+
+/// Forks, runs `body` in the child with both outputs redirected to files, and ends it with exit(): 1 when
+/// an expectation failed in it, else 0. A child that takes longer than a minute is killed.
+ChildResult runInChild(const std::function<void()>& body);
+
+/// `text` without colour sequences.
+std::string withoutColors(const std::string& text);
+
+/// How often `part` occurs in `text`.
+int countOf(const std::string& text, const std::string& part);
+
+} // namespace Test
+} // namespace Tarsel
+
+#endif
