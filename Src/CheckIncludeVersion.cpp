@@ -1,8 +1,9 @@
 // CheckIncludeVersion.cpp: do the libraries of this process agree on the headers they share?
 //
-// Each registration is compared with all before it, because libraries are loaded one by one and each
-// should hear of a conflict when it appears. The report at the end is another question, what to do
-// about it: for each header set the highest revision that anybody used is what all should use.
+// Each registration is compared with all before it, because libraries are loaded one by one and
+// each should hear of a conflict when it appears. The report at the end is another question, what
+// to do about it: for each header set the highest revision that anybody used is what all should
+// use.
 
 #include "Infra/CheckIncludeVersion.h"
 

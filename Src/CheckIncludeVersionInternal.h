@@ -31,9 +31,9 @@ struct ErrorList
 
 /// The process's register of header sets: who was compiled against which revision.
 ///
-/// True always: m_matchFlag is false if and only if some registration failed, m_selfError if and only
-/// if some failed for a version that is no number.
-/// Threads: safe from any thread; nothing is logged under the lock.
+/// True always: m_matchFlag is false if and only if some registration failed, m_selfError if and
+/// only if some failed for a version that is no number. Threads: safe from any thread; nothing is
+/// logged under the lock.
 class CCheckIncludeVersionInter
 {
 public:

@@ -88,16 +88,20 @@ constinit SystemTime CVersion::appDate = CTime::minTime;
 
 CVersion::CVersion(const char* libraryName, int majorNumber, int minorNumber, int revisionNumber,
                    const char* svnString, const char* dateString)
-    : major{majorNumber}, minor{minorNumber}, revision{revisionNumber},
-      svn{sourceRevisionOf(textOrEmpty(svnString))}, date{buildDateOf(dateString)}
+    : major{majorNumber},
+      minor{minorNumber},
+      revision{revisionNumber},
+      svn{sourceRevisionOf(textOrEmpty(svnString))},
+      date{buildDateOf(dateString)}
 {
     libraryIncludeCheck().doNothing();
     registerVersion(libraryName, majorNumber, minorNumber, revisionNumber);
     copyText(name, libraryName);
     if (strchr(textOrEmpty(svnString), 'M') != nullptr) {
-        INFRA_LOG_INFO("Some [%s] files are not commit to SVN server. It compied wtih local modified "
-                       "files.\n",
-                       name);
+        INFRA_LOG_INFO(
+            "Some [%s] files are not commit to SVN server. It compied wtih local modified "
+            "files.\n",
+            name);
     }
 }
 

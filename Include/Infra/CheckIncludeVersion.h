@@ -30,8 +30,8 @@ public:
     /// Nothing. A call of it has the linker keep the object.
     void doNothing();
 
-    /// Ends the process, after a report that names the revision that each library should use, if any
-    /// registration failed; else logs that all is well. For an application to call once all its
+    /// Ends the process, after a report that names the revision that each library should use, if
+    /// any registration failed; else logs that all is well. For an application to call once all its
     /// libraries are loaded.
     static void checkResult();
 };

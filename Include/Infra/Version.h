@@ -6,9 +6,9 @@
 
 /// What a library says of itself, entered in the process's registry of versions.
 ///
-/// Behaviour: every library of the family defines one static object of this class. Code can then ask
-/// whether a library that is loaded has the version that it needs.
-/// Threads: safe from any thread. Ownership: record and registry keep copies.
+/// Behaviour: every library of the family defines one static object of this class. Code can then
+/// ask whether a library that is loaded has the version that it needs. Threads: safe from any
+/// thread. Ownership: record and registry keep copies.
 class INFRA_API CVersion
 {
 public:

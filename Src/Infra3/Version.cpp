@@ -67,8 +67,8 @@ SystemTime buildDateOf(const char* dateString)
 void printVersion(const char* name, int major, int minor, int revision, int svn,
                   const SystemTime& date)
 {
-    INFRA_LOG_INFO("[*] %s %d.%d.%d.%d Built in %d/%2d/%2d [*]\n", name, major, minor, revision, svn,
-                   date.year, date.month, date.day);
+    INFRA_LOG_INFO("[*] %s %d.%d.%d.%d Built in %d/%2d/%2d [*]\n", name, major, minor, revision,
+                   svn, date.year, date.month, date.day);
 }
 
 const CVersion& libraryVersion()
@@ -81,8 +81,11 @@ constinit SystemTime CVersion::appDate = CTime::minTime;
 
 CVersion::CVersion(const char* libraryName, int majorNumber, int minorNumber, int revisionNumber,
                    const char* svnString, const char* dateString)
-    : major{majorNumber}, minor{minorNumber}, revision{revisionNumber},
-      svn{sourceRevisionOf(textOrEmpty(svnString))}, date{buildDateOf(dateString)}
+    : major{majorNumber},
+      minor{minorNumber},
+      revision{revisionNumber},
+      svn{sourceRevisionOf(textOrEmpty(svnString))},
+      date{buildDateOf(dateString)}
 {
     copyText(name, libraryName);
 }

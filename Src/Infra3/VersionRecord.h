@@ -10,8 +10,8 @@ namespace Tarsel
 namespace Infra
 {
 
-/// The date of a text as "Nov  8 2019", other fields 0. An unknown month becomes 13, a missing number
-/// 0; null is a text without all of them.
+/// The date of a text as "Nov  8 2019", other fields 0. An unknown month becomes 13, a missing
+/// number 0; null is a text without all of them.
 SystemTime buildDateOf(const char* dateString);
 
 /// Logs a record's line at info level.
