@@ -520,18 +520,26 @@ bool isDigit(char letter)
     return letter >= '0' && letter <= '9';
 }
 
-/// Reads the digits at `in` into `number` and returns their end. A number that is too large stays
-/// at INT_MAX.
+/// The number that the digits from `in` to `end` make, or INT_MAX where it is larger.
+[[gnu::cold, gnu::noinline]] int longNumber(const char* in, const char* end)
+{
+    int64_t value = 0;
+    for (; in != end && value <= INT_MAX; ++in) {
+        value = value * 10 + (*in - '0');
+    }
+    return value > INT_MAX ? INT_MAX : static_cast<int>(value);
+}
+
+/// Reads the digits at `in` into `number` and returns their end.
 const char* readNumber(const char* in, int& number)
 {
-    uint64_t value = 0;
+    constexpr int digitsThatFit = 9;
+    const char* const begin = in;
+    unsigned value = 0;
     for (; isDigit(*in); ++in) {
-        value = value * 10 + static_cast<uint64_t>(*in - '0');
-        if (value > INT_MAX) [[unlikely]] {
-            value = INT_MAX;
-        }
+        value = value * 10 + static_cast<unsigned>(*in - '0');
     }
-    number = static_cast<int>(value);
+    number = in - begin > digitsThatFit ? longNumber(begin, in) : static_cast<int>(value);
     return in;
 }
 
