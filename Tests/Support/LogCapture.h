@@ -25,6 +25,8 @@ public:
     std::string text() const;
     bool contains(const std::string& part) const;
     void clear();
+    /// All messages since the last clear() or take().
+    std::string take();
 
 private:
     void take(const char* text);
