@@ -76,8 +76,7 @@ bool isRefused(const CPacketManager::PoolParameter& param)
 // Settings -------------------------------------------------------------------------------------
 
 constinit CPacketManager::Policy PacketManagerInternal::sm_policy = CPacketManager::policySystem;
-constinit CPacketManager::MemoryOperator PacketManagerInternal::sm_memop = {&::malloc, &::free,
-                                                                            &::memcpy};
+constinit CPacketManager::MemoryOperator PacketManagerInternal::sm_memop; // empty: the system's
 constinit CPacketManager::PoolParameter PacketManagerInternal::sm_param = {2097152, 1024, 4};
 constinit bool PacketManagerInternal::sm_can_config = true;
 
@@ -135,11 +134,15 @@ PacketManagerInternal::PacketManagerInternal()
       m_malloc(&PacketManagerInternal::Sys_Malloc),
       m_free(&PacketManagerInternal::Sys_Free),
       m_memcpy(&PacketManagerInternal::Sys_Memcpy),
-      m_systemCopy(sm_memop.memcpy == CPacketManager::CopyProc(&::memcpy)),
+      m_systemCopy(false),
       m_nonEmpty(0),
       m_freeChunks(0)
 {
     storePlain(sm_can_config, false);
+    if (sm_memop.malloc.empty()) {
+        sm_memop = {&::malloc, &::free, &::memcpy};
+    }
+    m_systemCopy = sm_memop.memcpy == CPacketManager::CopyProc(&::memcpy);
     if (hasPool()) {
         m_malloc = &PacketManagerInternal::Pool_Malloc;
         m_free = &PacketManagerInternal::Pool_Free;
@@ -333,43 +336,61 @@ void PacketManagerInternal::insertNode(ChunkNode* node, int order)
 
 void PacketManagerInternal::deleteNode(ChunkNode* node)
 {
-    if (node->pre == node->next) {
-        m_nonEmpty &= ~(uint64_t{1} << Buddy::orderOfMark(node->order));
-    }
+    m_nonEmpty &= ~unlink(node);
+}
+
+/// Takes the node out; the result is its list's bit if that was its last node, else 0. The word of
+/// bits is left to the caller: in a chain of steps it is changed once, at the end.
+uint64_t PacketManagerInternal::unlink(ChunkNode* node)
+{
+    const uint64_t emptied =
+        node->pre == node->next ? uint64_t{1} << Buddy::orderOfMark(node->order) : 0;
     node->order = 0;
     node->pre->next = node->next;
     node->next->pre = node->pre;
+    return emptied;
 }
 
+/// `from` being the first order that has a block, the lists that get the halves are empty.
 int PacketManagerInternal::split(int from, int to)
 {
-    ChunkNode* first = m_pBufferList[from].head.next;
-    deleteNode(first);
-    uint32_t idx = first->idx;
+    ChunkNode* const chunks = m_pChunkHead;
+    BufferList* const lists = m_pBufferList;
+    ChunkNode* half = lists[from].head.next;
+    deleteNode(half);
     for (int order = from; order > to;) {
         --order;
-        insertNode(&m_pChunkHead[idx], order);
-        idx += static_cast<uint32_t>(Buddy::unitsOf(order));
+        ChunkNode& head = lists[order].head;
+        half->order = Buddy::freeMark(order);
+        half->pre = half->next = &head;
+        head.pre = head.next = half;
+        half += Buddy::unitsOf(order);
     }
-    m_pChunkHead[idx].order = Buddy::takenMark(to);
-    return static_cast<int>(idx);
+    m_nonEmpty |= (uint64_t{1} << from) - (uint64_t{1} << to);
+    half->order = Buddy::takenMark(to);
+    return static_cast<int>(half - chunks);
 }
 
 void PacketManagerInternal::merge(int idx, int order)
 {
+    ChunkNode* const chunks = m_pChunkHead;
+    const uint64_t chunkCount = static_cast<uint64_t>(m_ChunkCount);
+    const int top = m_BufferListCount - 1;
     int k = Buddy::orderOfMark(order);
     uint64_t block = static_cast<uint64_t>(idx);
-    m_pChunkHead[block].order = 0;
-    for (; k + 1 < m_BufferListCount; ++k) {
+    uint64_t emptied = 0;
+
+    chunks[block].order = 0;
+    for (; k < top; ++k) {
         const uint64_t buddy = Buddy::buddyOf(block, k);
-        if (buddy >= static_cast<uint64_t>(m_ChunkCount) ||
-            m_pChunkHead[buddy].order != Buddy::freeMark(k)) {
+        if (buddy >= chunkCount || chunks[buddy].order != Buddy::freeMark(k)) {
             break;
         }
-        deleteNode(&m_pChunkHead[buddy]);
+        emptied |= unlink(&chunks[buddy]);
         block = Buddy::pairHead(block, k);
     }
-    insertNode(&m_pChunkHead[block], k);
+    m_nonEmpty &= ~emptied;
+    insertNode(&chunks[block], k);
 }
 
 // The hooks ------------------------------------------------------------------------------------

@@ -114,6 +114,7 @@ private:
     /// The list primitives; m_Mutex is held.
     void deleteNode(ChunkNode* node);
     void insertNode(ChunkNode* node, int order);
+    static uint64_t unlink(ChunkNode* node);
     /// Takes the first block of list `from`, gives back lower halves down to order `to`, and
     /// returns the index of the block handed out. m_Mutex is held.
     int split(int from, int to);

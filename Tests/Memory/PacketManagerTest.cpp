@@ -2,15 +2,16 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <list>
-#include <map>
 #include <random>
 #include <thread>
 #include <vector>
 
+#include "Infra/Infra3/PrintLog.h"
 #include "Memory/CopyBytes.h"
 #include "Memory/Packet.h"
 #include "Memory/PacketManagerInternal.h"
@@ -274,9 +275,9 @@ TEST(PacketPool, SplitsFromAboveAndMergesBackAtOnce)
         EXPECT_TRUE(manager().isSound());
     });
     EXPECT_TRUE(child.passed());
-    // 12 lists and 2060 records of 40 bytes.
+    // 12 lists and 2048 chunks, 2060 records of 32 bytes.
     EXPECT_THAT(child.output, HasSubstr("CPacketManager: malloc total:2097152 pagesize:1024"
-                                        "blockCount:2048 ManagermentSize:82400\n"));
+                                        "blockCount:2048 ManagermentSize:65920\n"));
     EXPECT_THAT(child.output, HasSubstr("AddrRange:0x"));
     EXPECT_EQ(countOf(child.output, "CPacketManager: dump FreeList\n"), 2);
     EXPECT_EQ(countOf(child.output, "BufferList id:"), 24);

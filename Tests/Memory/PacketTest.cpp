@@ -43,7 +43,9 @@ void record(void* p, size_t size)
 
 void fill(CPacket& packet)
 {
-    memset(packet.getBuffer(), 0x11, packet.capacity());
+    if (packet.getBuffer() != nullptr) {
+        memset(packet.getBuffer(), 0x11, packet.capacity());
+    }
     if (packet.getExtraData() != nullptr) {
         memset(packet.getExtraData(), 0x22, packet.getExtraSize());
     }

@@ -64,7 +64,7 @@ public:
     constexpr TDelegate() noexcept : m_function(), m_type(typeEmpty), m_objectType(nullptr) {}
 
     /// Binds a free function; a null pointer gives an empty delegate.
-    constexpr TDelegate(Pointer function) noexcept // NOLINT(google-explicit-constructor)
+    TDelegate(Pointer function) noexcept // NOLINT(google-explicit-constructor)
         : m_function(), m_type(function == nullptr ? typeEmpty : typePointer), m_objectType(nullptr)
     {
         m_function.ptrFunction = function;
