@@ -8,7 +8,7 @@
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/BoundedText.h"
-#include "Infra3/Fork.h"
+#include "Infra3/LeafMutex.h"
 #include "Infra3/Singleton.h"
 
 namespace Tarsel
@@ -29,8 +29,6 @@ public:
 
     /// Threads that still run at exit may be in here, and may hold pointers to texts.
     static bool mayDestroy(CErrorMessageManager*) { return false; }
-
-    CErrorMessageManager() { joinFork(ForkRank::errors, s_forkPart); }
 
     void set(int code, CString2 text)
     {
@@ -53,12 +51,7 @@ public:
     }
 
 private:
-    static void prepareFork() { instance()->m_mutex.enter(); }
-    static void resumeParent() { instance()->m_mutex.leave(); }
-    static void resumeChild() { ForkAccess::renew(instance()->m_mutex); }
-    static constexpr ForkPart s_forkPart = {prepareFork, resumeParent, resumeChild};
-
-    CMutex m_mutex; // guards the map; nothing is called while it is held
+    CLeafMutex m_mutex; // guards the map
     std::map<int, std::string> m_msgmap;
 };
 

@@ -22,9 +22,7 @@ enum class ForkRank
     loadController,
     threads,
     packets,
-    values,
-    errors,
-    log,
+    values, ///< the leaf locks (LeafMutex.h)
     count
 };
 

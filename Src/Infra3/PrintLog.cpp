@@ -20,8 +20,8 @@
 
 #include "Infra/Infra3/CPrintLog.h"
 #include "Infra/Infra3/Guard.h"
-#include "Infra3/Fork.h"
 #include "Infra3/Immortal.h"
+#include "Infra3/LeafMutex.h"
 #include "Infra3/LogLine.h"
 #include "Infra3/LogSink.h"
 #include "Infra3/PlainShared.h"
@@ -58,44 +58,19 @@ constinit std::atomic<bool> s_hasProcedures{false};
 
 typedef std::vector<PrintProc> ProcedureList;
 
-void prepareFork();
-void resumeParent();
-void resumeChild();
-constexpr ForkPart s_forkPart = {prepareFork, resumeParent, resumeChild};
-
 struct Receivers
 {
-    Receivers() { joinFork(ForkRank::log, s_forkPart); }
-
-    CMutex receiverMutex; // guards the two below; nothing is called while it is held
+    CLeafMutex receiverMutex; // guards the two below
     LogPrinterProc printer;
     std::shared_ptr<const ProcedureList> procedures; ///< never changed, only replaced
 
-    CMutex statisticsMutex; // guards the table; never held together with receiverMutex but to fork
+    CLeafMutex statisticsMutex; // guards the table
     std::map<std::string, LogModuleInfo, std::less<>> statistics;
 };
 
 Receivers& receivers()
 {
     return immortal<Receivers, Receivers>();
-}
-
-void prepareFork()
-{
-    receivers().receiverMutex.enter();
-    receivers().statisticsMutex.enter();
-}
-
-void resumeParent()
-{
-    receivers().statisticsMutex.leave();
-    receivers().receiverMutex.leave();
-}
-
-void resumeChild()
-{
-    ForkAccess::renew(receivers().receiverMutex);
-    ForkAccess::renew(receivers().statisticsMutex);
 }
 
 LogPrinterProc currentPrinter()

@@ -6,7 +6,8 @@
 
 #include <atomic>
 
-#include "Infra/Infra3/RecursiveMutex.h"
+#include "Infra/Infra3/Guard.h"
+#include "Infra3/LogFront.h"
 
 namespace Tarsel
 {
@@ -25,8 +26,8 @@ void registerExit(void (*atExit)());
 /// The one T of the process. `instance()` is one atomic load once T exists; safe from any thread.
 ///
 /// T befriends TSingleton<T> and may offer three static functions:
-///   - `void onCreated(T*)` runs right after T is in place, without a lock held: the place to log,
-///     because a log printer is application code and may ask for T;
+///   - `void onCreated(T*)` runs right after T is in place, without a lock held: the place to call
+///     what may call back, because a log printer is application code and may ask for T;
 ///   - `bool staysInUse(T*)`, asked first at exit: true keeps T as the one instance from then on,
 ///     because what it has handed out has to come back to it;
 ///   - `bool mayDestroy(T*)`, asked at exit when T is no longer the instance: false leaves the
@@ -48,19 +49,26 @@ public:
 private:
     static T* make()
     {
-        singletonMutex().enter();
-        T* object = s_object.load(std::memory_order_relaxed);
-        const bool mine = object == nullptr;
-        if (mine) {
-            object = new T;
-            s_object.store(object, std::memory_order_release);
-        }
-        singletonMutex().leave();
+        bool mine = false;
+        T* const object = makeLocked(&mine);
         if (mine) {
             registerExit(&TSingleton::destroy);
             if constexpr (requires { T::onCreated(object); }) {
                 T::onCreated(object);
             }
+        }
+        return object;
+    }
+
+    static T* makeLocked(bool* mine)
+    {
+        const CLogHold hold;
+        CRecursiveGuard guard(singletonMutex());
+        T* object = s_object.load(std::memory_order_relaxed);
+        if (object == nullptr) {
+            *mine = true;
+            object = new T;
+            s_object.store(object, std::memory_order_release);
         }
         return object;
     }

@@ -7,6 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include "Infra/Infra3/PrintLog.h"
 #include "Memory/PacketInternal.h"
 #include "Memory/PacketManager.h"
@@ -14,11 +17,11 @@
 #include "Support/ChildProcess.h"
 
 using namespace Tarsel::Memory;
+using Tarsel::TestSupport::ChildResult;
+using Tarsel::TestSupport::countOf;
+using Tarsel::TestSupport::inChild;
+using Tarsel::TestSupport::runInChild;
 using testing::HasSubstr;
-using Tests::ChildResult;
-using Tests::countOf;
-using Tests::inChild;
-using Tests::runInChild;
 
 namespace
 {
@@ -220,7 +223,7 @@ TEST(Packet, FailuresAreLoggedAndGiveAnInvalidPacket)
             CPacket packet(one.size, one.extraSize);
             EXPECT_FALSE(packet.valid());
         });
-        EXPECT_TRUE(child.passed());
+        EXPECT_TRUE(child.succeeded()) << child.report();
         EXPECT_EQ(countOf(child.output, one.text), 1) << child.output;
     }
     const ChildResult child = runInChild([] {
@@ -228,7 +231,7 @@ TEST(Packet, FailuresAreLoggedAndGiveAnInvalidPacket)
         EXPECT_FALSE(CPacket(&byte, SIZE_MAX, &record).valid());
         EXPECT_TRUE(s_calls.empty());
     });
-    EXPECT_TRUE(child.passed());
+    EXPECT_TRUE(child.succeeded()) << child.report();
     EXPECT_EQ(countOf(child.output, "NO enough"), 1);
 }
 
@@ -262,7 +265,7 @@ TEST(Packet, PartsStayInsideTheirParentAndKeepIt)
         deeper.reset();
         EXPECT_EQ(CPacketManager::instance()->getFreeSize(), 2097152u);
     });
-    EXPECT_TRUE(child.passed());
+    EXPECT_TRUE(child.succeeded()) << child.report();
     EXPECT_THAT(child.output, HasSubstr("PacketInternal::create() offset or size is invalid!! "
                                         "huge_size:100, offset:99, size:2\n"));
     EXPECT_EQ(countOf(child.output, "offset or size is invalid"), 6);
@@ -443,11 +446,11 @@ TEST(SharePacketSeam, TakesOverCreationAndFiguresInTheSharePolicyOnly)
         });
     };
     const ChildResult shared = scenario(CPacketManager::policySharePool);
-    EXPECT_TRUE(shared.passed());
+    EXPECT_TRUE(shared.succeeded()) << shared.report();
     EXPECT_THAT(shared.output,
                 HasSubstr("shared:10,1\nshared:20,2\nshared block:3\nshared block:4\n"
                           "shared pool\n"));
     const ChildResult system = scenario(CPacketManager::policySystem);
-    EXPECT_TRUE(system.passed());
+    EXPECT_TRUE(system.succeeded()) << system.report();
     EXPECT_EQ(countOf(system.output, "shared"), 0);
 }

@@ -1,103 +1,42 @@
 #ifndef INFRA_TESTS_SUPPORT_CHILDPROCESS_H
 #define INFRA_TESTS_SUPPORT_CHILDPROCESS_H
 
-// Runs a part of a test in a process of its own: for choices that a process makes once, for code
-// that ends the process, and for what happens at exit.
+// What is chosen once a process, or ends it, is tested in a child: policies, options, hooks, exit, abort.
 
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
+#include <functional>
 #include <string>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-namespace Tests
+namespace Tarsel
+{
+namespace TestSupport
 {
 
-/// How a child ended and what it wrote to standard output and standard error.
 struct ChildResult
 {
-    int status;
-    std::string output;
+    int exitCode = -1; ///< -1 when a signal ended it
+    int signal = 0;
+    std::string output;      ///< all of its standard output
+    std::string errorOutput; ///< all of its standard error
 
-    /// The child reported no failure and ran through its exit handlers.
-    testing::AssertionResult passed() const
-    {
-        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-            return testing::AssertionSuccess();
-        }
-        return testing::AssertionFailure() << "child ended with status " << status << ":\n"
-                                           << output;
-    }
-
-    /// The child was ended by abort().
-    testing::AssertionResult aborted() const
-    {
-        if (WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) {
-            return testing::AssertionSuccess();
-        }
-        return testing::AssertionFailure() << "child ended with status " << status << ":\n"
-                                           << output;
-    }
+    bool succeeded() const { return exitCode == 0; }
+    /// Both outputs, for the message of a failed expectation.
+    std::string report() const;
 };
 
-/// Forks; the child runs `body` and exits, with failure when an expectation in `body` failed. Call
-/// it while this process has one thread.
-template <typename Body>
-ChildResult runInChild(Body body)
-{
-    int ends[2] = {-1, -1};
-    if (pipe(ends) != 0) {
-        ADD_FAILURE() << "no pipe";
-        return {-1, ""};
-    }
-    const bool failedBefore = testing::Test::HasFailure();
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        const rlimit noCore = {0, 0};
-        setrlimit(RLIMIT_CORE, &noCore);
-        dup2(ends[1], STDOUT_FILENO);
-        dup2(ends[1], STDERR_FILENO);
-        close(ends[0]);
-        close(ends[1]);
-        body();
-        std::exit(testing::Test::HasFailure() && !failedBefore ? 1 : 0);
-    }
-    close(ends[1]);
-    ChildResult result = {-1, ""};
-    char piece[4096];
-    for (ssize_t count; (count = read(ends[0], piece, sizeof(piece))) > 0;) {
-        result.output.append(piece, static_cast<size_t>(count));
-    }
-    close(ends[0]);
-    if (child < 0 || waitpid(child, &result.status, 0) != child) {
-        ADD_FAILURE() << "no child";
-    }
-    return result;
-}
+/// Forks, runs `body` in the child with both outputs redirected to files, and ends it with exit(): 1 when
+/// an expectation failed in it, else 0. A child that takes longer than a minute is killed.
+ChildResult runInChild(const std::function<void()>& body);
 
-/// The same where nothing but success counts.
-template <typename Body>
-void inChild(Body body)
-{
-    EXPECT_TRUE(runInChild(body).passed());
-}
+/// The same where nothing but success is expected.
+void inChild(const std::function<void()>& body);
 
-/// How often `text` stands in `output`.
-inline int countOf(const std::string& output, const std::string& text)
-{
-    int count = 0;
-    for (size_t at = 0; (at = output.find(text, at)) != std::string::npos; at += text.size()) {
-        ++count;
-    }
-    return count;
-}
+/// `text` without colour sequences.
+std::string withoutColors(const std::string& text);
 
-} // namespace Tests
+/// How often `part` occurs in `text`.
+int countOf(const std::string& text, const std::string& part);
+
+} // namespace TestSupport
+} // namespace Tarsel
 
 #endif

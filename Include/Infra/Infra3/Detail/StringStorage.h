@@ -1,0 +1,480 @@
+#ifndef INFRA_INFRA3_DETAIL_STRINGSTORAGE_H
+#define INFRA_INFRA3_DETAIL_STRINGSTORAGE_H
+
+// Where a string keeps text that does not fit into the object: one heap block per string.
+//
+//     pData_ --> [ pEnd_ | pEndOfMem_ | c h a r a c t e r s NUL .. ]
+//                     |          +--------> one past the capacity, where the last NUL goes
+//                     +-------------------> one past the last character, where the NUL stands
+//
+// A storage is the base class of flex_string. What it offers: size, capacity, data (always
+// terminated), reserve, setSize, append, push_back, shrink, swap, copying and moving. Growth is
+// exact: a capacity is never more than was asked for. What keeps growing character by character
+// cheap is that blocks are cut in the system allocator's own steps, so that most growth stays in
+// its block.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "Infra/Infra3/Detail/Export.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+namespace Detail
+{
+
+/// Ends the process with the system's own assertion report, in every build.
+[[noreturn]] INFRA_API void stringCheckFailed(const char* text, const char* file, long line);
+/// std::out_of_range, std::length_error and std::bad_alloc, out of the callers' way.
+[[noreturn]] INFRA_API void throwStringPosition();
+[[noreturn]] INFRA_API void throwStringLength();
+[[noreturn]] INFRA_API void throwStringMemory();
+
+/// A block from malloc with room for `bytes`: the same one where it has that, else a moved one. One
+/// that grows gets a little more than it asks for, because it will ask again.
+INFRA_API void* resizeStringBlock(void* block, size_t bytes, bool grows);
+
+/// A check of a string's own soundness; a function and not assert(), because the same inline code
+/// must come out of every user's build, with NDEBUG or without.
+inline void stringCheck(bool holds, const char* text, const char* file = __builtin_FILE(),
+                        long line = __builtin_LINE())
+{
+    if (__builtin_expect(!holds, 0)) {
+        stringCheckFailed(text, file, line);
+    }
+}
+
+/// Moves `count` bytes, at least `Half` and at most twice that: two loads, then two stores, so the
+/// ranges may overlap.
+template <size_t Half>
+inline void moveEnds(char* target, const char* source, size_t count) noexcept
+{
+    char first[Half];
+    char last[Half];
+    memcpy(first, source, Half);
+    memcpy(last, source + count - Half, Half);
+    memcpy(target, first, Half);
+    memcpy(target + count - Half, last, Half);
+}
+
+/// memmove without a call for the lengths that strings mostly have. Null is fine for 0 bytes.
+inline void moveBytes(char* target, const char* source, size_t count) noexcept
+{
+    if (count > 32) {
+        memmove(target, source, count);
+    } else if (count >= 16) {
+        moveEnds<16>(target, source, count);
+    } else if (count >= 8) {
+        moveEnds<8>(target, source, count);
+    } else if (count >= 4) {
+        moveEnds<4>(target, source, count);
+    } else if (count >= 2) {
+        moveEnds<2>(target, source, count);
+    } else if (count == 1) {
+        *target = *source;
+    }
+}
+
+template <typename E>
+inline void moveText(E* target, const E* source, size_t count) noexcept
+{
+    static_assert(std::is_trivially_copyable<E>::value, "characters are plain data");
+    moveBytes(reinterpret_cast<char*>(target), reinterpret_cast<const char*>(source),
+              count * sizeof(E));
+}
+
+/// Compares two numbers that stand in memory with their first byte as the highest: the order of
+/// words is then that of the bytes in them.
+template <typename Word>
+inline int compareWord(const char* a, const char* b) noexcept
+{
+    Word left = 0;
+    Word right = 0;
+    memcpy(&left, a, sizeof(Word));
+    memcpy(&right, b, sizeof(Word));
+    if (left == right) {
+        return 0;
+    }
+    if constexpr (sizeof(Word) == 8) {
+        return __builtin_bswap64(left) < __builtin_bswap64(right) ? -1 : 1;
+    } else if constexpr (sizeof(Word) == 4) {
+        return __builtin_bswap32(left) < __builtin_bswap32(right) ? -1 : 1;
+    } else {
+        return __builtin_bswap16(left) < __builtin_bswap16(right) ? -1 : 1;
+    }
+}
+
+/// Compares `count` bytes, at least one word and at most two.
+template <typename Word>
+inline int compareEnds(const char* a, const char* b, size_t count) noexcept
+{
+    const int first = compareWord<Word>(a, b);
+    const size_t last = count - sizeof(Word);
+    return first != 0 ? first : compareWord<Word>(a + last, b + last);
+}
+
+/// memcmp without a call for the lengths that strings mostly have. Null is fine for 0 bytes.
+inline int compareBytes(const char* a, const char* b, size_t count) noexcept
+{
+    if (count > 32) {
+        return memcmp(a, b, count);
+    }
+    if (count > 16) {
+        const int first = compareEnds<uint64_t>(a, b, 16);
+        const size_t last = count - 16;
+        return first != 0 ? first : compareEnds<uint64_t>(a + last, b + last, 16);
+    }
+    if (count >= 8) {
+        return compareEnds<uint64_t>(a, b, count);
+    }
+    if (count >= 4) {
+        return compareEnds<uint32_t>(a, b, count);
+    }
+    if (count >= 2) {
+        return compareEnds<uint16_t>(a, b, count);
+    }
+    return count == 0 ? 0 : static_cast<unsigned char>(*a) - static_cast<unsigned char>(*b);
+}
+
+/// basic_string_view::compare, without a call for short plain text.
+template <typename E, typename T>
+inline int compareViews(std::basic_string_view<E, T> a, std::basic_string_view<E, T> b) noexcept
+{
+    if constexpr (std::is_same<T, std::char_traits<char>>::value) {
+        const size_t common = a.size() < b.size() ? a.size() : b.size();
+        const int order = compareBytes(a.data(), b.data(), common);
+        return order != 0 ? order : (a.size() > b.size()) - (a.size() < b.size());
+    } else {
+        return a.compare(b);
+    }
+}
+
+/// True when both are the same; most different texts differ in length already.
+template <typename E, typename T>
+inline bool sameViews(std::basic_string_view<E, T> a, std::basic_string_view<E, T> b) noexcept
+{
+    return a.size() == b.size() && compareViews(a, b) == 0;
+}
+
+/// The head of a block; the characters begin with `buffer_` and go on behind it.
+/// True between calls: buffer_ <= pEnd_ <= pEndOfMem_, and *pEnd_ is NUL.
+template <typename E>
+struct StringBlock
+{
+    E* pEnd_;
+    E* pEndOfMem_;
+    E buffer_[1];
+
+    size_t size() const noexcept { return static_cast<size_t>(pEnd_ - buffer_); }
+    size_t capacity() const noexcept { return static_cast<size_t>(pEndOfMem_ - buffer_); }
+
+    void setSize(size_t size) noexcept
+    {
+        pEnd_ = buffer_ + size;
+        *pEnd_ = E();
+    }
+
+    /// Bytes of a block for `capacity` characters: head, characters, room for the terminator.
+    static constexpr size_t bytes(size_t capacity) noexcept
+    {
+        return sizeof(StringBlock) + capacity * sizeof(E);
+    }
+};
+
+/// Blocks from malloc. A request is rounded up to what the system allocator hands out for it anyway
+/// (multiples of 16 bytes less its own word of 8), so a block can grow within its step for nothing.
+template <typename E>
+struct MallocStringMemory
+{
+    typedef StringBlock<E> Block;
+
+    static Block* allocate(size_t capacity)
+    {
+        void* const memory = malloc(bytes(capacity));
+        if (__builtin_expect(memory == nullptr, 0)) {
+            throwStringMemory();
+        }
+        return static_cast<Block*>(memory);
+    }
+
+    static void release(Block* block, size_t) noexcept { free(block); }
+
+    /// True when a block of capacity `from` has the room for capacity `to` as it is.
+    static constexpr bool isSameBlock(size_t from, size_t to) noexcept
+    {
+        return bytes(from) == bytes(to);
+    }
+
+    /// The block with room for `to`, elsewhere perhaps; its pointers are the caller's to renew.
+    static Block* resize(Block* block, size_t from, size_t to)
+    {
+        return static_cast<Block*>(resizeStringBlock(block, bytes(to), to > from));
+    }
+
+private:
+    static constexpr size_t bytes(size_t capacity) noexcept
+    {
+        return ((Block::bytes(capacity) + 8 + 15) & ~size_t(15)) - 8;
+    }
+};
+
+/// Blocks from an allocator of the user's own, which must have no state.
+template <typename E, typename A>
+struct AllocatorStringMemory
+{
+    typedef StringBlock<E> Block;
+    typedef typename std::allocator_traits<A>::template rebind_alloc<Block> Allocator;
+    static_assert(std::is_empty<Allocator>::value, "a string has no room for an allocator's state");
+
+    static Block* allocate(size_t capacity) { return Allocator().allocate(blocks(capacity)); }
+
+    static void release(Block* block, size_t capacity) noexcept
+    {
+        Allocator().deallocate(block, blocks(capacity));
+    }
+
+    static constexpr bool isSameBlock(size_t from, size_t to) noexcept
+    {
+        return blocks(from) == blocks(to);
+    }
+
+    static Block* resize(Block* block, size_t from, size_t to)
+    {
+        Block* const moved = allocate(to);
+        memcpy(static_cast<void*>(moved), static_cast<const void*>(block),
+               Block::bytes(from < to ? from : to));
+        release(block, from);
+        return moved;
+    }
+
+private:
+    /// An allocator of heads gives memory that is aligned for one.
+    static constexpr size_t blocks(size_t capacity) noexcept
+    {
+        return (Block::bytes(capacity) + sizeof(Block) - 1) / sizeof(Block);
+    }
+};
+
+/// std::allocator has nothing like realloc, so its strings go to the system directly.
+template <typename E>
+struct AllocatorStringMemory<E, std::allocator<E>> : MallocStringMemory<E>
+{};
+
+} // namespace Detail
+
+/// One pointer to a block of `Memory`. An empty text needs none: `pData_` then points to the shared
+/// empty block, or is null where `NullWhenEmpty` asks for it. A block on the heap has a capacity
+/// above 0, and that is how it is told from the shared one, of which each library may have its own.
+template <typename E, typename Memory, bool NullWhenEmpty>
+class SimpleStringStorage
+{
+public:
+    typedef E value_type;
+    typedef size_t size_type;
+    typedef Detail::StringBlock<E> Data;
+
+    constexpr SimpleStringStorage() noexcept : pData_(none()) {}
+    SimpleStringStorage(const E* text, size_type size) : SimpleStringStorage(text, size, size) {}
+    SimpleStringStorage(const E* text, size_type size, size_type capacity)
+        : pData_(make(text, size, capacity))
+    {}
+    /// Takes over a block that make() has made.
+    explicit SimpleStringStorage(Data* block) noexcept : pData_(block) {}
+    SimpleStringStorage(const SimpleStringStorage& other)
+        : SimpleStringStorage(other.data(), other.size())
+    {}
+    SimpleStringStorage(SimpleStringStorage&& other) noexcept : pData_(other.pData_)
+    {
+        other.pData_ = none();
+    }
+    SimpleStringStorage& operator=(const SimpleStringStorage&) = delete;
+    ~SimpleStringStorage() { drop(); }
+
+    /// A block for `capacity` characters that begins with the `size` given ones.
+    static Data* make(const E* text, size_type size, size_type capacity)
+    {
+        Detail::stringCheck(size <= capacity, "size <= cap");
+        if (capacity == 0) {
+            return none();
+        }
+        Data* const block = Memory::allocate(capacity);
+        block->pEndOfMem_ = block->buffer_ + capacity;
+        Detail::moveText(block->buffer_, text, size);
+        block->setSize(size);
+        return block;
+    }
+
+    size_type size() const noexcept { return block().size(); }
+    size_type capacity() const noexcept { return block().capacity(); }
+    static constexpr size_type max_size() noexcept { return PTRDIFF_MAX / sizeof(E) - 64; }
+    const E* data() const noexcept { return block().buffer_; }
+    E* data() noexcept { return const_cast<E*>(block().buffer_); }
+
+    /// Makes the capacity `capacity`, which is at most max_size(), if it is less.
+    void reserve(size_type capacity)
+    {
+        if (capacity > this->capacity()) {
+            grow(capacity);
+        }
+    }
+
+    /// Cuts or lengthens the text within the capacity and terminates it.
+    void setSize(size_type size) noexcept
+    {
+        if (size == 0) {
+            setEmpty();
+        } else {
+            pData_->setSize(size);
+        }
+    }
+
+    /// Appends what lies outside the string, or whatever there is room for already.
+    void append(const E* text, size_type count)
+    {
+        const size_type before = size();
+        if (count > capacity() - before) {
+            Detail::stringCheck(!contains(text), "!(le(begin(), &*b) && le(&*b, end()))");
+            grow(before + count);
+        }
+        if (count != 0) {
+            Data* const block = pData_; // characters may alias anything: nothing is read twice
+            Detail::moveText(block->buffer_ + before, text, count);
+            block->setSize(before + count);
+        }
+    }
+
+    void push_back(E c)
+    {
+        if (block().pEnd_ == block().pEndOfMem_) {
+            grow(size() + 1);
+        }
+        Data* const block = pData_;
+        E* const end = block->pEnd_;
+        block->pEnd_ = end + 1;
+        end[0] = c;
+        end[1] = E();
+    }
+
+    /// Gives back what lies behind the text.
+    void shrink()
+    {
+        if (size() == 0) {
+            drop();
+        } else if (size() < capacity()) {
+            resizeBlock(size());
+        }
+    }
+
+    void swap(SimpleStringStorage& other) noexcept { std::swap(pData_, other.pData_); }
+
+protected:
+    /// True for an address within the text or at its end.
+    bool contains(const E* address) const noexcept
+    {
+        return le(data(), address) && le(address, data() + size());
+    }
+
+    static bool le(const E* a, const E* b) noexcept { return std::less_equal<const E*>()(a, b); }
+
+    Data* pData_;
+
+private:
+    const Data& block() const noexcept
+    {
+        return NullWhenEmpty && pData_ == nullptr ? emptyString_ : *pData_;
+    }
+
+    static constexpr Data* none() noexcept { return NullWhenEmpty ? nullptr : &emptyString_; }
+
+    void grow(size_type capacity)
+    {
+        if (this->capacity() != 0 && Memory::isSameBlock(this->capacity(), capacity)) {
+            pData_->pEndOfMem_ = pData_->buffer_ + capacity;
+        } else {
+            resizeBlock(capacity);
+        }
+    }
+
+    __attribute__((noinline)) void resizeBlock(size_type capacity)
+    {
+        const size_type size = this->size();
+        const bool hasBlock = this->capacity() != 0;
+        pData_ = hasBlock ? Memory::resize(pData_, this->capacity(), capacity)
+                          : Memory::allocate(capacity);
+        pData_->pEndOfMem_ = pData_->buffer_ + capacity;
+        pData_->setSize(size);
+    }
+
+    void setEmpty() noexcept
+    {
+        if (size() == 0) {
+            return; // the shared block is never written
+        }
+        if (NullWhenEmpty) {
+            drop();
+        } else {
+            pData_->setSize(0);
+        }
+    }
+
+    void drop() noexcept
+    {
+        if (capacity() != 0) {
+            Memory::release(pData_, capacity());
+            pData_ = none();
+        }
+    }
+
+    static Data emptyString_;
+};
+
+template <typename E, typename Memory, bool NullWhenEmpty>
+typename SimpleStringStorage<E, Memory, NullWhenEmpty>::Data
+    SimpleStringStorage<E, Memory, NullWhenEmpty>::emptyString_ = {
+        emptyString_.buffer_, emptyString_.buffer_, {E()}};
+
+/// The large form of CString: blocks from `A`, the shared block for an empty text.
+template <typename E, typename A = std::allocator<E>>
+class AllocatorStringStorage
+    : public SimpleStringStorage<E, Detail::AllocatorStringMemory<E, A>, false>
+{
+    typedef SimpleStringStorage<E, Detail::AllocatorStringMemory<E, A>, false> Base;
+
+public:
+    using Base::Base;
+    constexpr AllocatorStringStorage() noexcept = default;
+};
+
+/// The storage of CMiniString: null for an empty text, otherwise a block from malloc. The block
+/// goes when the text becomes empty, so that a record full of empty strings holds no memory.
+template <typename E, typename A = std::allocator<E>>
+class MiniStringStorage : public SimpleStringStorage<E, Detail::MallocStringMemory<E>, true>
+{
+    typedef SimpleStringStorage<E, Detail::MallocStringMemory<E>, true> Base;
+
+public:
+    using Base::Base;
+    constexpr MiniStringStorage() noexcept = default;
+    MiniStringStorage(const MiniStringStorage&) = default;
+    MiniStringStorage(MiniStringStorage&&) noexcept = default;
+    ~MiniStringStorage()
+    {
+        Detail::stringCheck(this->pData_ == nullptr ||
+                                Base::le(this->pData_->buffer_, this->pData_->pEnd_),
+                            "begin() <= end()");
+    }
+};
+
+} // namespace Infra
+} // namespace Tarsel
+
+#endif

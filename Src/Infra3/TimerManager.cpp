@@ -1,0 +1,510 @@
+// TimerManager.cpp: the scheduler thread and the pool of workers.
+//
+// Every 10 ms the scheduler reads the clock, moves what has fallen due into the due list and hands
+// the calls out one by one, releasing the lock between two. A hand-over copies the delegate into a
+// worker and posts its semaphore: no system call but the wake-up.
+
+#include <algorithm>
+#include <climits>
+#include <vector>
+
+#include "Infra/Infra3/Guard.h"
+#include "Infra/Infra3/Time.h"
+#include "Infra3/AssertFront.h"
+#include "Infra3/BoundedText.h"
+#include "Infra3/Fork.h"
+#include "Infra3/Immortal.h"
+#include "Infra3/LogFront.h"
+#include "Infra3/Singleton.h"
+#include "Infra3/TimerInternal.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+namespace
+{
+
+constexpr int tickMs = 10;
+/// A scheduler that is stuck for this long shows as timed out in the thread table.
+constexpr int schedulerTimeoutMs = 10000;
+
+/// One row of the timer table, copied under the lock.
+struct TimerRow
+{
+    char name[32];
+    uint64_t callTime;
+    uint64_t runningTime;
+    unsigned long period;
+    uint64_t used;
+    unsigned long timeout;
+    bool running;
+};
+
+} // namespace
+
+TimerManagerInternal* TimerManagerInternal::instance()
+{
+    return TSingleton<TimerManagerInternal>::instance();
+}
+
+TimerManagerInternal* TimerManagerInternal::existing()
+{
+    return TSingleton<TimerManagerInternal>::existing();
+}
+
+CRecursiveMutex& TimerManagerInternal::sm_mutex()
+{
+    return immortal<CRecursiveMutex, TimerManagerInternal>();
+}
+
+TimerManagerInternal::TimerManagerInternal()
+    : CThread("TimerManager", priorTop, policyNormal, 0),
+      m_headPooled(nullptr),
+      m_CurTime(CTime::getCurrentMilliSecond()),
+      m_limitThreadCount(-1),
+      m_idleThreadCount(0),
+      m_schedule(m_CurTime),
+      m_headBusy(nullptr),
+      m_headDying(nullptr)
+{
+    static constexpr ForkPart forkPart = {prepareFork, resumeParent, resumeChild};
+    joinFork(ForkRank::timers, forkPart);
+    createThread(); // Last: the new thread uses all of the above.
+}
+
+TimerManagerInternal::~TimerManagerInternal()
+{
+    stopSchedulerAndWorkers();
+}
+
+// The scheduler's thread.
+
+void TimerManagerInternal::threadProc()
+{
+    bool sleeps = true;
+    do {
+        if (sleeps) {
+            CThread::sleep(tickMs);
+        }
+        const CLogHold hold;
+        CRecursiveGuard guard(sm_mutex());
+        if (sleeps) {
+            tickLocked();
+        }
+        sleeps = !runNextLocked();
+        if (sleeps && m_headDying != nullptr) {
+            sm_mutex().leave();
+            deleteDead();
+            sm_mutex().enter();
+        }
+    } while (looping());
+}
+
+void TimerManagerInternal::tickLocked()
+{
+    const uint64_t now = CTime::getCurrentMilliSecond();
+    INFRA_ASSERT_TEXT(now >= m_CurTime, "0");
+    if (now != m_CurTime) {
+        m_CurTime = now;
+        m_schedule.advance(now);
+    }
+    setTimeout(schedulerTimeoutMs, now);
+}
+
+/// Hands out the first due call. True when another one is due.
+bool TimerManagerInternal::runNextLocked()
+{
+    TimerInternal* const timer = m_schedule.firstDue();
+    if (timer != nullptr) {
+        runLocked(*timer, /*retry*/ true);
+    }
+    return m_schedule.firstDue() != nullptr;
+}
+
+// Calls.
+
+/// Hands out a call of the timer and moves it on. `retry`: a one-shot timer for which no worker
+/// could be had is tried again at the next tick.
+bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry)
+{
+    if (timer.m_Started.load(std::memory_order_relaxed)) {
+        removeLocked(timer);
+    }
+    if (timer.m_Period > 0) {
+        timer.skipPast(m_CurTime);
+        insertLocked(timer);
+    } else {
+        timer.m_Called.store(true, std::memory_order_relaxed);
+    }
+    if (timer.isRunning()) {
+        return false;
+    }
+    if (handOutLocked(timer)) {
+        return true;
+    }
+    if (timer.m_Period == 0 && retry) {
+        timer.m_Called.store(false, std::memory_order_relaxed);
+        timer.m_CallTime = m_CurTime;
+        insertLocked(timer);
+    }
+    return false;
+}
+
+bool TimerManagerInternal::handOutLocked(TimerInternal& timer)
+{
+    CTimerThread* const worker = getTimerThreadLocked();
+    if (worker == nullptr) {
+        return false;
+    }
+    timer.m_CheckTime = m_CurTime;
+    worker->setThreadName(timer.m_Name);
+    worker->setTimeout(static_cast<int>(std::min<unsigned long>(timer.m_timeout, INT_MAX)));
+    worker->m_asynFunc = timer.m_fun;
+    worker->m_param = timer.m_param;
+    worker->m_bStatistic = timer.m_bStatistic.load(std::memory_order_relaxed);
+    worker->m_caller = &timer;
+    timer.m_thread.store(worker, std::memory_order_relaxed);
+    linkBusyLocked(worker);
+    worker->m_semaphore.post();
+    return true;
+}
+
+void TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSeconds)
+{
+    CRecursiveGuard guard(sm_mutex());
+    TimerInternal* const timer = worker->m_caller;
+    if (timer != nullptr) {
+        if (timer->m_bStatistic.load(std::memory_order_relaxed)) {
+            timer->m_runningTime += usedMicroSeconds;
+        }
+        timer->m_thread.store(nullptr, std::memory_order_relaxed);
+        worker->m_caller = nullptr;
+        timer->notifyWaitersLocked();
+    }
+    unlinkBusyLocked(worker);
+    putTimerThreadLocked(worker);
+}
+
+// What a timer's owner asks for.
+
+bool TimerManagerInternal::start(TimerInternal& timer, const CTimer::Proc& fun, uint32_t delay,
+                                 uint32_t period, unsigned long param, uint32_t timeout)
+{
+    const CLogHold hold;
+    CRecursiveGuard guard(sm_mutex());
+    if (!ensureSchedulerLocked()) {
+        return false;
+    }
+    if (timer.m_Started.load(std::memory_order_relaxed)) {
+        removeLocked(timer);
+    }
+    timer.m_fun = fun;
+    timer.m_CallTime = m_CurTime + delay;
+    timer.m_Period = period;
+    timer.m_timeout = timeout;
+    timer.m_param = param;
+    timer.m_Called.store(false, std::memory_order_relaxed);
+    timer.m_bStatistic.store(false, std::memory_order_relaxed);
+    insertLocked(timer);
+    return delay != 0 || runLocked(timer, /*retry*/ true);
+}
+
+bool TimerManagerInternal::stop(TimerInternal& timer, bool callNow)
+{
+    const CLogHold hold;
+    CRecursiveGuard guard(sm_mutex());
+    if (!timer.m_Started.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    removeLocked(timer);
+    return timer.m_Period > 0 || !callNow || runLocked(timer, /*retry*/ false);
+}
+
+void TimerManagerInternal::setPeriodTime(TimerInternal& timer, unsigned int period)
+{
+    CRecursiveGuard guard(sm_mutex());
+    const bool started = timer.m_Started.load(std::memory_order_relaxed);
+    if (started) {
+        removeLocked(timer);
+    }
+    // A call time before the clock's beginning is due at the next tick.
+    const uint64_t later = timer.m_CallTime + period;
+    timer.m_CallTime = later > timer.m_Period ? later - timer.m_Period : 0;
+    timer.m_Period = period;
+    if (started) {
+        insertLocked(timer);
+    }
+}
+
+void TimerManagerInternal::insertLocked(TimerInternal& timer)
+{
+    m_schedule.insert(timer);
+    timer.m_Started.store(true, std::memory_order_relaxed);
+}
+
+void TimerManagerInternal::removeLocked(TimerInternal& timer)
+{
+    m_schedule.remove(timer);
+    timer.m_Started.store(false, std::memory_order_relaxed);
+}
+
+/// The scheduler is missing when its thread could not be made so far, or stayed behind in the
+/// parent of a fork.
+bool TimerManagerInternal::ensureSchedulerLocked()
+{
+    if (looping()) {
+        return true;
+    }
+    if (existing() != this) {
+        return false; // the process is exiting
+    }
+    const uint64_t now = CTime::getCurrentMilliSecond();
+    if (now > m_CurTime) {
+        m_CurTime = now;
+        m_schedule.advance(now);
+    }
+    return createThread();
+}
+
+void TimerManagerInternal::dumpTimers()
+{
+    std::vector<TimerRow> rows;
+    uint64_t now = 0;
+    {
+        CRecursiveGuard guard(sm_mutex());
+        now = m_CurTime;
+        for (const TimerInternal* timer : m_schedule.sorted()) {
+            const bool running = timer->isRunning();
+            TimerRow row = {"",
+                            timer->m_CallTime,
+                            timer->m_runningTime,
+                            timer->m_Period,
+                            running ? now - timer->m_CheckTime : 0,
+                            timer->m_timeout,
+                            running};
+            copyText(row.name, timer->m_Name);
+            rows.push_back(row);
+        }
+    }
+    INFRA_LOG_INFO("Timers: ( %lu Milli-Seconds Elapsed )\n", static_cast<unsigned long>(now));
+    INFRA_LOG_INFO(
+        "            Name            NextTime RunningTime Period   Used/Timeout State\n");
+    INFRA_LOG_INFO(
+        "____________________________________________________________________________\n");
+    for (const TimerRow& row : rows) {
+        INFRA_LOG_INFO("%24s %11lu %11lu %6lu %6d/%6lu %s\n", row.name,
+                       static_cast<unsigned long>(row.callTime),
+                       static_cast<unsigned long>(row.runningTime / 1000), row.period,
+                       static_cast<int>(row.used), row.timeout, row.running ? "Running" : "Idle");
+    }
+    INFRA_LOG_INFO("\n");
+}
+
+void TimerManagerInternal::limitIdlePooled(int count)
+{
+    CRecursiveGuard guard(sm_mutex());
+    m_limitThreadCount = count;
+}
+
+// The pool.
+
+CTimerThread* TimerManagerInternal::getTimerThreadLocked()
+{
+    if (m_headPooled != nullptr) {
+        CTimerThread* const worker = m_headPooled;
+        m_headPooled = worker->m_nextPooled;
+        --m_idleThreadCount;
+        return worker;
+    }
+    CTimerThread* const worker = new CTimerThread(*this);
+    if (!worker->createThread()) {
+        delete worker;
+        return nullptr;
+    }
+    return worker;
+}
+
+void TimerManagerInternal::putTimerThreadLocked(CTimerThread* pThread)
+{
+    INFRA_ASSERT(pThread);
+    pThread->m_nextPooled = m_headPooled;
+    m_headPooled = pThread;
+    ++m_idleThreadCount;
+    if (m_limitThreadCount >= 1 && m_idleThreadCount > m_limitThreadCount) {
+        trimPoolLocked(m_limitThreadCount);
+    }
+}
+
+/// Cuts the idle list behind its first `keep` workers. The returning worker may be among the cut,
+/// so nobody waits here: they are told to end, and the scheduler deletes them when they have.
+void TimerManagerInternal::trimPoolLocked(int keep)
+{
+    CTimerThread** link = &m_headPooled;
+    for (int i = 0; i < keep; ++i) {
+        link = &(*link)->m_nextPooled;
+    }
+    CTimerThread* worker = *link;
+    *link = nullptr;
+    m_idleThreadCount = keep;
+    while (worker != nullptr) {
+        CTimerThread* const next = worker->m_nextPooled;
+        worker->m_nextPooled = m_headDying;
+        m_headDying = worker;
+        worker->cancelThread();
+        worker->askToEnd();
+        worker = next;
+    }
+}
+
+void TimerManagerInternal::linkBusyLocked(CTimerThread* worker)
+{
+    worker->m_prevBusy = nullptr;
+    worker->m_nextPooled = m_headBusy;
+    if (m_headBusy != nullptr) {
+        m_headBusy->m_prevBusy = worker;
+    }
+    m_headBusy = worker;
+}
+
+void TimerManagerInternal::unlinkBusyLocked(CTimerThread* worker)
+{
+    if (worker->m_nextPooled != nullptr) {
+        worker->m_nextPooled->m_prevBusy = worker->m_prevBusy;
+    }
+    if (worker->m_prevBusy != nullptr) {
+        worker->m_prevBusy->m_nextPooled = worker->m_nextPooled;
+    } else {
+        m_headBusy = worker->m_nextPooled;
+    }
+}
+
+/// Takes a worker that is over out of the dying list, or returns null.
+CTimerThread* TimerManagerInternal::takeDeadLocked()
+{
+    for (CTimerThread** link = &m_headDying; *link != nullptr; link = &(*link)->m_nextPooled) {
+        CTimerThread* const worker = *link;
+        if (worker->isThreadOver()) {
+            *link = worker->m_nextPooled;
+            return worker;
+        }
+    }
+    return nullptr;
+}
+
+void TimerManagerInternal::deleteDead()
+{
+    for (;;) {
+        CTimerThread* worker = nullptr;
+        {
+            CRecursiveGuard guard(sm_mutex());
+            worker = takeDeadLocked();
+        }
+        if (worker == nullptr) {
+            return;
+        }
+        delete worker;
+    }
+}
+
+// Exit and fork.
+
+void TimerManagerInternal::stopSchedulerAndWorkers()
+{
+    if (!isThreadOver()) {
+        destroyThread();
+    }
+    {
+        const CLogHold hold;
+        CRecursiveGuard guard(sm_mutex());
+        for (TimerInternal* timer : m_schedule.sorted()) {
+            removeLocked(*timer);
+        }
+        trimPoolLocked(0);
+    }
+    for (;;) {
+        CTimerThread* worker = nullptr;
+        {
+            CRecursiveGuard guard(sm_mutex());
+            worker = m_headDying;
+            if (worker == nullptr) {
+                return;
+            }
+            m_headDying = worker->m_nextPooled;
+        }
+        delete worker; // waits for its end
+    }
+}
+
+/// Nothing is scheduled after this. The object stays: workers may be inside callbacks, and other
+/// threads may have asked for it just before.
+bool TimerManagerInternal::mayDestroy(TimerManagerInternal* manager)
+{
+    manager->stopSchedulerAndWorkers();
+    return false;
+}
+
+namespace
+{
+
+/// Whose threads are forgotten in the child of the fork in progress.
+constinit TimerManagerInternal* s_forking = nullptr;
+
+} // namespace
+
+void TimerManagerInternal::prepareFork()
+{
+    sm_mutex().enter();
+    s_forking = existing();
+}
+
+void TimerManagerInternal::resumeParent()
+{
+    sm_mutex().leave();
+}
+
+void TimerManagerInternal::resumeChild()
+{
+    ForkAccess::renew(sm_mutex());
+    if (s_forking != nullptr) {
+        s_forking->forgetThreads();
+    }
+}
+
+/// The threads' records count as over already. A worker whose callback forked goes on.
+void TimerManagerInternal::forgetThreads()
+{
+    CRecursiveGuard guard(sm_mutex());
+    for (TimerInternal* timer : m_schedule.sorted()) {
+        removeLocked(*timer);
+        timer->m_waiters = nullptr;
+    }
+    CTimerThread* busy = m_headBusy;
+    m_headBusy = nullptr;
+    while (busy != nullptr) {
+        CTimerThread* const next = busy->m_nextPooled;
+        if (busy->m_caller != nullptr) {
+            busy->m_caller->m_waiters = nullptr;
+        }
+        if (!busy->isThreadOver()) {
+            linkBusyLocked(busy);
+        } else {
+            if (busy->m_caller != nullptr) {
+                busy->m_caller->m_thread.store(nullptr, std::memory_order_relaxed);
+            }
+            busy->m_nextPooled = m_headDying;
+            m_headDying = busy;
+        }
+        busy = next;
+    }
+    while (m_headPooled != nullptr) {
+        CTimerThread* const idle = m_headPooled;
+        m_headPooled = idle->m_nextPooled;
+        idle->m_nextPooled = m_headDying;
+        m_headDying = idle;
+    }
+    m_idleThreadCount = 0;
+}
+
+} // namespace Infra
+} // namespace Tarsel

@@ -1,0 +1,39 @@
+#ifndef INFRA_TESTS_SUPPORT_LOGCAPTURE_H
+#define INFRA_TESTS_SUPPORT_LOGCAPTURE_H
+
+#include <mutex>
+#include <string>
+
+#include "Infra/Infra3/PrintLog.h"
+
+namespace Tarsel
+{
+namespace TestSupport
+{
+
+/// Takes the place of standard output for log lines while it lives, and keeps them, messages only: the
+/// prefix of each line is cut off. One at a time.
+class CLogCapture
+{
+public:
+    CLogCapture();
+    ~CLogCapture();
+    CLogCapture(const CLogCapture&) = delete;
+    CLogCapture& operator=(const CLogCapture&) = delete;
+
+    /// All messages so far.
+    std::string text() const;
+    bool contains(const std::string& part) const;
+    void clear();
+
+private:
+    void take(const char* text);
+
+    mutable std::mutex m_mutex;
+    std::string m_text;
+};
+
+} // namespace TestSupport
+} // namespace Tarsel
+
+#endif
