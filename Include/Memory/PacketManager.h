@@ -50,7 +50,7 @@ public:
         size_t alignSize; ///< packet alignment; 4 or more, rounded down to a power of two
     };
 
-    /// The memory primitives; at first the system's. They are called without a lock held.
+    /// The memory primitives; at first the system's. The pool's lock is not held while one runs.
     struct MemoryOperator
     {
         typedef Infra::TFunction1<void*, size_t> AllocProc;
