@@ -96,7 +96,8 @@ std::string withoutColors(const std::string& text)
 int countOf(const std::string& text, const std::string& part)
 {
     int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    for (size_t at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + part.size())) {
         ++count;
     }
     return count;

@@ -1,7 +1,8 @@
 #ifndef INFRA_TESTS_SUPPORT_CHILDPROCESS_H
 #define INFRA_TESTS_SUPPORT_CHILDPROCESS_H
 
-// What is chosen once a process, or ends it, is tested in a child: policies, options, hooks, exit, abort.
+// What is chosen once a process, or ends it, is tested in a child: policies, options, hooks, exit,
+// abort.
 
 #include <functional>
 #include <string>
@@ -23,8 +24,8 @@ struct ChildResult
     std::string report() const;
 };
 
-/// Forks, runs `body` in the child with both outputs redirected to files, and ends it with exit(): 1 when
-/// an expectation failed in it, else 0. A child that takes longer than a minute is killed.
+/// Forks, runs `body` in the child with both outputs redirected to files, and ends it with exit():
+/// 1 when an expectation failed in it, else 0. A child that takes longer than a minute is killed.
 ChildResult runInChild(const std::function<void()>& body);
 
 /// The same where nothing but success is expected.
