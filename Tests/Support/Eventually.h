@@ -9,8 +9,8 @@ namespace Tarsel
 namespace TestSupport
 {
 
-/// Waits until `condition()` holds; false when it does not within 20 seconds. The wait of all tests:
-/// a condition with a deadline, never a sleep alone.
+/// Waits until `condition()` holds; false when it does not within 20 seconds. The wait of all
+/// tests: a condition with a deadline, never a sleep alone.
 template <typename Condition>
 bool eventually(const Condition& condition)
 {

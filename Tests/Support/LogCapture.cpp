@@ -2,6 +2,8 @@
 
 #include "Support/LogCapture.h"
 
+#include <utility>
+
 namespace Tarsel
 {
 namespace TestSupport
@@ -32,6 +34,12 @@ void CLogCapture::clear()
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
     m_text.clear();
+}
+
+std::string CLogCapture::take()
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return std::exchange(m_text, std::string());
 }
 
 void CLogCapture::take(const char* text)

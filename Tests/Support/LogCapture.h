@@ -11,8 +11,8 @@ namespace Tarsel
 namespace TestSupport
 {
 
-/// Takes the place of standard output for log lines while it lives, and keeps them, messages only: the
-/// prefix of each line is cut off. One at a time.
+/// Takes the place of standard output for log lines while it lives, and keeps them, messages only:
+/// the prefix of each line is cut off. One at a time.
 class CLogCapture
 {
 public:
@@ -25,6 +25,8 @@ public:
     std::string text() const;
     bool contains(const std::string& part) const;
     void clear();
+    /// All messages since the last clear() or take().
+    std::string take();
 
 private:
     void take(const char* text);

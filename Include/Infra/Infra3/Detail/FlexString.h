@@ -603,6 +603,8 @@ inline ViewOf<S> viewOf(const Side& side) noexcept
     typedef typename S::value_type E;
     if constexpr (std::is_same<Side, E>::value) {
         return ViewOf<S>(&side, 1);
+    } else if constexpr (std::is_null_pointer<Side>::value) {
+        return ViewOf<S>();
     } else if constexpr (std::is_convertible<const Side&, const E*>::value) {
         const E* const text = side;
         return text == nullptr ? ViewOf<S>() : ViewOf<S>(text);

@@ -69,8 +69,12 @@ inline void moveEnds(char* target, const char* source, size_t count) noexcept
 /// memmove without a call for the lengths that strings mostly have. Null is fine for 0 bytes.
 inline void moveBytes(char* target, const char* source, size_t count) noexcept
 {
-    if (count > 32) {
+    if (count > 128) {
         memmove(target, source, count);
+    } else if (count > 64) {
+        moveEnds<64>(target, source, count);
+    } else if (count > 32) {
+        moveEnds<32>(target, source, count);
     } else if (count >= 16) {
         moveEnds<16>(target, source, count);
     } else if (count >= 8) {
