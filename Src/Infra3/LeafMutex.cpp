@@ -52,7 +52,7 @@ void leaveAll()
 
 void renewAll()
 {
-    forEachTaken([](CMutex& mutex) { ForkAccess::renew(mutex); });
+    forEachTaken([](CMutex& mutex) { ForkAccess::renewTaken(mutex); });
 }
 
 constexpr ForkPart leafPart = {takeAll, leaveAll, renewAll};
