@@ -221,7 +221,7 @@ void ThreadManagerInternal::resumeParent()
 void ThreadManagerInternal::resumeChild()
 {
     if (s_forking != nullptr) {
-        ForkAccess::renew(s_forking->m_mutex);
+        ForkAccess::renewTaken(s_forking->m_mutex);
         s_forking->forgetOtherThreads();
     }
 }

@@ -24,6 +24,7 @@
 #include "Support/ChildProcess.h"
 #include "Support/Eventually.h"
 #include "Support/FailingThreads.h"
+#include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 
 namespace Tarsel
@@ -330,7 +331,7 @@ TEST(ThreadStormTest, SharedObjectsSurviveEveryMixOfCalls)
     EXPECT_FALSE(CThreadManager::instance()->getThreadsInfo(infos));
 }
 
-TEST(ThreadManagerTest, TheTableShowsThreadsNewestFirst)
+void showTable()
 {
     CLogCapture log;
     CThreadManager& manager = *CThreadManager::instance();
@@ -372,6 +373,11 @@ TEST(ThreadManagerTest, TheTableShowsThreadsNewestFirst)
     EXPECT_FALSE(manager.hasThread(id));
     EXPECT_FALSE(manager.getTimeOutThreads(names));
     EXPECT_EQ(names, "");
+}
+
+TEST(ThreadManagerTest, TheTableShowsThreadsNewestFirst)
+{
+    INFRA_IN_FRESH_PROCESS(showTable);
 }
 
 void printWithLookUps(const char*)
@@ -450,14 +456,13 @@ TEST(LoadControllerTest, OnlyPercentagesAreTakenAndTheThreadLivesWhileOneIsLimit
 
 TEST(LoadControllerTest, AnotherHandlerForTheSignalEndsTheProcess)
 {
-    const TestSupport::ChildResult result = TestSupport::runInChild([] {
-        signal(SIGUSR2, [](int) {});
-        CThread::load(50);
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.errorOutput.find(
-                  "assertion (oldact.sa_handler == 0 && oldact.sa_sigaction == 0) failed"),
-              std::string::npos);
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process in which no controller was made yet
+    EXPECT_DEATH(
+        {
+            signal(SIGUSR2, [](int) {});
+            CThread::load(50);
+        },
+        "assertion .oldact.sa_handler == 0 && oldact.sa_sigaction == 0. failed");
 }
 
 } // namespace

@@ -22,6 +22,7 @@
 #include "Support/ChildProcess.h"
 #include "Support/Eventually.h"
 #include "Support/FailingThreads.h"
+#include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 
 namespace Tarsel
@@ -386,7 +387,7 @@ TEST(TimerPoolTest, WorkersGrowWithTheCallsAndAreTrimmedToTheLimit)
     EXPECT_TRUE(eventually([] { return threadsNamed("[Pooled]").size() == calls; }));
 }
 
-TEST(TimerPoolTest, WithoutNewThreadsCallsWaitForTheNextTick)
+void callWithoutNewThreads()
 {
     CLogCapture log;
     Callback callback;
@@ -407,20 +408,23 @@ TEST(TimerPoolTest, WithoutNewThreadsCallsWaitForTheNextTick)
     EXPECT_EQ(callback.calls, 1);
 }
 
-TEST(TimerPoolTest, AStarvedSchedulerStartsWithTheNextTimer)
+void startWithoutScheduler()
 {
-    const TestSupport::ChildResult result = TestSupport::runInChild([] {
-        Callback callback;
-        std::unique_ptr<CTimer> timer;
-        {
-            TestSupport::CFailingThreads failing;
-            timer = std::make_unique<CTimer>("late");
-            EXPECT_FALSE(timer->start(callback.proc(), 20, 0));
-        }
-        EXPECT_TRUE(timer->start(callback.proc(), 20, 0));
-        EXPECT_TRUE(callback.called());
-    });
-    EXPECT_TRUE(result.succeeded()) << result.report();
+    Callback callback;
+    std::unique_ptr<CTimer> timer;
+    {
+        TestSupport::CFailingThreads failing;
+        timer = std::make_unique<CTimer>("late");
+        EXPECT_FALSE(timer->start(callback.proc(), 20, 0));
+    }
+    EXPECT_TRUE(timer->start(callback.proc(), 20, 0));
+    EXPECT_TRUE(callback.called());
+}
+
+TEST(TimerPoolTest, WithoutNewThreadsCallsWaitAndTheSchedulerIsTriedAgain)
+{
+    INFRA_IN_FRESH_PROCESS(callWithoutNewThreads);
+    INFRA_IN_FRESH_PROCESS(startWithoutScheduler);
 }
 
 TEST(TimerStormTest, EveryOperationFromEverywhereAtOnce)
@@ -454,6 +458,7 @@ TEST(TimerStormTest, EveryOperationFromEverywhereAtOnce)
             }
         };
     }
+    CLogCapture log;
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&, t] {
@@ -490,7 +495,6 @@ TEST(TimerStormTest, EveryOperationFromEverywhereAtOnce)
     for (std::thread& thread : threads) {
         thread.join();
     }
-    CLogCapture log;
     CTimerManager::instance()->dumpTimers();
     {
         const CRecursiveGuard guard(TimerManagerInternal::sm_mutex());
