@@ -34,7 +34,8 @@ void logFront(int level, const LogPlace& place, const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    if (t_hold != nullptr) {
+    // After a fatal message nobody comes back to let it go.
+    if (t_hold != nullptr && level > logLevelFatal) {
         const int error = errno;
         t_hold->m_messages.push_back({level, place, formatted(format, arguments)});
         errno = error;

@@ -38,8 +38,9 @@ struct LogPlace
 __attribute__((format(printf, 3, 4))) void logFront(int level, const LogPlace& place,
                                                     const char* format, ...);
 
-/// Keeps the calling thread's messages back until the outermost hold ends. Declare it before the
-/// guard of the lock. Costs nothing while nobody speaks.
+/// Keeps the calling thread's messages back until the outermost hold ends, except fatal ones: after
+/// those the process ends. Declare it before the guard of the lock. Costs nothing while nobody
+/// speaks.
 class CLogHold
 {
 public:

@@ -71,6 +71,12 @@ ChildResult runInChild(const std::function<void()>& body)
     return result;
 }
 
+void inChild(const std::function<void()>& body)
+{
+    const ChildResult child = runInChild(body);
+    EXPECT_TRUE(child.succeeded()) << child.report();
+}
+
 std::string withoutColors(const std::string& text)
 {
     std::string plain;

@@ -28,6 +28,9 @@ struct ChildResult
 /// 1 when an expectation failed in it, else 0. A child that takes longer than a minute is killed.
 ChildResult runInChild(const std::function<void()>& body);
 
+/// The same where nothing but success is expected.
+void inChild(const std::function<void()>& body);
+
 /// `text` without colour sequences.
 std::string withoutColors(const std::string& text);
 

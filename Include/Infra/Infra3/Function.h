@@ -61,7 +61,7 @@ class TDelegate
 public:
     typedef R (*Pointer)(A...);
 
-    TDelegate() noexcept : m_function(), m_type(typeEmpty), m_objectType(nullptr) {}
+    constexpr TDelegate() noexcept : m_function(), m_type(typeEmpty), m_objectType(nullptr) {}
 
     /// Binds a free function; a null pointer gives an empty delegate.
     TDelegate(Pointer function) noexcept // NOLINT(google-explicit-constructor)
@@ -160,7 +160,7 @@ private:
     {
         Bound bound;
         Pointer ptrFunction;
-        Held() noexcept : bound() {}
+        constexpr Held() noexcept : bound() {}
     };
 
     template <typename O>

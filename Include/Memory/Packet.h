@@ -1,0 +1,91 @@
+#ifndef INFRA_MEMORY_PACKET_H
+#define INFRA_MEMORY_PACKET_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Function.h"
+
+namespace Tarsel
+{
+namespace Memory
+{
+
+class PacketInternal;
+
+/// Gives back memory that a packet was given by its maker.
+typedef Infra::TFunction2<void, void*, size_t> FreeMemFunc;
+
+/// A handle to a reference-counted buffer with a current size, a fixed capacity and a small area of
+/// extra data that travels with it.
+///
+/// Behaviour: copies share the buffer; it goes when the last handle goes. There are four kinds:
+/// a packet with memory of its own from the packet manager, a packet around a buffer of the caller,
+/// a part of another packet, which keeps that one alive, and a packet made without a buffer that is
+/// attached later. Sizes stay below 4 GiB. Extra data is meant for up to 255 bytes: a larger area
+/// is there, but its size reads modulo 256.
+///
+/// Failure: a packet that cannot be made is not valid, and the log says why. Everything on such a
+/// packet gives 0, null or false.
+/// Threads: handles of one packet may be used in different threads, each handle by one at a time.
+/// Size and payload are not protected.
+///
+///     CPacket packet(1500, sizeof(Header));
+///     if (packet.valid()) {
+///         packet.resize(0);
+///         packet.putBuffer(bytes, count);
+///         queue.push(packet); // shares, copies nothing
+///     }
+class INFRA_API CPacket
+{
+public:
+    /// A packet that is not valid.
+    CPacket() noexcept : m_internal(nullptr) {}
+    /// A packet with memory of its own. Its size is `size`, its capacity at least that.
+    explicit CPacket(size_t size, size_t extraSize = 0);
+    /// A packet around `buf`. When the last handle goes, `func`, if not empty, is called once with
+    /// `buf` and the size of that moment. If the packet is not valid, `buf` is still the caller's.
+    CPacket(void* buf, size_t size, FreeMemFunc func);
+    /// The same with extra data. The extra data is still there while `func` runs.
+    CPacket(void* buf, size_t size, size_t extraSize, FreeMemFunc func);
+    /// A packet without a buffer; `putBuffer` attaches one. When the last handle goes and a buffer
+    /// was attached, `func`, if not empty, is called once with `arg` and the capacity.
+    CPacket(uint32_t size, FreeMemFunc func, void* arg, size_t extraSize);
+    /// The part of `parent` from `offset` on, with extra data of its own. `offset` lies inside the
+    /// parent's size and the part does not reach beyond it.
+    CPacket(const CPacket& parent, size_t offset, size_t size, size_t extraSize);
+
+    CPacket(const CPacket& other);
+    /// Takes over; `other` is no longer valid.
+    CPacket(CPacket&& other) noexcept : m_internal(other.m_internal) { other.m_internal = nullptr; }
+    CPacket& operator=(const CPacket& other);
+    CPacket& operator=(CPacket&& other) noexcept;
+    virtual ~CPacket();
+
+    /// Lets go of the buffer; the handle is no longer valid.
+    void reset();
+    bool valid() const { return m_internal != nullptr; }
+
+    /// Appends as much of `data` as there is room for and returns how much that was. On a packet
+    /// made without a buffer it attaches `data`, copying nothing, and returns `len`.
+    size_t putBuffer(void* data, size_t len);
+    uint8_t* getBuffer() const;
+    size_t size() const;
+    /// Sets the size, up to the capacity; no byte changes. False, and no change, beyond it.
+    bool resize(size_t n);
+    size_t capacity() const;
+    /// Null for a packet made with no extra data.
+    void* getExtraData() const;
+    size_t getExtraSize() const;
+
+private:
+    friend class PacketInternal;
+
+    PacketInternal* m_internal;
+};
+
+} // namespace Memory
+} // namespace Tarsel
+
+#endif

@@ -1,0 +1,174 @@
+#ifndef INFRA_SRC_MEMORY_PACKETMANAGERINTERNAL_H
+#define INFRA_SRC_MEMORY_PACKETMANAGERINTERNAL_H
+
+// The packet manager's one record, and the page to read first about packet memory.
+//
+// Objects:   PacketManagerInternal is made by the first packet, or the first CPacketManager, and is
+//            never destroyed: packets of static objects and of threads that still run come back to
+//            it after exit began. CPacketManager is a thin public face of it.
+// Settings:  sm_policy, sm_memop and sm_param are written by config() before that, never after.
+// Pool:      one block of sm_memop's, cut into chunks, run as a binary buddy allocator. At exit it
+// is
+//            given back if nothing is handed out; an allocation after that builds it anew.
+// Locks:     m_Mutex guards marks, lists and counters of the pool. It is a leaf: no log line, no
+//            memory primitive and nothing else of the application is called while it is held. The
+//            pool is built and given back under the singletons' lock, which comes before it.
+// Failures:  a dry pool is a warning and null; a block that is not one of ours ends the process.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "Infra/Infra3/Mutex.h"
+#include "Infra3/Singleton.h"
+#include "Memory/PacketManager.h"
+
+namespace Tarsel
+{
+namespace Memory
+{
+
+/// Where packet memory comes from; see CPacketManager for what callers see.
+///
+/// Always true while m_Mutex is free:
+///  (1) the blocks, free or handed out, cover every chunk exactly once (BuddyMath.h: the marks);
+///  (2) a free block of order k is on list k and on no other;
+///  (3) bit k of m_nonEmpty is set exactly when list k has a block;
+///  (4) m_freeChunks is the sum of 2^k over all free blocks;
+///  (5) below the top order two buddies are never both free.
+class PacketManagerInternal
+{
+public:
+    typedef CPacketManager::Policy Policy;
+    typedef CPacketManager::MemoryOperator MemoryOperator;
+    typedef CPacketManager::PoolParameter PoolParameter;
+
+    static void config(Policy policy, MemoryOperator* memop, PoolParameter* param);
+    static PacketManagerInternal* instance()
+    {
+        return Infra::TSingleton<PacketManagerInternal>::instance();
+    }
+
+    /// A block of at least `*size` bytes, or null; `*size` becomes what was granted.
+    void* malloc(size_t* size) { return (this->*m_malloc)(size); }
+    void free(void* p) { (this->*m_free)(p); }
+    void* memcpy(void* dest, const void* src, size_t len)
+    {
+        return (this->*m_memcpy)(dest, src, len);
+    }
+
+    /// `n` rounded up to the packet alignment.
+    size_t getAlignedSize(size_t n) const { return (n + m_alignSize - 1) & ~(m_alignSize - 1); }
+    Policy getPolicy() const { return sm_policy; }
+    void* getPoolBuffer();
+    size_t getBufferSize();
+    size_t getFreeSize();
+    void dumpNodes();
+
+    /// Walks the whole pool under the lock and says whether (1) to (5) hold. For tests.
+    bool isSound();
+
+private:
+    friend class Infra::TSingleton<PacketManagerInternal>;
+
+    typedef struct _ChunkNode
+    {
+        uint32_t idx;
+        int order; ///< the mark
+        uint8_t* buf;
+        _ChunkNode* pre;
+        _ChunkNode* next;
+    } ChunkNode;
+
+    typedef struct _BufferList
+    {
+        ChunkNode head; ///< of a ring; points to itself when the list is empty
+    } BufferList;
+
+    /// What a pool rests on, while it is built and while it is given back.
+    struct PoolMemory
+    {
+        uint8_t* origin;
+        ChunkNode* chunks;
+        BufferList* lists;
+    };
+
+    PacketManagerInternal();
+    ~PacketManagerInternal();
+    PacketManagerInternal(const PacketManagerInternal&) = delete;
+    PacketManagerInternal& operator=(const PacketManagerInternal&) = delete;
+
+    static void onCreated(PacketManagerInternal* manager);
+    static bool staysInUse(PacketManagerInternal* manager);
+
+    static bool hasPool() { return isPoolPolicy(sm_policy); }
+    static bool isPoolPolicy(Policy policy);
+
+    void* Sys_Malloc(size_t* size);
+    void Sys_Free(void* p);
+    void* Sys_Memcpy(void* dest, const void* src, size_t len);
+    void* Pool_Malloc(size_t* size);
+    void Pool_Free(void* p);
+    void* Pool_Memcpy(void* dest, const void* src, size_t len);
+
+    /// The list primitives; m_Mutex is held.
+    void deleteNode(ChunkNode* node);
+    void insertNode(ChunkNode* node, int order);
+    static uint64_t unlink(ChunkNode* node);
+    /// Takes the first block of list `from`, gives back lower halves down to order `to`, and
+    /// returns the index of the block handed out. m_Mutex is held.
+    int split(int from, int to);
+    /// Frees the block at `idx`, `order` being the mark of that chunk, and merges it as far as it
+    /// goes. m_Mutex is held.
+    void merge(int idx, int order);
+    void PrintNodeInfo();
+
+    PoolMemory allocatePool() const;
+    static void freePool(const PoolMemory& pool);
+    void buildPool();
+    void seedPool();
+    void appendNode(ChunkNode* node, int order);
+    bool takeBackPool();
+    bool rebuildPool();
+    void logPool() const;
+
+    void* handOut(size_t units, int order, size_t* size);
+    void* reportNoSpace();
+    bool isInPool(const void* p) const;
+    void addFreeChunks(int64_t count);
+    bool isListSound(int order, uint64_t* chunks) const;
+    bool isCoverSound() const;
+
+    static void prepareFork();
+    static void resumeParent();
+    static void resumeChild();
+
+    static Policy sm_policy;
+    static MemoryOperator sm_memop;
+    static PoolParameter sm_param;
+    static bool sm_can_config;
+
+    // Read by all and hardly ever changed; on lines apart from what each allocation changes.
+    uint8_t* m_pOriginBuffer;
+    uint8_t* m_pBuffer;
+    ChunkNode* m_pChunkHead;
+    int m_ChunkMask;
+    int m_ChunkNodeLog2;
+    BufferList* m_pBufferList;
+    int m_ChunkCount;
+    int m_BufferListCount;
+    Infra::CMutex m_Mutex;
+    size_t m_alignSize;
+    void* (PacketManagerInternal::*m_malloc)(size_t* size);
+    void (PacketManagerInternal::*m_free)(void* p);
+    void* (PacketManagerInternal::*m_memcpy)(void* dest, const void* src, size_t len);
+    bool m_systemCopy; ///< the copy primitive is the system's own
+
+    alignas(64) uint64_t m_nonEmpty;    ///< bit k: list k has a block; guarded by m_Mutex
+    std::atomic<uint64_t> m_freeChunks; ///< written under m_Mutex, read by anyone
+};
+
+} // namespace Memory
+} // namespace Tarsel
+
+#endif
