@@ -216,9 +216,14 @@ def shown_time(nanoseconds):
     return f"{nanoseconds:.2f} ns" if nanoseconds < 10 else f"{nanoseconds:.0f} ns"
 
 
+def is_behind(ratio):
+    """As it is shown: what is 1.00 in the table is not behind."""
+    return round(ratio, 2) < 1
+
+
 def shown_ratio(ratio):
     text = f"{ratio:.2f}" if ratio < 10 else f"{ratio:.0f}"
-    return f"**×{text} ▼**" if ratio < 1 else f"×{text}"
+    return f"**×{text} ▼**" if is_behind(ratio) else f"×{text}"
 
 
 def cell(ours, contender, measured):
@@ -287,7 +292,7 @@ def behind_lines(subjects):
         (ratio, highest, case, peer)
         for subject in subjects
         for case, peer, ratio, _, highest in subject.comparisons()
-        if ratio < 1
+        if is_behind(ratio)
     ]
     total = sum(1 for subject in subjects for _ in subject.comparisons())
     if not behind:
@@ -370,7 +375,7 @@ def plot_subject(pyplot, subject, file):
     for position, (_, peer, ratio, lowest, highest) in zip(positions, bars):
         axes.barh(
             position, ratio - 1.0, left=1.0, height=0.82, color=colors[peer],
-            alpha=1.0 if ratio >= 1 else 0.55, hatch=None if ratio >= 1 else "////",
+            alpha=0.55 if is_behind(ratio) else 1.0, hatch="////" if is_behind(ratio) else None,
             edgecolor="white", linewidth=0.0,
         )
         axes.plot([lowest, highest], [position, position], color="#222222", linewidth=0.9)
@@ -378,8 +383,8 @@ def plot_subject(pyplot, subject, file):
             max(ratio, highest, 1.0) * 1.04, position,
             f"{ratio:.2f}" if ratio < 10 else f"{ratio:.0f}",
             va="center", ha="left", fontsize=7.5,
-            color="#b3261e" if ratio < 1 else "#222222",
-            fontweight="bold" if ratio < 1 else "normal",
+            color="#b3261e" if is_behind(ratio) else "#222222",
+            fontweight="bold" if is_behind(ratio) else "normal",
         )
 
     axes.set_xscale("log")
