@@ -5,7 +5,6 @@
 
 #include "Infra/Version.h"
 
-#include <strings.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -21,6 +20,7 @@
 #include "Infra3/LeafMutex.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/VersionRecord.h"
+#include "Utils/String.h"
 
 using namespace Tarsel::Infra;
 
@@ -57,7 +57,7 @@ void registerVersion(const char* name, int major, int minor, int revision)
 
 bool sameName(const std::string& registered, const char* name)
 {
-    return strcasecmp(registered.c_str(), textOrEmpty(name)) == 0;
+    return Tarsel::Utils::stricmp(registered.c_str(), name) == 0;
 }
 
 /// True when `accepts` holds for the version of every library of that name.

@@ -41,11 +41,21 @@ void joinFork(ForkRank rank, const ForkPart& part);
 /// Registers the process's fork handlers, once; joinFork does it by itself.
 void watchForks();
 
-/// Makes a lock of the parent's anew in the child, whoever held it.
+/// Makes a lock of the parent's anew in the child.
 struct ForkAccess
 {
+    /// Whoever held it.
     static void renew(CMutex& mutex);
     static void renew(CRecursiveMutex& mutex);
+
+    /// One that `prepare` took. It is let go first, as far as the system allows in the child; a
+    /// checker of locks would else count it as held for ever.
+    template <typename Mutex>
+    static void renewTaken(Mutex& mutex)
+    {
+        mutex.leave();
+        renew(mutex);
+    }
 };
 
 } // namespace Infra

@@ -27,7 +27,7 @@ void resumeParent()
 
 void resumeChild()
 {
-    ForkAccess::renew(singletonMutex());
+    ForkAccess::renewTaken(singletonMutex());
 }
 
 constexpr ForkPart s_forkPart = {prepareFork, resumeParent, resumeChild};
@@ -45,6 +45,15 @@ CRecursiveMutex& singletonMutex()
 {
     return immortal<SingletonLock, SingletonLock>().mutex;
 }
+
+namespace
+{
+
+/// Joined while the library is loaded: a fork that begins before the first manager is made must
+/// find the lock in its list, or the child could inherit it held.
+[[maybe_unused]] const CRecursiveMutex& s_joinedAtLoad = singletonMutex();
+
+} // namespace
 
 void registerExit(void (*atExit)())
 {

@@ -25,8 +25,9 @@ void registerExit(void (*atExit)());
 
 /// The one T of the process. `instance()` is one atomic load once T exists; safe from any thread.
 ///
-/// T befriends TSingleton<T> and may offer three static functions:
-///   - `void onCreated(T*)` runs right after T is in place, without a lock held: the place to call
+/// T lets TSingleton<T> make it, and may offer three static functions:
+///   - `void onCreated(T*)` runs right after T is in place, outside T's own making: the place to
+///   call
 ///     what may call back, because a log printer is application code and may ask for T;
 ///   - `bool staysInUse(T*)`, asked first at exit: true keeps T as the one instance from then on,
 ///     because what it has handed out has to come back to it;

@@ -85,8 +85,8 @@ struct LoadControllerFork
     static void child()
     {
         if (s_forking != nullptr) {
-            ForkAccess::renew(s_forking->m_mutex);
-            ForkAccess::renew(s_forking->m_switchMutex);
+            ForkAccess::renewTaken(s_forking->m_mutex);
+            ForkAccess::renewTaken(s_forking->m_switchMutex);
             s_forking->m_threads.clear();
         }
     }

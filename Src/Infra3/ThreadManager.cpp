@@ -16,7 +16,7 @@
 #include "Infra3/ThreadId.h"
 #include "Infra3/ThreadInternal.h"
 #include "Infra3/ThreadManagerInternal.h"
-// V#include
+#include "Infra3/VersionInternal.h"
 
 namespace Tarsel
 {
@@ -39,7 +39,7 @@ ThreadManagerInternal::~ThreadManagerInternal() = default;
 
 void ThreadManagerInternal::onCreated(ThreadManagerInternal* manager)
 {
-    // V     libraryVersion().print();
+    libraryVersion().print();
     INFRA_LOG_TRACE("this:%p CThreadManager::CThreadManager()>>>>>>>>>\n",
                     static_cast<void*>(manager));
 }
@@ -221,7 +221,7 @@ void ThreadManagerInternal::resumeParent()
 void ThreadManagerInternal::resumeChild()
 {
     if (s_forking != nullptr) {
-        ForkAccess::renew(s_forking->m_mutex);
+        ForkAccess::renewTaken(s_forking->m_mutex);
         s_forking->forgetOtherThreads();
     }
 }

@@ -465,7 +465,7 @@ void TimerManagerInternal::resumeParent()
 
 void TimerManagerInternal::resumeChild()
 {
-    ForkAccess::renew(sm_mutex());
+    ForkAccess::renewTaken(sm_mutex());
     if (s_forking != nullptr) {
         s_forking->forgetThreads();
     }

@@ -162,8 +162,6 @@ PacketManagerInternal::~PacketManagerInternal()
 
 void PacketManagerInternal::onCreated(PacketManagerInternal* manager)
 {
-    static constexpr ForkPart forkPart = {prepareFork, resumeParent, resumeChild};
-    joinFork(Infra::ForkRank::packets, forkPart);
     if (hasPool()) {
         manager->logPool();
     } else if (sm_policy == CPacketManager::policySystem) {
@@ -179,20 +177,35 @@ bool PacketManagerInternal::staysInUse(PacketManagerInternal* manager)
     return true;
 }
 
+// A manager is not made, nor taken away, during a fork: the singletons' lock is held all the while.
+
 void PacketManagerInternal::prepareFork()
 {
-    TSingleton<PacketManagerInternal>::existing()->m_Mutex.enter();
+    if (PacketManagerInternal* manager = TSingleton<PacketManagerInternal>::existing()) {
+        manager->m_Mutex.enter();
+    }
 }
 
 void PacketManagerInternal::resumeParent()
 {
-    TSingleton<PacketManagerInternal>::existing()->m_Mutex.leave();
+    if (PacketManagerInternal* manager = TSingleton<PacketManagerInternal>::existing()) {
+        manager->m_Mutex.leave();
+    }
 }
 
 void PacketManagerInternal::resumeChild()
 {
-    Infra::ForkAccess::renew(TSingleton<PacketManagerInternal>::existing()->m_Mutex);
+    if (PacketManagerInternal* manager = TSingleton<PacketManagerInternal>::existing()) {
+        Infra::ForkAccess::renewTaken(manager->m_Mutex);
+    }
 }
+
+/// Joined while the library is loaded, so that no fork can miss a manager made meanwhile.
+const bool PacketManagerInternal::s_joinedFork = [] {
+    static constexpr ForkPart forkPart = {prepareFork, resumeParent, resumeChild};
+    joinFork(Infra::ForkRank::packets, forkPart);
+    return true;
+}();
 
 // The pool -------------------------------------------------------------------------------------
 

@@ -142,6 +142,7 @@ private:
     static void prepareFork();
     static void resumeParent();
     static void resumeChild();
+    static const bool s_joinedFork;
 
     static Policy sm_policy;
     static MemoryOperator sm_memop;

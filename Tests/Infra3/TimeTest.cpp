@@ -25,7 +25,7 @@ namespace
 {
 
 using namespace Tarsel::Infra;
-using namespace Tarsel::Test;
+using namespace Tarsel::TestSupport;
 using Tarsel::infraErrorModifySysTimeFailed;
 using Tarsel::infraErrorSyncRtcTimeFailed;
 using testing::ElementsAre;

@@ -63,7 +63,7 @@ TEST(VersionTest, ReadsRevisionAndDateOfARecord)
 
 TEST(VersionTest, PrintsTheLibrarysOwnRecord)
 {
-    Tarsel::Test::CLogCapture log;
+    Tarsel::TestSupport::CLogCapture log;
     Tarsel::Infra::libraryVersion().print();
     EXPECT_THAT(log.take(), HasSubstr("[*] Infra 3.0.0.812148 Built in 2019/11/ 8 [*]\n"));
 }
@@ -72,7 +72,7 @@ TEST(VersionTest, WarnsOfSourcesThatWereChangedLocally)
 {
     constexpr char warning[] = "Some [Changed] files are not commit to SVN server. It compied wtih "
                                "local modified files.\n";
-    Tarsel::Test::CLogCapture log;
+    Tarsel::TestSupport::CLogCapture log;
     const CVersion clean("Changed", 1, 0, 0, "812148", "");
     EXPECT_EQ(log.take(), "");
     const CVersion changed("Changed", 1, 0, 0, "812148M", "");
@@ -126,7 +126,7 @@ TEST(CheckIncludeVersionTest, FindsConflictsBetweenLibraries)
     IncludeVersion recorder[] = {{"URL: http://svn.example.com/Memory", "5"},
                                  {"URL: http://svn.example.com/Infra", "101"}};
     IncludeVersion viewer[] = {{"URL: http://svn.example.com/Utils", "7"}};
-    Tarsel::Test::CLogCapture log;
+    Tarsel::TestSupport::CLogCapture log;
     CCheckIncludeVersionInter& check = makeRegister();
 
     EXPECT_TRUE(check.match("Player", player, 2));
@@ -169,7 +169,7 @@ TEST(CheckIncludeVersionDeathTest, SuggestsTheHighestRevisions)
 TEST(CheckIncludeVersionDeathTest, ReportsVersionsThatAreNoNumbers)
 {
     IncludeVersion broken[] = {{"URL: a", "12"}, {"URL: b", "12a"}, {nullptr, nullptr}, {"", ""}};
-    Tarsel::Test::CLogCapture log;
+    Tarsel::TestSupport::CLogCapture log;
     CCheckIncludeVersionInter& check = makeRegister();
     EXPECT_FALSE(check.match("Broken", broken, 4));
     EXPECT_THAT(log.take(), AllOf(HasSubstr(" Broken version error\n"), HasSubstr(" URL: b 12a\n"),
@@ -186,7 +186,7 @@ TEST(CheckIncludeVersionDeathTest, ReportsVersionsThatAreNoNumbers)
 
 TEST(CheckIncludeVersionTest, TheLibraryItselfIsConsistent)
 {
-    Tarsel::Test::CLogCapture log;
+    Tarsel::TestSupport::CLogCapture log;
     CCheckIncludeVersion::checkResult();
     EXPECT_THAT(log.take(), HasSubstr("CCheckIncludeVersionInter::checkResult successful\n"));
 }

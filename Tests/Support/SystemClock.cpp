@@ -15,13 +15,13 @@ namespace
 
 constinit std::atomic<int64_t> s_wallShift{0};
 constinit std::atomic<uint64_t> s_frozenUs{0};
-constinit std::atomic<Tarsel::Test::CFakeClockSetting*> s_fake{nullptr};
+constinit std::atomic<Tarsel::TestSupport::CFakeClockSetting*> s_fake{nullptr};
 
 } // namespace
 
 namespace Tarsel
 {
-namespace Test
+namespace TestSupport
 {
 
 void shiftWallClock(int64_t seconds)
@@ -45,12 +45,12 @@ CFakeClockSetting::~CFakeClockSetting()
     s_fake = nullptr;
 }
 
-} // namespace Test
+} // namespace TestSupport
 } // namespace Tarsel
 
 extern "C" int settimeofday(const struct timeval* clock, const struct timezone*) noexcept
 {
-    Tarsel::Test::CFakeClockSetting* const fake = s_fake;
+    Tarsel::TestSupport::CFakeClockSetting* const fake = s_fake;
     if (fake == nullptr || fake->error != 0) {
         errno = fake == nullptr ? EPERM : fake->error;
         return -1;
@@ -79,7 +79,7 @@ extern "C" int clock_gettime(clockid_t id, struct timespec* now) noexcept
 
 extern "C" int system(const char* command)
 {
-    Tarsel::Test::CFakeClockSetting* const fake = s_fake;
+    Tarsel::TestSupport::CFakeClockSetting* const fake = s_fake;
     if (fake != nullptr && command != nullptr) {
         fake->commands.emplace_back(command);
         return fake->commandResult;

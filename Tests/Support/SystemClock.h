@@ -12,7 +12,7 @@
 
 namespace Tarsel
 {
-namespace Test
+namespace TestSupport
 {
 
 /// Adds `seconds` to what `gettimeofday` says from now on.
@@ -45,7 +45,7 @@ public:
     const int commandResult;
 };
 
-} // namespace Test
+} // namespace TestSupport
 } // namespace Tarsel
 
 #endif
