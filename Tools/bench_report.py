@@ -261,7 +261,8 @@ def machine_lines(subjects):
     lines = [
         f"- Processor: {context['cpu']}, {context['num_cpus']} processors at "
         f"{context['mhz_per_cpu'] / 1000:.1f} GHz; {caches}",
-        f"- System: {context['system']}, C library {context['libc']}, compiler {context['compiler']}",
+        f"- System: {context['system']}, C library {context['libc']}, "
+        f"compiler {context['compiler']}",
         f"- Run: {context['date'][:10]}, "
         f"{fewest if fewest == most else f'{fewest} to {most}'} repetitions of each case",
     ]
@@ -281,9 +282,10 @@ processor time of the measuring thread, or, where `(wall)` stands behind the cas
 or somebody waits), time by the clock; with two threads that is divided by the calls of both.
 
 Ratio = the peer's time / ours: above ×1 this library is faster; below it the ratio stands out as
-**×0.90 ▼**. In the plots the bar is that ratio, and the thin line shows how far it goes between the
-quartiles of both: where it crosses 1, this run does not decide. A floor is no rival but what the
-machine or the system asks for anyway. What the cases do exactly stands at the top of each program.
+**×0.90 ▼**. In the plots the bar is that ratio, and the thin line shows how far it goes between
+the quartiles of both: where it crosses 1, this run does not decide. A floor is no rival but what
+the machine or the system asks for anyway. What the cases do exactly stands at the top of each
+program.
 """
 
 
@@ -311,7 +313,8 @@ def behind_lines(subjects):
 
 def write_report(out_dir, subjects, plotted):
     lines = ["# Benchmarks", ""]
-    lines += ["Written by `Tools/bench_report.py` from the raw data in [Benchmarks/](Benchmarks/).", ""]
+    lines += ["Written by `Tools/bench_report.py` from the raw data in [Benchmarks/](Benchmarks/)."]
+    lines += [""]
     lines += ["## The machine", "", *machine_lines(subjects), ""]
     lines += ["## The method", "", METHOD]
     lines += ["## What is not ahead", "", *behind_lines(subjects), ""]
@@ -390,7 +393,8 @@ def plot_subject(pyplot, subject, file):
     axes.set_xscale("log")
     axes.set_xlim(low, high)
     axes.set_ylim(at - 0.2, -0.8)
-    ticks = [t for t in (0.01, 0.02, 0.05, 0.1, 0.2, 0.5, 1, 2, 5, 10, 20, 50, 100, 200) if low <= t <= high]
+    ticks = [t * ten for ten in (0.01, 0.1, 1, 10, 100) for t in (1, 2, 5)]
+    ticks = [t for t in ticks if low <= t <= high]
     axes.set_xticks(ticks)
     axes.set_xticklabels([f"{t:g}" for t in ticks], fontsize=8)
     axes.xaxis.set_minor_locator(pyplot.NullLocator())
@@ -402,8 +406,10 @@ def plot_subject(pyplot, subject, file):
     axes.axvline(1.0, color="#222222", linewidth=1.1)
     for side in ("top", "right", "left"):
         axes.spines[side].set_visible(False)
-    axes.set_xlabel("time of the peer / time of this library (log): right of 1 this library is faster",
-                    fontsize=8)
+    axes.set_xlabel(
+        "time of the peer / time of this library (log): right of 1 this library is faster",
+        fontsize=8,
+    )
     axes.set_title(f"{subject.name}: this library beside", fontsize=10, loc="left", pad=22)
     handles = [pyplot.Rectangle((0, 0), 1, 1, color=colors[peer]) for peer in peers]
     axes.legend(handles, peers, loc="lower left", bbox_to_anchor=(0.0, 1.0), ncol=len(peers),
