@@ -1,20 +1,20 @@
 // CString beside std::string.
 //
-// construct/N   from N characters with a terminator, and destroyed
-// copy/N        copied and destroyed
-// equal/N       == of two equal texts
-// compare/N     compare() of two equal texts
-// append/N      N characters, one push_back each, from an empty string
-// pieces/N      N characters in pieces of seven
+// string_construct/N   from N characters with a terminator, and destroyed
+// string_copy/N        copied and destroyed
+// string_equal/N       == of two equal texts
+// string_compare/N     compare() of two equal texts
+// string_append/N      N characters, one push_back each, from an empty string
+// string_pieces/N      N characters in pieces of seven
 //
 // Up to 31 characters CString stays in the object and std::string up to 15: beyond that the heap is
 // the floor of both. CString's capacity is exact, which its appends have to pay for.
 
 #include "Infra/Infra3/String.h"
 
-#include <benchmark/benchmark.h>
-
 #include <string>
+
+#include "Benchmarks/Support/Cases.h"
 
 namespace
 {
@@ -34,9 +34,9 @@ std::string sample(size_t length)
 }
 
 template <typename S>
-void construct(benchmark::State& state)
+void construct(benchmark::State& state, size_t length)
 {
-    const std::string source = sample(static_cast<size_t>(state.range(0)));
+    const std::string source = sample(length);
     const char* text = source.c_str();
     for (auto _ : state) {
         benchmark::DoNotOptimize(text);
@@ -46,9 +46,9 @@ void construct(benchmark::State& state)
 }
 
 template <typename S>
-void copy(benchmark::State& state)
+void copy(benchmark::State& state, size_t length)
 {
-    S source(sample(static_cast<size_t>(state.range(0))));
+    S source(sample(length));
     for (auto _ : state) {
         benchmark::DoNotOptimize(source);
         S made(source);
@@ -57,9 +57,9 @@ void copy(benchmark::State& state)
 }
 
 template <typename S>
-void equal(benchmark::State& state)
+void equal(benchmark::State& state, size_t length)
 {
-    S left(sample(static_cast<size_t>(state.range(0))));
+    S left(sample(length));
     S right(left);
     for (auto _ : state) {
         benchmark::DoNotOptimize(left);
@@ -69,9 +69,9 @@ void equal(benchmark::State& state)
 }
 
 template <typename S>
-void compare(benchmark::State& state)
+void compare(benchmark::State& state, size_t length)
 {
-    S left(sample(static_cast<size_t>(state.range(0))));
+    S left(sample(length));
     S right(left);
     for (auto _ : state) {
         benchmark::DoNotOptimize(left);
@@ -81,12 +81,11 @@ void compare(benchmark::State& state)
 }
 
 template <typename S>
-void append(benchmark::State& state)
+void append(benchmark::State& state, size_t length)
 {
-    const int64_t count = state.range(0);
     for (auto _ : state) {
         S text;
-        for (int64_t i = 0; i < count; ++i) {
+        for (size_t i = 0; i < length; ++i) {
             text.push_back(static_cast<char>('a' + i % 16));
         }
         benchmark::DoNotOptimize(text);
@@ -94,40 +93,39 @@ void append(benchmark::State& state)
 }
 
 template <typename S>
-void pieces(benchmark::State& state)
+void pieces(benchmark::State& state, size_t length)
 {
     const char* piece = "abcdefg";
     for (auto _ : state) {
         S text;
         benchmark::DoNotOptimize(piece);
-        for (int64_t i = 0; i < state.range(0); i += 7) {
+        for (size_t i = 0; i < length; i += 7) {
             text.append(piece);
         }
         benchmark::DoNotOptimize(text);
     }
 }
 
-void atShortLengths(benchmark::internal::Benchmark* benchmark)
+template <typename S>
+void addContender(const char* contender)
 {
-    benchmark->Arg(5)->Arg(20)->Arg(31)->Arg(100);
+    for (const size_t length : {5, 20, 31, 100}) {
+        Bench::add(Bench::label("string_construct", length), contender, construct<S>, length);
+        Bench::add(Bench::label("string_copy", length), contender, copy<S>, length);
+        Bench::add(Bench::label("string_equal", length), contender, equal<S>, length);
+        Bench::add(Bench::label("string_compare", length), contender, compare<S>, length);
+    }
+    for (const size_t length : {31, 100, 1000, 100000}) {
+        Bench::add(Bench::label("string_append", length), contender, append<S>, length);
+        Bench::add(Bench::label("string_pieces", length), contender, pieces<S>, length);
+    }
 }
-
-void atGrowingLengths(benchmark::internal::Benchmark* benchmark)
-{
-    benchmark->Arg(31)->Arg(100)->Arg(1000)->Arg(100000);
-}
-
-BENCHMARK_TEMPLATE(construct, CString)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(construct, std::string)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(copy, CString)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(copy, std::string)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(equal, CString)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(equal, std::string)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(compare, CString)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(compare, std::string)->Apply(atShortLengths);
-BENCHMARK_TEMPLATE(append, CString)->Apply(atGrowingLengths);
-BENCHMARK_TEMPLATE(append, std::string)->Apply(atGrowingLengths);
-BENCHMARK_TEMPLATE(pieces, CString)->Apply(atGrowingLengths);
-BENCHMARK_TEMPLATE(pieces, std::string)->Apply(atGrowingLengths);
 
 } // namespace
+
+int main(int argc, char** argv)
+{
+    addContender<CString>(Bench::infra);
+    addContender<std::string>("std::string");
+    return Bench::run(argc, argv, "std::string of the compiler's library");
+}
