@@ -67,8 +67,9 @@ public:
 
     /// Chooses policy, primitives and pool; null keeps what was set before.
     ///
-    /// Failure: too late, an unknown policy, a chunk size that is no power of two and a pool of
-    /// more than 2^31 - 1 chunks are refused with a warning, and nothing changes. A chunk size
+    /// Failure: too late, an unknown policy, a chunk size that is no power of two, a pool of more
+    /// than 2^31 - 2 chunks and one that with a chunk to spare is larger than any block of memory
+    /// (PTRDIFF_MAX bytes) are refused with a warning, and nothing changes. A chunk size
     /// below 1024, a pool that is no multiple of it, an alignment below 4 and an empty primitive
     /// end the process.
     static void config(Policy policy = policyDefault, MemoryOperator* memop = nullptr,

@@ -44,6 +44,7 @@ using Infra::storePlain;
 using Infra::TSingleton;
 
 constexpr size_t smallestChunk = 1024;
+constexpr size_t largestBlock = PTRDIFF_MAX; // that any allocation may give
 
 bool isKnown(CPacketManager::Policy policy)
 {
@@ -60,6 +61,11 @@ bool isRefused(const CPacketManager::PoolParameter& param)
         INFRA_LOG_WARN("PacketManagerInternal::config() failured: chunkSize:%zu is not a power of "
                        "two!\n",
                        param.chunkSize);
+        return true;
+    }
+    if (param.chunkSize > largestBlock || param.totalSize > largestBlock - param.chunkSize) {
+        INFRA_LOG_WARN("PacketManagerInternal::config() failured: totalSize:%zu is too large!\n",
+                       param.totalSize);
         return true;
     }
     if (param.totalSize / param.chunkSize > INT_MAX - 1) {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <list>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -30,6 +31,7 @@ using Tarsel::TestSupport::ChildResult;
 using Tarsel::TestSupport::countOf;
 using Tarsel::TestSupport::inChild;
 using Tarsel::TestSupport::runInChild;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -174,17 +176,25 @@ TEST(PacketManagerConfig, StartsWithTheSystemPolicyAndFreezes)
 
 TEST(PacketManagerConfig, RefusalsWarnAndChangeNothing)
 {
+    const CPacketManager::Policy other = CPacketManager::policyPoolSystem;
+    const size_t halfOfAll = size_t{1} << 63;
+    const size_t terabyte = size_t{1} << 40;
     const struct
     {
         CPacketManager::Policy policy;
         CPacketManager::PoolParameter param;
         const char* warning;
     } cases[] = {
-        {static_cast<CPacketManager::Policy>(5), {4 << 20, 1024, 4}, "unknown policy:5"},
-        {static_cast<CPacketManager::Policy>(-1), {4 << 20, 1024, 4}, "unknown policy:-1"},
-        {CPacketManager::policySystem, {3072 * 4, 3072, 4}, "chunkSize:3072 is not a power of two"},
-        {CPacketManager::policySystem, {4 << 20, 1025, 4}, "chunkSize:1025 is not a power of two"},
-        {CPacketManager::policySystem, {size_t{1} << 42, 1024, 4}, "has too many chunks"},
+        {static_cast<CPacketManager::Policy>(5), {4 << 20, 1024, 64}, "unknown policy:5"},
+        {static_cast<CPacketManager::Policy>(-1), {4 << 20, 1024, 64}, "unknown policy:-1"},
+        {other, {3072 * 4, 3072, 64}, "chunkSize:3072 is not a power of two"},
+        {other, {4 << 20, 1025, 64}, "chunkSize:1025 is not a power of two"},
+        {other, {size_t{1} << 42, 1024, 64}, "totalSize:4398046511104 has too many chunks"},
+        {other, {2147483647 * size_t{1024}, 1024, 64}, "totalSize:2199023254528 has too many"},
+        // With the chunk to spare these come to 0.
+        {other, {halfOfAll, halfOfAll, 64}, "totalSize:9223372036854775808 is too large"},
+        {other, {0 - terabyte, terabyte, 64}, "totalSize:18446742974197923840 is too large"},
+        {other, {halfOfAll - terabyte, terabyte, 64}, "totalSize:9223370937343148032 is too large"},
     };
     for (const auto& one : cases) {
         const ChildResult child = runInChild([&one] {
@@ -198,9 +208,12 @@ TEST(PacketManagerConfig, RefusalsWarnAndChangeNothing)
             EXPECT_NE(take(1, &granted), nullptr);
             EXPECT_EQ(granted, 2048u);
             EXPECT_EQ(s_mallocs, 0);
+            EXPECT_EQ(manager().getPolicy(), CPacketManager::policyPool);
+            EXPECT_EQ(manager().getAlignedSize(1), 4u);
         });
         EXPECT_TRUE(child.succeeded()) << child.report();
-        EXPECT_THAT(child.output, HasSubstr(one.warning));
+        EXPECT_THAT(child.output,
+                    ContainsRegex(std::string(" warn Infra[^\n]*failured: ") + one.warning));
     }
 }
 
