@@ -50,7 +50,9 @@ public:
         size_t alignSize; ///< packet alignment; 4 or more, rounded down to a power of two
     };
 
-    /// The memory primitives; at first the system's. The pool's lock is not held while one runs.
+    /// The memory primitives; at first the system's. No lock of the library is held while one runs,
+    /// so it may log and make packets; one that does so while the pool is made may be asked for a
+    /// second pool meanwhile, of which one goes back at once.
     struct MemoryOperator
     {
         typedef Infra::TFunction1<void*, size_t> AllocProc;
@@ -90,11 +92,14 @@ public:
     /// Bytes of pool, whether in use or not; 0 without a pool.
     size_t getBufferSize();
     /// Bytes of pool that are free at this moment, however scattered; 0 without a pool. Costs one
-    /// load.
+    /// load, except in policySharePool, where the shared pool is asked.
     size_t getFreeSize();
-    /// Writes the free lists to the log at info level.
+    /// Writes to the log, at info level: in policyPool every free list and every block on it, as
+    /// they were at one moment; in policySharePool what the shared pool says of itself; else one
+    /// line without figures, in policyPoolSystem too.
     void dumpNodes();
-    /// The pool's memory as the allocation primitive gave it; null without a pool.
+    /// The pool's memory as the allocation primitive gave it; null without a pool. It may change
+    /// once the process exits.
     uint8_t* getPoolBuffer();
 
 private:
