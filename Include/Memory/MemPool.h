@@ -25,8 +25,9 @@ public:
     CMemPool(unsigned int esize, unsigned int ecount);
     ~CMemPool();
 
-    /// An element with undefined contents; null when the system has no memory for a chunk. Aligned
-    /// as far as the size of an element allows, up to 16 bytes.
+    /// An element with undefined contents, aligned as far as the size of an element allows, up to
+    /// 16 bytes. Null when a chunk is needed and cannot be had: the system has no memory for it,
+    /// its elements come to 4 GiB or more, or there are none in it (`ecount` 0).
     void* malloc();
     /// Takes an element of `malloc` back. Null is ignored.
     void free(void* p);

@@ -44,21 +44,28 @@ public:
     CPacket() noexcept : m_internal(nullptr) {}
     /// A packet with memory of its own. Its size is `size`, its capacity at least that.
     explicit CPacket(size_t size, size_t extraSize = 0);
-    /// A packet around `buf`. When the last handle goes, `func`, if not empty, is called once with
-    /// `buf` and the size of that moment. If the packet is not valid, `buf` is still the caller's.
+    /// A packet around the `size` bytes at `buf`, its size and capacity. When the last handle goes,
+    /// `func`, if not empty, is called once with `buf` and the size of that moment. If the packet
+    /// is not valid, `buf` is still the caller's.
     CPacket(void* buf, size_t size, FreeMemFunc func);
     /// The same with extra data. The extra data is still there while `func` runs.
     CPacket(void* buf, size_t size, size_t extraSize, FreeMemFunc func);
-    /// A packet without a buffer; `putBuffer` attaches one. When the last handle goes and a buffer
-    /// was attached, `func`, if not empty, is called once with `arg` and the capacity.
+    /// A packet without a buffer; `putBuffer` attaches one, and another in its place, which drops
+    /// the first without a call of `func`. `size` is size and capacity at first; attaching sets the
+    /// size to the length attached, which may exceed the capacity. When the last handle goes and a
+    /// buffer is attached, `func`, if not empty, is called once with `arg` and the capacity.
     CPacket(uint32_t size, FreeMemFunc func, void* arg, size_t extraSize);
     /// The part of `parent` from `offset` on, with extra data of its own. `offset` lies inside the
-    /// parent's size and the part does not reach beyond it.
+    /// parent's size, the part does not reach beyond it, and the parent has a buffer; else the part
+    /// is not valid.
     CPacket(const CPacket& parent, size_t offset, size_t size, size_t extraSize);
 
     CPacket(const CPacket& other);
     /// Takes over; `other` is no longer valid.
     CPacket(CPacket&& other) noexcept : m_internal(other.m_internal) { other.m_internal = nullptr; }
+    /// Shares `other`'s buffer. Its reference is taken first and the old buffer let go last, so a
+    /// free function called on the way finds the handle whole, on the new buffer already. Handles
+    /// of one buffer change nothing.
     CPacket& operator=(const CPacket& other);
     CPacket& operator=(CPacket&& other) noexcept;
     virtual ~CPacket();
@@ -67,8 +74,9 @@ public:
     void reset();
     bool valid() const { return m_internal != nullptr; }
 
-    /// Appends as much of `data` as there is room for and returns how much that was. On a packet
-    /// made without a buffer it attaches `data`, copying nothing, and returns `len`.
+    /// Appends as much of `data` as there is room for and returns how much that was; 0 when `data`
+    /// is null. On a packet made without a buffer it attaches `data`, copying nothing, and returns
+    /// `len`; null takes what was attached away. Lengths count in 32 bits: of more, the low 32 do.
     size_t putBuffer(void* data, size_t len);
     uint8_t* getBuffer() const;
     size_t size() const;

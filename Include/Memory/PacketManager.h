@@ -50,7 +50,9 @@ public:
         size_t alignSize; ///< packet alignment; 4 or more, rounded down to a power of two
     };
 
-    /// The memory primitives; at first the system's. The pool's lock is not held while one runs.
+    /// The memory primitives; at first the system's. No lock of the library is held while one runs,
+    /// so it may log and make packets; one that does so while the pool is made may be asked for a
+    /// second pool meanwhile, of which one goes back at once.
     struct MemoryOperator
     {
         typedef Infra::TFunction1<void*, size_t> AllocProc;
@@ -67,8 +69,9 @@ public:
 
     /// Chooses policy, primitives and pool; null keeps what was set before.
     ///
-    /// Failure: too late, an unknown policy, a chunk size that is no power of two and a pool of
-    /// more than 2^31 - 1 chunks are refused with a warning, and nothing changes. A chunk size
+    /// Failure: too late, an unknown policy, a chunk size that is no power of two, a pool of more
+    /// than 2^31 - 2 chunks and one that with a chunk to spare is larger than any block of memory
+    /// (PTRDIFF_MAX bytes) are refused with a warning, and nothing changes. A chunk size
     /// below 1024, a pool that is no multiple of it, an alignment below 4 and an empty primitive
     /// end the process.
     static void config(Policy policy = policyDefault, MemoryOperator* memop = nullptr,
@@ -89,11 +92,14 @@ public:
     /// Bytes of pool, whether in use or not; 0 without a pool.
     size_t getBufferSize();
     /// Bytes of pool that are free at this moment, however scattered; 0 without a pool. Costs one
-    /// load.
+    /// load, except in policySharePool, where the shared pool is asked.
     size_t getFreeSize();
-    /// Writes the free lists to the log at info level.
+    /// Writes to the log, at info level: in policyPool every free list and every block on it, as
+    /// they were at one moment; in policySharePool what the shared pool says of itself; else one
+    /// line without figures, in policyPoolSystem too.
     void dumpNodes();
-    /// The pool's memory as the allocation primitive gave it; null without a pool.
+    /// The pool's memory as the allocation primitive gave it; null without a pool. It may change
+    /// once the process exits.
     uint8_t* getPoolBuffer();
 
 private:

@@ -7,6 +7,7 @@
 #include <atomic>
 
 #include "Infra/Infra3/Guard.h"
+#include "Infra3/AssertFront.h"
 #include "Infra3/LogFront.h"
 
 namespace Tarsel
@@ -24,11 +25,13 @@ CRecursiveMutex& singletonMutex();
 void registerExit(void (*atExit)());
 
 /// The one T of the process. `instance()` is one atomic load once T exists; safe from any thread.
+/// T's constructor runs under the lock, so it calls nothing of the application, and nothing that
+/// asks for T.
 ///
-/// T lets TSingleton<T> make it, and may offer three static functions:
-///   - `void onCreated(T*)` runs right after T is in place, outside T's own making: the place to
-///   call
-///     what may call back, because a log printer is application code and may ask for T;
+/// T lets TSingleton<T> make it, and may offer two static functions:
+///   - `void onCreated(T*)` runs right after T is in place, outside T's own making: the place to call
+///     what may call back, because a log printer is application code and may ask for T. Other
+///     threads may have T before it has run;
 ///   - `bool staysInUse(T*)`, asked at exit: true keeps T as the one instance for what is left of the
 ///     process, because threads that run on may be on their way in, or what T has handed out has to
 ///     come back to it. T then stops by itself what has to stop.
@@ -67,6 +70,9 @@ private:
         if (object == nullptr) {
             *mine = true;
             object = new T;
+            // The lock is recursive, so it keeps out other threads only.
+            INFRA_ASSERT_TEXT(s_object.load(std::memory_order_relaxed) == nullptr,
+                              "made twice, by its own constructor");
             s_object.store(object, std::memory_order_release);
         }
         return object;

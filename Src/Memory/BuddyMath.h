@@ -14,6 +14,8 @@
 
 #include <cstdint>
 
+#include "Infra3/Arithmetic.h"
+
 namespace Tarsel
 {
 namespace Memory
@@ -24,21 +26,9 @@ namespace Buddy
 /// An order that no memory has.
 constexpr int noOrder = 63;
 
-/// The largest k with 2^k <= x; 0 for 0.
-constexpr int log2Floor(uint64_t x)
-{
-    return x == 0 ? 0 : 63 - __builtin_clzll(x);
-}
-
-constexpr bool isPowerOfTwo(uint64_t x)
-{
-    return x != 0 && (x & (x - 1)) == 0;
-}
-
-constexpr uint64_t roundUp(uint64_t size, uint64_t powerOfTwo)
-{
-    return (size + powerOfTwo - 1) & ~(powerOfTwo - 1);
-}
+using Infra::isPowerOfTwo;
+using Infra::log2Floor;
+using Infra::roundUp;
 
 /// Units in a block of order `order`.
 constexpr uint64_t unitsOf(int order)

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 
+#include "Infra3/Arithmetic.h"
 #include "Infra3/LogFront.h"
 
 namespace Tarsel
@@ -37,17 +38,6 @@ constexpr size_t tooLarge = SIZE_MAX;
 uint8_t* dataOf(BufferInternal* buffer)
 {
     return reinterpret_cast<uint8_t*>(buffer + 1);
-}
-
-size_t sum(size_t a, size_t b)
-{
-    return a > tooLarge - b ? tooLarge : a + b;
-}
-
-size_t roundUp(size_t size, size_t step)
-{
-    const size_t rest = step == 0 ? 0 : size % step;
-    return rest == 0 ? size : sum(size, step - rest);
 }
 
 /// `block`, or a fresh block for null, with a data area of `capacity` bytes; null without memory,
@@ -122,8 +112,8 @@ size_t CBuffer::putBuffer(uint8_t* data, size_t len)
         }
     } else if (m_internal->m_Size - m_internal->m_Length < len) {
         const size_t offset = offsetWithin(m_internal, data);
-        const size_t needed = sum(m_internal->m_Length, len);
-        if (!changeCapacity(m_internal, roundUp(needed, m_internal->m_IncStep))) {
+        const size_t needed = Infra::saturatedSum(m_internal->m_Length, len);
+        if (!changeCapacity(m_internal, Infra::roundUpToStep(needed, m_internal->m_IncStep))) {
             INFRA_LOG_INFO("CBuffer putbuffer ReMalloc fail:\n");
             return 0;
         }
@@ -154,7 +144,7 @@ void CBuffer::resize(size_t n)
     } else if (n <= m_internal->m_Size) {
         m_internal->m_Length = n;
     } else {
-        if (!changeCapacity(m_internal, roundUp(n, m_internal->m_IncStep))) {
+        if (!changeCapacity(m_internal, Infra::roundUpToStep(n, m_internal->m_IncStep))) {
             INFRA_LOG_INFO(" CBuffer resize ReMalloc fail:\n");
             return;
         }

@@ -21,6 +21,9 @@ namespace Memory
 /// there the work is done in short pieces.
 inline void copyBytes(void* target, const void* source, size_t length)
 {
+    if (length == 0) {
+        return; // perhaps of nothing to nothing, which memcpy may not be asked for
+    }
     constexpr size_t pageSize = 4096;
     constexpr size_t slowDistances = 31;
     constexpr size_t longCopy = 2048;

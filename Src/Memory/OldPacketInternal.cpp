@@ -10,9 +10,9 @@
 #include <new>
 #include <typeinfo>
 
+#include "Infra3/Arithmetic.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/LogFront.h"
-#include "Memory/BuddyMath.h"
 #include "Memory/PacketInternal.h"
 #include "Memory/PacketManagerInternal.h"
 
@@ -23,7 +23,8 @@ namespace Memory
 namespace
 {
 
-constexpr size_t largestPacket = UINT32_MAX; // payload, extra data and record together
+constexpr size_t largestPacket = UINT32_MAX; // payload, extra data and record of one block
+constexpr size_t beyondEveryPool = SIZE_MAX; // a request that the manager refuses by itself
 constexpr size_t recordSize = sizeof(OldPacketInternal);
 constexpr size_t recordAlign = alignof(OldPacketInternal);
 static_assert(recordSize % recordAlign == 0 && sizeof(CPacket) % recordAlign == 0);
@@ -33,20 +34,18 @@ bool fits(size_t first, size_t second)
     return first <= largestPacket && second <= largestPacket - first;
 }
 
-/// Bytes of the tail behind `extraSize`; 0 when it is beyond every packet.
+/// Bytes of the tail behind `extraSize`; SIZE_MAX when they cannot be counted.
 size_t tailSize(const PacketManagerInternal& manager, size_t extraSize)
 {
-    if (!fits(extraSize, recordSize)) {
-        return 0;
-    }
-    const size_t tail = manager.getAlignedSize(extraSize + recordSize);
-    return tail <= largestPacket ? tail : 0;
+    const size_t content = Infra::saturatedSum(extraSize, recordSize);
+    const size_t tail = manager.getAlignedSize(content);
+    return tail < content ? SIZE_MAX : tail;
 }
 
-/// Whether payload and tail, rounded as they are laid out, make a packet.
+/// Whether payload and tail, rounded as they are laid out, make one block.
 bool isPossible(const PacketManagerInternal& manager, size_t size, size_t tail)
 {
-    return tail != 0 && size <= largestPacket && fits(manager.getAlignedSize(size), tail) &&
+    return size <= largestPacket && fits(manager.getAlignedSize(size), tail) &&
            fits(manager.getAlignedSize(size) + tail, recordAlign);
 }
 
@@ -63,6 +62,12 @@ void warnNotEnough(size_t size, size_t extraSize)
 void reportNoHeap(size_t size)
 {
     INFRA_LOG_ERROR("PacketInternal::create(): malloc failured! size:%zu\n", size);
+}
+
+/// A heap block with a tail in it; null without memory, and for a tail that no packet has.
+uint8_t* allocateTail(size_t tail, size_t blockSize)
+{
+    return tail <= largestPacket ? static_cast<uint8_t*>(std::malloc(blockSize)) : nullptr;
 }
 
 /// The extra area of a packet whose record stands alone. Null without extra data; null too when
@@ -100,10 +105,6 @@ OldPacketInternal* OldPacketInternal::create(size_t size, size_t extraSize)
         return nullptr;
     }
     const size_t tail = tailSize(manager, extraSize);
-    if (!isPossible(manager, size, tail)) {
-        warnNotEnough(size, extraSize);
-        return nullptr;
-    }
     return inOneBlock ? createInOneBlock(size, extraSize, tail)
                       : createInTwoBlocks(size, extraSize, tail);
 }
@@ -111,13 +112,18 @@ OldPacketInternal* OldPacketInternal::create(size_t size, size_t extraSize)
 OldPacketInternal* OldPacketInternal::createInOneBlock(size_t size, size_t extraSize, size_t tail)
 {
     PacketManagerInternal& manager = *PacketManagerInternal::instance();
+    const bool isPooled = manager.getPolicy() == CPacketManager::policyPool;
+    const bool canBe = isPossible(manager, size, tail);
     const size_t total = manager.getAlignedSize(size) + tail;
     // A pool's blocks end where a record may end; they are not asked for more.
-    const bool isPooled = manager.getPolicy() == CPacketManager::policyPool;
-    const size_t padding = isPooled ? 0 : Buddy::roundUp(total, recordAlign) - total;
+    const size_t padding = isPooled ? 0 : Infra::roundUp(total, recordAlign) - total;
 
-    size_t granted = total + padding;
-    uint8_t* block = static_cast<uint8_t*>(manager.malloc(&granted));
+    size_t granted = canBe ? total + padding : beyondEveryPool;
+    uint8_t* block = nullptr;
+    // Primitives are not asked for what they cannot have; the pool is, for it says so.
+    if (canBe || isPooled) {
+        block = static_cast<uint8_t*>(manager.malloc(&granted));
+    }
     if (block == nullptr) {
         warnNotEnough(size, extraSize);
         return nullptr;
@@ -130,7 +136,7 @@ OldPacketInternal* OldPacketInternal::createInOneBlock(size_t size, size_t extra
 OldPacketInternal* OldPacketInternal::createInTwoBlocks(size_t size, size_t extraSize, size_t tail)
 {
     PacketManagerInternal& manager = *PacketManagerInternal::instance();
-    size_t granted = size;
+    size_t granted = size <= largestPacket ? size : beyondEveryPool;
     uint8_t* payload = nullptr;
     if (size != 0) {
         payload = static_cast<uint8_t*>(manager.malloc(&granted));
@@ -140,8 +146,8 @@ OldPacketInternal* OldPacketInternal::createInTwoBlocks(size_t size, size_t extr
             return nullptr;
         }
     }
-    const size_t blockSize = Buddy::roundUp(tail, recordAlign);
-    uint8_t* block = static_cast<uint8_t*>(std::malloc(blockSize));
+    const size_t blockSize = Infra::roundUp(tail, recordAlign);
+    uint8_t* block = allocateTail(tail, blockSize);
     if (block == nullptr) {
         manager.free(payload);
         reportNoHeap(tail);
@@ -156,26 +162,23 @@ OldPacketInternal* OldPacketInternal::create(const CPacket& parent, size_t offse
                                              size_t extraSize)
 {
     const size_t parentSize = parent.size();
-    if (offset >= parentSize || size > parentSize - offset) {
+    uint8_t* const payload = parent.getBuffer(); // null while nothing is attached
+    if (payload == nullptr || offset >= parentSize || size > parentSize - offset) {
         INFRA_LOG_WARN("PacketInternal::create() offset or size is invalid!! huge_size:%zu, "
                        "offset:%zu, size:%zu\n",
                        parentSize, offset, size);
         return nullptr;
     }
     const size_t tail = tailSize(*PacketManagerInternal::instance(), extraSize);
-    if (tail == 0) {
-        warnNotEnough(size, extraSize);
-        return nullptr;
-    }
-    const size_t blockSize = Buddy::roundUp(tail, recordAlign) + sizeof(CPacket);
-    uint8_t* block = static_cast<uint8_t*>(std::malloc(blockSize));
+    const size_t blockSize = Infra::roundUp(tail, recordAlign) + sizeof(CPacket);
+    uint8_t* block = allocateTail(tail, blockSize);
     if (block == nullptr) {
         reportNoHeap(tail);
         return nullptr;
     }
     void* place = recordAt(block + blockSize);
-    OldPacketInternal* record = new (place)
-        OldPacketInternal({parent.getBuffer() + offset, size, size, block, extraSize}, ptPacket);
+    OldPacketInternal* record =
+        new (place) OldPacketInternal({payload + offset, size, size, block, extraSize}, ptPacket);
     record->m_packet = new (static_cast<uint8_t*>(place) - sizeof(CPacket)) CPacket(parent);
     return record;
 }
@@ -313,7 +316,7 @@ size_t OldPacketInternal::putBuffer(void* data, size_t len)
     }
     const uint32_t room = m_capacity - m_size;
     const uint32_t count = std::min(static_cast<uint32_t>(len), room);
-    if (count == 0 || data == nullptr) {
+    if (count == 0 || data == nullptr || m_buffer == nullptr) {
         return 0;
     }
     PacketManagerInternal::instance()->memcpy(m_buffer + m_size, data, count);

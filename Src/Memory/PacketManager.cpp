@@ -3,13 +3,17 @@
 // In the pool policies one block is cut into equal chunks and run as a binary buddy allocator:
 //   1. a request is rounded up to 2^k chunks;
 //   2. the first list from k on that has a block gives its first one; it is halved until it has
-//   that
-//      size, lower halves going back to their lists, so that the caller gets the highest piece;
+//      that size, lower halves going back to their lists: the caller gets the highest piece;
 //   3. on free, a block merges with its buddy (index XOR 2^k) for as long as that one is free too.
 // The first list is found by the lowest bit of a word, free chunks are counted as they come and go.
 // Nothing is kept back per thread or for later: the next address, the merging and the free size are
 // what callers see. The pool never grows: a dry pool is found out without taking the lock, and is a
 // warning and null, not a slow path.
+//
+// The pool comes from primitives of the application, which may log, make packets and wait for other
+// threads. So no lock is held while it is made or given back: it is made apart and put in place
+// under the lock, if it is still missing then. Whoever needs a pool that is not there makes it: the
+// first caller, one that races it or is called back by it, and one that comes after exit began.
 
 #include "Memory/PacketManager.h"
 
@@ -18,8 +22,10 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <thread>
 
 #include "Infra/Infra3/Guard.h"
+#include "Infra3/Arithmetic.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/Fork.h"
 #include "Infra3/LogFront.h"
@@ -37,13 +43,16 @@ namespace
 {
 
 using Infra::CGuard;
-using Infra::CRecursiveGuard;
 using Infra::ForkPart;
 using Infra::loadPlain;
 using Infra::storePlain;
 using Infra::TSingleton;
 
+/// The pools that the calling thread is making: one called back from the other.
+constinit thread_local int t_making = 0;
+
 constexpr size_t smallestChunk = 1024;
+constexpr size_t largestBlock = PTRDIFF_MAX; // that any allocation may give
 
 bool isKnown(CPacketManager::Policy policy)
 {
@@ -56,10 +65,15 @@ bool isRefused(const CPacketManager::PoolParameter& param)
     if (param.chunkSize < smallestChunk) {
         return false;
     }
-    if (!Buddy::isPowerOfTwo(param.chunkSize)) {
+    if (!Infra::isPowerOfTwo(param.chunkSize)) {
         INFRA_LOG_WARN("PacketManagerInternal::config() failured: chunkSize:%zu is not a power of "
                        "two!\n",
                        param.chunkSize);
+        return true;
+    }
+    if (param.chunkSize > largestBlock || param.totalSize > largestBlock - param.chunkSize) {
+        INFRA_LOG_WARN("PacketManagerInternal::config() failured: totalSize:%zu is too large!\n",
+                       param.totalSize);
         return true;
     }
     if (param.totalSize / param.chunkSize > INT_MAX - 1) {
@@ -130,11 +144,12 @@ PacketManagerInternal::PacketManagerInternal()
       m_pBufferList(nullptr),
       m_ChunkCount(0),
       m_BufferListCount(0),
-      m_alignSize(size_t{1} << Buddy::log2Floor(sm_param.alignSize)),
+      m_alignSize(size_t{1} << Infra::log2Floor(sm_param.alignSize)),
       m_malloc(&PacketManagerInternal::Sys_Malloc),
       m_free(&PacketManagerInternal::Sys_Free),
       m_memcpy(&PacketManagerInternal::Sys_Memcpy),
       m_systemCopy(false),
+      m_makers(0),
       m_nonEmpty(0),
       m_freeChunks(0)
 {
@@ -148,10 +163,10 @@ PacketManagerInternal::PacketManagerInternal()
         m_free = &PacketManagerInternal::Pool_Free;
         m_memcpy = &PacketManagerInternal::Pool_Memcpy;
         m_ChunkMask = static_cast<int>(sm_param.chunkSize - 1);
-        m_ChunkNodeLog2 = Buddy::log2Floor(sm_param.chunkSize);
+        m_ChunkNodeLog2 = Infra::log2Floor(sm_param.chunkSize);
         m_ChunkCount = static_cast<int>(sm_param.totalSize / sm_param.chunkSize);
         m_BufferListCount = Buddy::ordersOf(m_ChunkCount);
-        buildPool();
+        m_freeChunks = static_cast<uint64_t>(m_ChunkCount);
     }
 }
 
@@ -163,6 +178,7 @@ PacketManagerInternal::~PacketManagerInternal()
 void PacketManagerInternal::onCreated(PacketManagerInternal* manager)
 {
     if (hasPool()) {
+        manager->needPool();
         manager->logPool();
     } else if (sm_policy == CPacketManager::policySystem) {
         INFRA_LOG_INFO("CPacketManager: System Policy\n");
@@ -197,6 +213,7 @@ void PacketManagerInternal::resumeChild()
 {
     if (PacketManagerInternal* manager = TSingleton<PacketManagerInternal>::existing()) {
         Infra::ForkAccess::renewTaken(manager->m_Mutex);
+        manager->m_makers = t_making;
     }
 }
 
@@ -209,28 +226,22 @@ const bool PacketManagerInternal::s_joinedFork = [] {
 
 // The pool -------------------------------------------------------------------------------------
 
-PacketManagerInternal::PoolMemory PacketManagerInternal::allocatePool() const
+/// Null, or the fatal message about what could not be had; `*pool` is what could.
+const char* PacketManagerInternal::allocatePool(PoolMemory* pool) const
 {
     const size_t chunkCount = m_ChunkCount;
-    PoolMemory pool = {};
 
     // One chunk to spare, so that the base can be a multiple of the chunk size.
-    pool.origin = static_cast<uint8_t*>(sm_memop.malloc((chunkCount + 1) * sm_param.chunkSize));
-    if (pool.origin == nullptr) {
-        INFRA_LOG_FATAL("sm_param.chunkSize malloc failed!\n");
-        INFRA_SYSTEM_ASSERT_TEXT(false, "0");
+    pool->origin = static_cast<uint8_t*>(sm_memop.malloc((chunkCount + 1) * sm_param.chunkSize));
+    if (pool->origin == nullptr) {
+        return "sm_param.chunkSize malloc failed!\n";
     }
-    pool.chunks = static_cast<ChunkNode*>(std::calloc(chunkCount + 1, sizeof(ChunkNode)));
-    if (pool.chunks == nullptr) {
-        INFRA_LOG_FATAL("ChunkNode malloc failed!\n");
-        INFRA_SYSTEM_ASSERT_TEXT(false, "0");
+    pool->chunks = static_cast<ChunkNode*>(std::calloc(chunkCount + 1, sizeof(ChunkNode)));
+    if (pool->chunks == nullptr) {
+        return "ChunkNode malloc failed!\n";
     }
-    pool.lists = static_cast<BufferList*>(std::calloc(m_BufferListCount, sizeof(BufferList)));
-    if (pool.lists == nullptr) {
-        INFRA_LOG_FATAL("BufferList malloc failed!\n");
-        INFRA_SYSTEM_ASSERT_TEXT(false, "0");
-    }
-    return pool;
+    pool->lists = static_cast<BufferList*>(std::calloc(m_BufferListCount, sizeof(BufferList)));
+    return pool->lists == nullptr ? "BufferList malloc failed!\n" : nullptr;
 }
 
 void PacketManagerInternal::freePool(const PoolMemory& pool)
@@ -242,19 +253,58 @@ void PacketManagerInternal::freePool(const PoolMemory& pool)
     std::free(pool.chunks);
 }
 
-/// Called under the singletons' lock, without m_Mutex.
-void PacketManagerInternal::buildPool()
+/// Makes the pool unless it is there; without memory for it the process ends. No lock is held when
+/// this is called.
+void PacketManagerInternal::needPool()
 {
-    const PoolMemory pool = allocatePool();
+    if (loadPlain(m_pBuffer) != nullptr) {
+        return;
+    }
+    const char* const lacking = makePool();
+    if (lacking == nullptr) {
+        return;
+    }
+    // Another thread may have got the memory that was there, and be about to put its pool in place.
+    while (m_makers.load() > t_making) {
+        std::this_thread::yield();
+    }
+    if (loadPlain(m_pBuffer) == nullptr) {
+        INFRA_LOG_FATAL("%s", lacking);
+        INFRA_SYSTEM_ASSERT_TEXT(false, "0");
+    }
+}
+
+/// Null when a pool, this one or another, is in place; else the fatal message.
+const char* PacketManagerInternal::makePool()
+{
+    ++m_makers;
+    ++t_making;
+    PoolMemory pool = {};
+    const char* const lacking = allocatePool(&pool);
+    if (lacking != nullptr || !install(pool)) {
+        freePool(pool);
+    }
+    --t_making;
+    --m_makers;
+    return lacking;
+}
+
+/// False when another one is in place already.
+bool PacketManagerInternal::install(const PoolMemory& pool)
+{
     const uintptr_t base =
-        Buddy::roundUp(reinterpret_cast<uintptr_t>(pool.origin), sm_param.chunkSize);
+        Infra::roundUp(reinterpret_cast<uintptr_t>(pool.origin), sm_param.chunkSize);
 
     CGuard guard(m_Mutex);
-    storePlain(m_pOriginBuffer, pool.origin);
-    storePlain(m_pBuffer, reinterpret_cast<uint8_t*>(base));
+    if (m_pBufferList != nullptr) {
+        return false;
+    }
     m_pChunkHead = pool.chunks;
     m_pBufferList = pool.lists;
+    storePlain(m_pOriginBuffer, pool.origin);
+    storePlain(m_pBuffer, reinterpret_cast<uint8_t*>(base));
     seedPool();
+    return true;
 }
 
 void PacketManagerInternal::seedPool()
@@ -270,18 +320,16 @@ void PacketManagerInternal::seedPool()
     }
     Buddy::seed(m_ChunkCount,
                 [this](uint64_t idx, int order) { appendNode(&m_pChunkHead[idx], order); });
-    addFreeChunks(m_ChunkCount);
 }
 
-/// Takes the pool away from allocations and gives its memory back, if nothing is handed out.
-bool PacketManagerInternal::takeBackPool()
+/// Gives the pool's memory back, if nothing of it is handed out. All of it still counts as free.
+void PacketManagerInternal::takeBackPool()
 {
-    CRecursiveGuard building(Infra::singletonMutex());
     PoolMemory pool = {};
     {
         CGuard guard(m_Mutex);
         if (m_pBufferList == nullptr || m_freeChunks != static_cast<uint64_t>(m_ChunkCount)) {
-            return false;
+            return;
         }
         pool = {m_pOriginBuffer, m_pChunkHead, m_pBufferList};
         storePlain<uint8_t*>(m_pOriginBuffer, nullptr);
@@ -289,21 +337,8 @@ bool PacketManagerInternal::takeBackPool()
         m_pChunkHead = nullptr;
         m_pBufferList = nullptr;
         m_nonEmpty = 0;
-        addFreeChunks(-static_cast<int64_t>(m_ChunkCount));
     }
     freePool(pool);
-    return true;
-}
-
-/// True when the pool had been given back and is there again.
-bool PacketManagerInternal::rebuildPool()
-{
-    CRecursiveGuard building(Infra::singletonMutex());
-    if (loadPlain(m_pBuffer) != nullptr) {
-        return false;
-    }
-    buildPool();
-    return true;
 }
 
 void PacketManagerInternal::logPool() const
@@ -430,23 +465,28 @@ void* PacketManagerInternal::Sys_Memcpy(void* dest, const void* src, size_t len)
 void* PacketManagerInternal::Pool_Malloc(size_t* size)
 {
     const int order = Buddy::orderFor(*size, m_ChunkNodeLog2);
-    const uint64_t units = Buddy::unitsOf(order);
-    do {
-        // A pool with too little left has no block, and everyone may see that.
-        if (units <= m_freeChunks.load(std::memory_order_relaxed)) {
-            if (void* block = handOut(units, order, size)) {
-                return block;
-            }
+    // A pool with too little left has no block, and everyone may see that.
+    while (Buddy::unitsOf(order) <= m_freeChunks.load(std::memory_order_relaxed)) {
+        bool isAway = false;
+        if (void* block = handOut(order, size, &isAway)) {
+            return block;
         }
-    } while (loadPlain(m_pBuffer) == nullptr && rebuildPool());
+        if (!isAway) {
+            break;
+        }
+        needPool();
+    }
     return reportNoSpace();
 }
 
-void* PacketManagerInternal::handOut(size_t units, int order, size_t* size)
+/// Null without a block of that order or above; `*isAway` tells that the pool is not there at all.
+void* PacketManagerInternal::handOut(int order, size_t* size, bool* isAway)
 {
+    const uint64_t units = Buddy::unitsOf(order);
     CGuard guard(m_Mutex);
     const int found = Buddy::firstOrderFrom(m_nonEmpty, order);
     if (found == Buddy::noOrder) {
+        *isAway = m_pBufferList == nullptr;
         return nullptr;
     }
     const int idx = split(found, order);
@@ -504,6 +544,9 @@ bool PacketManagerInternal::isInPool(const void* p) const
 
 void* PacketManagerInternal::getPoolBuffer()
 {
+    if (hasPool()) {
+        needPool();
+    }
     return loadPlain(m_pOriginBuffer);
 }
 
@@ -538,6 +581,7 @@ void PacketManagerInternal::dumpNodes()
             share->dumpInfo();
         }
     } else {
+        needPool();
         INFRA_LOG_INFO("CPacketManager: dump FreeList\n");
         PrintNodeInfo();
     }
@@ -590,7 +634,7 @@ bool PacketManagerInternal::isSound()
 {
     CGuard guard(m_Mutex);
     if (m_pBufferList == nullptr) {
-        return m_nonEmpty == 0 && m_freeChunks == 0;
+        return m_nonEmpty == 0 && m_freeChunks == static_cast<uint64_t>(m_ChunkCount);
     }
     uint64_t freeChunks = 0;
     for (int order = 0; order < m_BufferListCount; ++order) {
@@ -660,6 +704,8 @@ void CPacketManager::config(Policy policy, MemoryOperator* memop, PoolParameter*
 
 CPacketManager* CPacketManager::instance()
 {
+    // Made by itself, not by the constructor behind this one's lock: it calls the application.
+    PacketManagerInternal::instance();
     return TSingleton<Instance>::instance();
 }
 

@@ -7,12 +7,12 @@
 //            never destroyed: packets of static objects and of threads that still run come back to
 //            it after exit began. CPacketManager is a thin public face of it.
 // Settings:  sm_policy, sm_memop and sm_param are written by config() before that, never after.
-// Pool:      one block of sm_memop's, cut into chunks, run as a binary buddy allocator. At exit it
-// is
-//            given back if nothing is handed out; an allocation after that builds it anew.
+// Pool:      one block of sm_memop's, cut into chunks, run as a binary buddy allocator. It is made
+//            when it is needed and not there: right after the manager, and again after exit, where
+//            it is given back if nothing is handed out.
 // Locks:     m_Mutex guards marks, lists and counters of the pool. It is a leaf: no log line, no
-//            memory primitive and nothing else of the application is called while it is held. The
-//            pool is built and given back under the singletons' lock, which comes before it.
+//            memory primitive and nothing else of the application is called while it is held, nor
+//            while any other lock of the library is.
 // Failures:  a dry pool is a warning and null; a block that is not one of ours ends the process.
 
 #include <atomic>
@@ -20,6 +20,7 @@
 #include <cstdint>
 
 #include "Infra/Infra3/Mutex.h"
+#include "Infra3/Arithmetic.h"
 #include "Infra3/Singleton.h"
 #include "Memory/PacketManager.h"
 
@@ -34,7 +35,8 @@ namespace Memory
 ///  (1) the blocks, free or handed out, cover every chunk exactly once (BuddyMath.h: the marks);
 ///  (2) a free block of order k is on list k and on no other;
 ///  (3) bit k of m_nonEmpty is set exactly when list k has a block;
-///  (4) m_freeChunks is the sum of 2^k over all free blocks;
+///  (4) m_freeChunks is the sum of 2^k over all free blocks; while the pool is away nothing is
+///      handed out, there are no lists, and it is all chunks;
 ///  (5) below the top order two buddies are never both free.
 class PacketManagerInternal
 {
@@ -58,7 +60,7 @@ public:
     }
 
     /// `n` rounded up to the packet alignment.
-    size_t getAlignedSize(size_t n) const { return (n + m_alignSize - 1) & ~(m_alignSize - 1); }
+    size_t getAlignedSize(size_t n) const { return Infra::roundUp(n, m_alignSize); }
     Policy getPolicy() const { return sm_policy; }
     void* getPoolBuffer();
     size_t getBufferSize();
@@ -85,7 +87,7 @@ private:
         ChunkNode head; ///< of a ring; points to itself when the list is empty
     } BufferList;
 
-    /// What a pool rests on, while it is built and while it is given back.
+    /// What a pool rests on, before it is in place and after.
     struct PoolMemory
     {
         uint8_t* origin;
@@ -123,16 +125,17 @@ private:
     void merge(int idx, int order);
     void PrintNodeInfo();
 
-    PoolMemory allocatePool() const;
+    const char* allocatePool(PoolMemory* pool) const;
     static void freePool(const PoolMemory& pool);
-    void buildPool();
+    void needPool();
+    const char* makePool();
+    bool install(const PoolMemory& pool);
     void seedPool();
     void appendNode(ChunkNode* node, int order);
-    bool takeBackPool();
-    bool rebuildPool();
+    void takeBackPool();
     void logPool() const;
 
-    void* handOut(size_t units, int order, size_t* size);
+    void* handOut(int order, size_t* size, bool* isAway);
     void* reportNoSpace();
     bool isInPool(const void* p) const;
     void addFreeChunks(int64_t count);
@@ -163,7 +166,8 @@ private:
     void* (PacketManagerInternal::*m_malloc)(size_t* size);
     void (PacketManagerInternal::*m_free)(void* p);
     void* (PacketManagerInternal::*m_memcpy)(void* dest, const void* src, size_t len);
-    bool m_systemCopy; ///< the copy primitive is the system's own
+    bool m_systemCopy;         ///< the copy primitive is the system's own
+    std::atomic<int> m_makers; ///< pools that are being made at this moment, by all threads
 
     alignas(64) uint64_t m_nonEmpty;    ///< bit k: list k has a block; guarded by m_Mutex
     std::atomic<uint64_t> m_freeChunks; ///< written under m_Mutex, read by anyone

@@ -2,6 +2,8 @@
 
 #include "Utils/Math.h"
 
+#include "Infra3/Arithmetic.h"
+
 namespace Tarsel
 {
 namespace Utils
@@ -9,7 +11,7 @@ namespace Utils
 
 int log2i(uint32_t x)
 {
-    return x == 0 ? 0 : 31 - __builtin_clz(x);
+    return Infra::log2Floor(x);
 }
 
 } // namespace Utils

@@ -8,7 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include "Memory/FailingHeap.h"
+
 using Tarsel::Memory::Detail::CMemPool;
+using Tarsel::TestSupport::CFailingHeap;
 
 TEST(MemPool, HandsOutAChunkInAddressOrderThenTheElementFreedLast)
 {
@@ -45,10 +48,19 @@ TEST(MemPool, ElementsOfAnySizeAreWholeAndApart)
     }
 }
 
-TEST(MemPool, AChunkBeyond32BitsIsRefused)
+TEST(MemPool, WithoutAChunkThereIsNoElement)
 {
-    CMemPool pool(1u << 20, 1u << 12);
-    EXPECT_EQ(pool.malloc(), nullptr);
+    CMemPool beyond32Bits(1u << 20, 1u << 12);
+    EXPECT_EQ(beyond32Bits.malloc(), nullptr);
+    CMemPool ofNothing(8, 0);
+    EXPECT_EQ(ofNothing.malloc(), nullptr);
+
+    CMemPool pool(1000, 20);
+    {
+        const CFailingHeap failing(20016); // the elements and a header of 16 bytes
+        EXPECT_EQ(pool.malloc(), nullptr);
+    }
+    EXPECT_NE(pool.malloc(), nullptr);
 }
 
 TEST(MemPool, ThreadsNeverShareAnElement)

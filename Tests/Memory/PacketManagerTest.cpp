@@ -11,6 +11,7 @@
 #include <cstring>
 #include <list>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -19,6 +20,7 @@
 
 #include "Infra/Infra3/PrintLog.h"
 #include "Memory/CopyBytes.h"
+#include "Memory/FailingHeap.h"
 #include "Memory/Packet.h"
 #include "Memory/PacketManagerInternal.h"
 #include "Support/ChildProcess.h"
@@ -26,10 +28,12 @@
 using Tarsel::Memory::CPacket;
 using Tarsel::Memory::CPacketManager;
 using Tarsel::Memory::PacketManagerInternal;
+using Tarsel::TestSupport::CFailingHeap;
 using Tarsel::TestSupport::ChildResult;
 using Tarsel::TestSupport::countOf;
 using Tarsel::TestSupport::inChild;
 using Tarsel::TestSupport::runInChild;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -167,24 +171,34 @@ TEST(PacketManagerConfig, StartsWithTheSystemPolicyAndFreezes)
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
     EXPECT_EQ(countOf(child.output, "CPacketManager: System Policy\n"), 1);
-    EXPECT_THAT(child.output, HasSubstr("CPacketManager dump: SYS Policy\n"));
-    EXPECT_THAT(child.output, HasSubstr("PacketManagerInternal::config() failured: Packet Manager "
-                                        "has been configured!\n"));
+    EXPECT_THAT(child.output, ContainsRegex(" info Infra[^\n]*]CPacketManager: System Policy\n"));
+    EXPECT_THAT(child.output, ContainsRegex(" info Infra[^\n]*]CPacketManager dump: SYS Policy\n"));
+    EXPECT_THAT(child.output,
+                ContainsRegex(" warn Infra[^\n]*]PacketManagerInternal::config\\(\\) failured: "
+                              "Packet Manager has been configured!\n"));
 }
 
 TEST(PacketManagerConfig, RefusalsWarnAndChangeNothing)
 {
+    const CPacketManager::Policy other = CPacketManager::policyPoolSystem;
+    const size_t halfOfAll = size_t{1} << 63;
+    const size_t terabyte = size_t{1} << 40;
     const struct
     {
         CPacketManager::Policy policy;
         CPacketManager::PoolParameter param;
         const char* warning;
     } cases[] = {
-        {static_cast<CPacketManager::Policy>(5), {4 << 20, 1024, 4}, "unknown policy:5"},
-        {static_cast<CPacketManager::Policy>(-1), {4 << 20, 1024, 4}, "unknown policy:-1"},
-        {CPacketManager::policySystem, {3072 * 4, 3072, 4}, "chunkSize:3072 is not a power of two"},
-        {CPacketManager::policySystem, {4 << 20, 1025, 4}, "chunkSize:1025 is not a power of two"},
-        {CPacketManager::policySystem, {size_t{1} << 42, 1024, 4}, "has too many chunks"},
+        {static_cast<CPacketManager::Policy>(5), {4 << 20, 1024, 64}, "unknown policy:5"},
+        {static_cast<CPacketManager::Policy>(-1), {4 << 20, 1024, 64}, "unknown policy:-1"},
+        {other, {3072 * 4, 3072, 64}, "chunkSize:3072 is not a power of two"},
+        {other, {4 << 20, 1025, 64}, "chunkSize:1025 is not a power of two"},
+        {other, {size_t{1} << 42, 1024, 64}, "totalSize:4398046511104 has too many chunks"},
+        {other, {2147483647 * size_t{1024}, 1024, 64}, "totalSize:2199023254528 has too many"},
+        // With the chunk to spare these come to 0.
+        {other, {halfOfAll, halfOfAll, 64}, "totalSize:9223372036854775808 is too large"},
+        {other, {0 - terabyte, terabyte, 64}, "totalSize:18446742974197923840 is too large"},
+        {other, {halfOfAll - terabyte, terabyte, 64}, "totalSize:9223370937343148032 is too large"},
     };
     for (const auto& one : cases) {
         const ChildResult child = runInChild([&one] {
@@ -198,9 +212,12 @@ TEST(PacketManagerConfig, RefusalsWarnAndChangeNothing)
             EXPECT_NE(take(1, &granted), nullptr);
             EXPECT_EQ(granted, 2048u);
             EXPECT_EQ(s_mallocs, 0);
+            EXPECT_EQ(manager().getPolicy(), CPacketManager::policyPool);
+            EXPECT_EQ(manager().getAlignedSize(1), 4u);
         });
         EXPECT_TRUE(child.succeeded()) << child.report();
-        EXPECT_THAT(child.output, HasSubstr(one.warning));
+        EXPECT_THAT(child.output,
+                    ContainsRegex(std::string(" warn Infra[^\n]*failured: ") + one.warning));
     }
 }
 
@@ -244,8 +261,143 @@ TEST(PacketManagerConfig, APoolThatCannotBeHadEndsTheProcess)
         CPacketManager::instance();
     });
     EXPECT_EQ(child.signal, SIGABRT) << child.report();
-    EXPECT_THAT(child.output, HasSubstr("sm_param.chunkSize malloc failed!\n"));
+    EXPECT_THAT(child.output,
+                ContainsRegex(" fatal Infra[^\n]*]sm_param.chunkSize malloc failed!\n"));
     EXPECT_THAT(child.errorOutput, HasSubstr("Assertion `0' failed"));
+}
+
+TEST(PacketManagerConfig, APoolWithoutBookkeepingEndsTheProcess)
+{
+    const struct
+    {
+        size_t failing;
+        const char* text;
+    } cases[] = {{2080, "]ChunkNode malloc failed!\n"},  // 64 chunks and one to spare
+                 {224, "]BufferList malloc failed!\n"}}; // 7 orders
+    for (const auto& one : cases) {
+        const ChildResult child = runInChild([&one] {
+            usePool(65536, 1024);
+            const CFailingHeap failing(one.failing);
+            CPacketManager::instance();
+        });
+        EXPECT_EQ(child.signal, SIGABRT) << child.report();
+        EXPECT_THAT(child.output, ContainsRegex(std::string(" fatal Infra[^\n]*") + one.text));
+        EXPECT_THAT(child.errorOutput, HasSubstr("Assertion `0' failed"));
+    }
+}
+
+// What the application puts in, primitives and printers, may come back to the manager: on the same
+// thread, or while it waits for another one. So no lock is held while one of them runs.
+
+TEST(PacketManagerReentrance, APrimitiveMayLogToAPrinterThatMakesPackets)
+{
+    const ChildResult child = runInChild([] {
+        static int s_depth = 0;
+        static PacketManagerInternal* s_seen = nullptr;
+        Tarsel::Infra::setLogPrinter([](const char*) {
+            if (++s_depth == 1) {
+                EXPECT_TRUE(CPacket(5000).valid());
+                s_seen = PacketManagerInternal::instance();
+            }
+            --s_depth;
+        });
+        CPacketManager::MemoryOperator memop = countingOperator();
+        memop.malloc = [](size_t size) -> void* {
+            ++s_mallocs;
+            Tarsel::Infra::logInfo("malloc:%zu\n", size);
+            return ::malloc(size);
+        };
+        CPacketManager::config(CPacketManager::policyPool, &memop);
+        const CPacket packet(5000);
+        EXPECT_TRUE(packet.valid());
+        EXPECT_EQ(PacketManagerInternal::instance(), s_seen);
+        EXPECT_EQ(s_mallocs - s_frees, 1) << "one pool is left";
+        EXPECT_EQ(manager().getFreeSize(), 2097152u - 8192);
+        EXPECT_TRUE(manager().isSound());
+        Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc());
+    });
+    EXPECT_TRUE(child.succeeded()) << child.report();
+}
+
+TEST(PacketManagerReentrance, APrimitiveMayWaitForAnotherThread)
+{
+    inChild([] {
+        static std::atomic<bool> s_waited{false};
+        static const auto waitOnce = [] {
+            if (!s_waited.exchange(true)) {
+                std::thread([] {
+                    EXPECT_TRUE(CPacket(100).valid());
+                    EXPECT_NE(CPacketManager::instance()->getPoolBuffer(), nullptr);
+                }).join();
+            }
+        };
+        static CPacketManager::MemoryOperator s_counting = countingOperator();
+        CPacketManager::MemoryOperator memop = s_counting;
+        memop.malloc = [](size_t size) {
+            waitOnce();
+            return s_counting.malloc(size);
+        };
+        memop.free = [](void* p) {
+            waitOnce();
+            s_counting.free(p);
+        };
+        atexit([] {
+            if (!s_waited || s_mallocs - s_frees > 1) {
+                _exit(3);
+            }
+        });
+        CPacketManager::config(CPacketManager::policyPool, &memop);
+        EXPECT_NE(CPacketManager::instance()->getPoolBuffer(), nullptr);
+        EXPECT_TRUE(s_waited);
+        EXPECT_EQ(s_mallocs - s_frees, 1);
+        s_waited = false; // once more when the pool goes back at exit
+    });
+}
+
+TEST(PacketManagerReentrance, MemoryForOnePoolIsEnoughForRacingThreads)
+{
+    inChild([] {
+        static std::atomic<bool> s_taken{false};
+        static std::atomic<bool> s_refused{false};
+        CPacketManager::MemoryOperator memop = countingOperator();
+        memop.malloc = [](size_t size) -> void* {
+            if (s_taken.exchange(true)) {
+                s_refused = true;
+                return nullptr;
+            }
+            void* const block = ::malloc(size);
+            while (!s_refused) {
+                std::this_thread::yield();
+            }
+            return block;
+        };
+        CPacketManager::config(CPacketManager::policyPool, &memop);
+        const auto makePacket = [] { EXPECT_TRUE(CPacket(100).valid()); };
+        std::thread one(makePacket);
+        std::thread two(makePacket);
+        one.join();
+        two.join();
+        EXPECT_TRUE(manager().isSound());
+    });
+}
+
+TEST(PacketManagerReentrance, APrinterOfTheFatalLineMayWaitForAnotherThread)
+{
+    const ChildResult child = runInChild([] {
+        Tarsel::Infra::setLogPrinter([](const char* text) {
+            if (strstr(text, "sm_param.chunkSize malloc failed!\n") != nullptr) {
+                std::thread([] { CPacketManager::instance(); }).join();
+                printf("printed\n");
+                fflush(stdout);
+            }
+        });
+        CPacketManager::MemoryOperator memop = countingOperator();
+        memop.malloc = [](size_t) -> void* { return nullptr; };
+        CPacketManager::config(CPacketManager::policyPool, &memop);
+        CPacketManager::instance();
+    });
+    EXPECT_EQ(child.signal, SIGABRT) << child.report();
+    EXPECT_THAT(child.output, HasSubstr("printed\n"));
 }
 
 TEST(PacketPool, SplitsFromAboveAndMergesBackAtOnce)
@@ -282,9 +434,10 @@ TEST(PacketPool, SplitsFromAboveAndMergesBackAtOnce)
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
     // 12 lists and 2048 chunks, 2060 records of 32 bytes.
-    EXPECT_THAT(child.output, HasSubstr("CPacketManager: malloc total:2097152 pagesize:1024"
-                                        "blockCount:2048 ManagermentSize:65920\n"));
-    EXPECT_THAT(child.output, HasSubstr("AddrRange:0x"));
+    EXPECT_THAT(child.output,
+                ContainsRegex(" info Infra[^\n]*]CPacketManager: malloc total:2097152 pagesize:1024"
+                              "blockCount:2048 ManagermentSize:65920\n"));
+    EXPECT_THAT(child.output, ContainsRegex(" info Infra[^\n]*]AddrRange:0x"));
     EXPECT_EQ(countOf(child.output, "CPacketManager: dump FreeList\n"), 2);
     EXPECT_EQ(countOf(child.output, "BufferList id:"), 24);
     EXPECT_THAT(child.output, HasSubstr("BufferList id:11, order:12, head:0x"));
@@ -444,6 +597,7 @@ TEST(PacketPool, CopiesInsideThePoolAreThePrimitives)
 
 TEST(PacketPool, EveryByteIsCopiedAtEveryDistance)
 {
+    Tarsel::Memory::copyBytes(nullptr, nullptr, 0); // what an empty buffer may come to
     std::vector<uint8_t> memory(96 * 1024);
     for (size_t length : {0u, 1u, 2047u, 2048u, 3000u, 20001u}) {
         for (size_t distance : {0u, 1u, 16u, 31u, 32u, 4095u}) {
@@ -466,7 +620,12 @@ TEST(PacketManagerExit, ThePoolGoesBackUnlessSomethingIsHandedOut)
     for (const bool holds : {false, true}) {
         const ChildResult child = runInChild([holds] {
             static CPacket s_kept; // ends after the manager's exit handler
-            atexit([] { printf("at the end: %d\n", s_frees.load()); });
+            atexit([] {
+                printf("at the end: %d, free: %zu of %zu\n", s_frees.load(),
+                       CPacketManager::instance()->getFreeSize(),
+                       CPacketManager::instance()->getBufferSize());
+                EXPECT_TRUE(manager().isSound());
+            });
             CPacketManager::MemoryOperator memop = countingOperator();
             CPacketManager::config(CPacketManager::policyPool, &memop);
             s_kept = CPacket(5000, 16);
@@ -476,7 +635,8 @@ TEST(PacketManagerExit, ThePoolGoesBackUnlessSomethingIsHandedOut)
             }
         });
         EXPECT_TRUE(child.succeeded()) << child.report();
-        EXPECT_THAT(child.output, HasSubstr(holds ? "at the end: 0\n" : "at the end: 1\n"));
+        EXPECT_THAT(child.output, HasSubstr(holds ? "at the end: 0, free: 2088960 of 2097152\n"
+                                                  : "at the end: 1, free: 2097152 of 2097152\n"));
     }
 }
 

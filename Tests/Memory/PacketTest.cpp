@@ -1,8 +1,11 @@
 #include "Memory/Packet.h"
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -11,12 +14,14 @@
 #include <gtest/gtest.h>
 
 #include "Infra/Infra3/PrintLog.h"
+#include "Memory/FailingHeap.h"
 #include "Memory/PacketInternal.h"
 #include "Memory/PacketManager.h"
 #include "Memory/SharePacketSeam.h"
 #include "Support/ChildProcess.h"
 
 using namespace Tarsel::Memory;
+using Tarsel::TestSupport::CFailingHeap;
 using Tarsel::TestSupport::ChildResult;
 using Tarsel::TestSupport::countOf;
 using Tarsel::TestSupport::inChild;
@@ -44,14 +49,32 @@ void record(void* p, size_t size)
     s_calls.push_back({p, size});
 }
 
-void fill(CPacket& packet)
+void fill(CPacket& packet, int payload = 0x11, int extra = 0x22)
 {
     if (packet.getBuffer() != nullptr) {
-        memset(packet.getBuffer(), 0x11, packet.capacity());
+        memset(packet.getBuffer(), payload, packet.capacity());
     }
     if (packet.getExtraData() != nullptr) {
-        memset(packet.getExtraData(), 0x22, packet.getExtraSize());
+        memset(packet.getExtraData(), extra, packet.getExtraSize());
     }
+}
+
+/// True when `count` bytes from `area` on are all `value`.
+bool holds(const void* area, uint8_t value, size_t count)
+{
+    const uint8_t* bytes = static_cast<const uint8_t*>(area);
+    return std::all_of(bytes, bytes + count, [value](uint8_t byte) { return byte == value; });
+}
+
+/// The line of the log in which `text` stands, prefix included; empty when there is none.
+std::string lineOf(const std::string& output, const std::string& text)
+{
+    const size_t at = output.find(text);
+    if (at == std::string::npos) {
+        return "";
+    }
+    const size_t begin = output.rfind('\n', at) + 1;
+    return output.substr(begin, at + text.size() - begin);
 }
 
 } // namespace
@@ -107,10 +130,14 @@ TEST(PacketLayout, EverySmallSizeIsWholeInEveryPolicy)
                     CPacket packet(size, extra);
                     fill(packet);
                     CPacket part(packet, 0, size, extra);
-                    EXPECT_EQ(part.valid(), size > 0);
-                    fill(part);
+                    ASSERT_EQ(part.valid(), size > 0);
+                    fill(part, 0x33, 0x44);
                     EXPECT_EQ(packet.getExtraData() == nullptr, extra == 0);
                     EXPECT_EQ(packet.size(), size);
+                    EXPECT_TRUE(holds(packet.getBuffer(), 0x33, size)) << size << ' ' << extra;
+                    EXPECT_TRUE(holds(packet.getBuffer() + size, 0x11, packet.capacity() - size));
+                    EXPECT_TRUE(holds(packet.getExtraData(), 0x22, extra)) << size << ' ' << extra;
+                    EXPECT_TRUE(holds(part.getExtraData(), 0x44, part.getExtraSize()));
                 }
             }
         });
@@ -192,25 +219,26 @@ TEST(Packet, AnInvalidOneDoesNothing)
 
 TEST(Packet, FailuresAreLoggedAndGiveAnInvalidPacket)
 {
+    const CPacketManager::Policy system = CPacketManager::policySystem;
+    const CPacketManager::Policy pool = CPacketManager::policyPool;
+    const CPacketManager::Policy poolSystem = CPacketManager::policyPoolSystem;
     const struct
     {
         CPacketManager::Policy policy;
         size_t size, extraSize;
         const char* text;
     } cases[] = {
-        {CPacketManager::policySystem, SIZE_MAX, 0,
-         "NO enough, need size:18446744073709551615 ext:0\n"},
-        {CPacketManager::policySystem, 0xFFFFFFF0, 9, "NO enough, need size:4294967280 ext:9\n"},
-        {CPacketManager::policySystem, 1, SIZE_MAX,
-         "NO enough, need size:1 ext:18446744073709551615\n"},
-        {CPacketManager::policySystem, 77, 1,
-         "PacketInternal::create(): NO enough, need size:77 ext:1\n"},
-        {CPacketManager::policyPool, 8100, 0,
-         "PacketInternal::create(): NO enough, need size:8100 ext:0\n"},
-        {CPacketManager::policyPoolSystem, 8193, 2,
-         "PacketInternal::create(): 2 NO enough, need size:8193 ext:2\n"},
-        {CPacketManager::policySharePool, 64, 1,
-         "PacketInternal::create(): no share pool, need size:64 ext:1\n"},
+        {system, SIZE_MAX, 0, "NO enough, need size:18446744073709551615 ext:0\n"},
+        {system, 0xFFFFFFF0, 9, "NO enough, need size:4294967280 ext:9\n"},
+        {system, 1, SIZE_MAX, "NO enough, need size:1 ext:18446744073709551615\n"},
+        {system, 77, 1, "NO enough, need size:77 ext:1\n"},
+        {pool, 8100, 0, "NO enough, need size:8100 ext:0\n"},
+        {pool, SIZE_MAX, 3, "NO enough, need size:18446744073709551615 ext:3\n"},
+        {pool, 1, SIZE_MAX, "NO enough, need size:1 ext:18446744073709551615\n"},
+        {poolSystem, 8193, 2, "2 NO enough, need size:8193 ext:2\n"},
+        {poolSystem, 0x100000000, 2, "2 NO enough, need size:4294967296 ext:2\n"},
+        {poolSystem, SIZE_MAX, 2, "2 NO enough, need size:18446744073709551615 ext:2\n"},
+        {CPacketManager::policySharePool, 64, 1, "no share pool, need size:64 ext:1\n"},
     };
     for (const auto& one : cases) {
         const ChildResult child = runInChild([&one] {
@@ -224,7 +252,14 @@ TEST(Packet, FailuresAreLoggedAndGiveAnInvalidPacket)
             EXPECT_FALSE(packet.valid());
         });
         EXPECT_TRUE(child.succeeded()) << child.report();
-        EXPECT_EQ(countOf(child.output, one.text), 1) << child.output;
+        const std::string text = std::string("PacketInternal::create(): ") + one.text;
+        EXPECT_THAT(lineOf(child.output, text), HasSubstr(" warn Infra")) << child.output;
+        // What a pool has not, the pool itself reports first.
+        const std::string dry = "CPacket No Free Space, totalSize:8192, freeSize:8192 \n";
+        const bool hasPool = one.policy == pool || one.policy == poolSystem;
+        EXPECT_EQ(countOf(child.output, dry), hasPool ? 1 : 0) << child.output;
+        EXPECT_TRUE(!hasPool || child.output.find(dry) < child.output.find(text));
+        EXPECT_TRUE(!hasPool || lineOf(child.output, dry).find(" warn Infra") != std::string::npos);
     }
     const ChildResult child = runInChild([] {
         char byte = 0;
@@ -232,7 +267,86 @@ TEST(Packet, FailuresAreLoggedAndGiveAnInvalidPacket)
         EXPECT_TRUE(s_calls.empty());
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
-    EXPECT_EQ(countOf(child.output, "NO enough"), 1);
+    EXPECT_EQ(countOf(child.output, "PacketInternal::create(): NO enough"), 1);
+}
+
+TEST(Packet, WithoutHeapForTheRecordNothingIsKept)
+{
+    const struct
+    {
+        size_t failing; ///< bytes the system has not; 0: it has all
+        void (*body)();
+        const char* text;
+    } cases[] = {
+        // 1000 of extra data and the record are 1152.
+        {1152, [] { EXPECT_FALSE(CPacket(3000, 1000).valid()); }, "size:1152\n"},
+        {0, [] { EXPECT_FALSE(CPacket(3000, 0x100000000).valid()); }, "size:4294967448\n"},
+        // A part keeps a handle of 16 bytes beside them.
+        {1168,
+         [] {
+             const CPacket parent(3000, 0);
+             EXPECT_FALSE(CPacket(parent, 1, 2, 1000).valid());
+         },
+         "size:1152\n"},
+        {0,
+         [] {
+             const CPacket parent(3000, 0);
+             EXPECT_FALSE(CPacket(parent, 1, 2, 0x100000000).valid());
+         },
+         "size:4294967448\n"},
+        {0,
+         [] {
+             const CPacket parent(3000, 0);
+             EXPECT_FALSE(CPacket(parent, 1, 2, SIZE_MAX).valid());
+         },
+         "size:18446744073709551615\n"},
+        {152,
+         [] {
+             char byte = 0;
+             EXPECT_FALSE(CPacket(&byte, 1, &record).valid());
+             EXPECT_FALSE(CPacket(1u, &record, &byte, 0).valid());
+             EXPECT_TRUE(s_calls.empty());
+         },
+         "size:152\n"},
+    };
+    for (const auto& one : cases) {
+        const ChildResult child = runInChild([&one] {
+            CPacketManager::config(CPacketManager::policyPoolSystem);
+            CPacketManager::instance();
+            {
+                const CFailingHeap failing(one.failing == 0 ? SIZE_MAX : one.failing);
+                one.body();
+            }
+            EXPECT_EQ(CPacketManager::instance()->getFreeSize(), 2097152u);
+        });
+        EXPECT_TRUE(child.succeeded()) << child.report();
+        const std::string text =
+            std::string("PacketInternal::create(): malloc failured! ") + one.text;
+        EXPECT_THAT(lineOf(child.output, text), HasSubstr(" error Infra")) << child.output;
+        EXPECT_EQ(countOf(child.output, " warn "), 0) << child.output;
+    }
+}
+
+TEST(Packet, InOrdinaryMemoryThereIsNoneInTheSharePolicy)
+{
+    const ChildResult child = runInChild([] {
+        CPacketManager::config(CPacketManager::policySharePool);
+        Tarsel::Infra::setPrintLogLevel(6);
+        EXPECT_EQ(OldPacketInternal::create(10, 0), nullptr);
+    });
+    EXPECT_TRUE(child.succeeded()) << child.report();
+    EXPECT_EQ(countOf(child.output, "]tracepoint:\n"), 1) << child.output;
+}
+
+TEST(Packet, ARecordOfNoKindEndsTheProcess)
+{
+    const ChildResult child = runInChild([] {
+        CPacket packet(10);
+        memset(reinterpret_cast<char*>(PacketInternal::of(packet)) + 41, 3, 1); // its kind
+        packet.reset();
+    });
+    EXPECT_EQ(child.signal, SIGABRT) << child.report();
+    EXPECT_THAT(child.report(), HasSubstr("PacketInternal::destroy(): unreachable!\n"));
 }
 
 TEST(Packet, PartsStayInsideTheirParentAndKeepIt)
@@ -304,6 +418,11 @@ TEST(Packet, AWrappedBufferGoesBackOnceWithItsLastSize)
         EXPECT_EQ(s_calls[0].first, buffer);
         EXPECT_EQ(s_calls[0].second, 10u);
         CPacket nobodyAsks(buffer, 1, FreeMemFunc());
+
+        CPacket nothing(nullptr, 100, FreeMemFunc());
+        EXPECT_TRUE(nothing.resize(0));
+        EXPECT_EQ(nothing.putBuffer(buffer, 1), 0u);
+        EXPECT_EQ(nothing.size(), 0u);
     });
 }
 
@@ -319,7 +438,14 @@ TEST(Packet, ABufferAttachedLaterIsReleasedWithTheCapacity)
         EXPECT_TRUE(s_calls.empty());
 
         CPacket packet(200u, &record, &argument, 3);
+        EXPECT_FALSE(CPacket(packet, 10, 20, 0).valid()) << "there is nothing to be a part of";
+        char first[10];
+        EXPECT_EQ(packet.putBuffer(first, 10), 10u);
+        EXPECT_EQ(packet.putBuffer(buffer, 250), 250u);
+        EXPECT_EQ(packet.size(), 250u) << "as it was said, whatever the capacity";
         EXPECT_EQ(packet.putBuffer(buffer, 150), 150u);
+        EXPECT_EQ(CPacket(packet, 10, 20, 0).getBuffer(), packet.getBuffer() + 10);
+        EXPECT_TRUE(s_calls.empty()) << "what was attached before is forgotten, not released";
         EXPECT_EQ(reinterpret_cast<char*>(packet.getBuffer()), buffer);
         EXPECT_EQ(packet.size(), 150u);
         EXPECT_NE(packet.getExtraData(), nullptr);
@@ -367,7 +493,12 @@ TEST(Packet, HandlesShareMoveAndLetGo)
         moved = std::move(one);
         EXPECT_EQ(s_ended, 0);
 
-        CPacket other(buffer, 4, ended);
+        static CPacket s_other;
+        CPacket& other = s_other;
+        other = CPacket(buffer, 4, [](void*, size_t) {
+            ++s_ended;
+            EXPECT_EQ(s_other.size(), 8u) << "the handle shows the new one already";
+        });
         other = moved;
         EXPECT_EQ(s_ended, 1);
         moved = CPacket();

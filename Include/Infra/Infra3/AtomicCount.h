@@ -9,8 +9,9 @@ namespace Infra
 /// A 32-bit counter whose changes are atomic; it holds the reference counts of packets, of memory
 /// blocks and of components.
 ///
-/// Behaviour: increment and decrement return the new value and order everything before and after
-/// them; a read is relaxed. Nothing is checked: a count below 0 is the caller's mistake.
+/// Behaviour: increment and decrement return the new value and are acquire-release: whoever brings
+/// the count to zero sees everything that the others did before their own change. A read is
+/// relaxed. Nothing is checked: a count below 0 is the caller's mistake.
 /// Threads: safe from any thread. The object is one `int` and may lie in shared memory.
 class CAtomicCount
 {
