@@ -3,9 +3,9 @@
 import functools
 import pathlib
 import re
-import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
+OWN_FOLDERS = ("Include", "Src", "Tests", "Benchmarks", "Examples", "Tools")
 INCLUDE_ROOTS = (ROOT / "Include", ROOT / "Src", ROOT / "Tests")
 
 _SUFFIXES = {".h", ".c", ".cpp"}
@@ -13,12 +13,9 @@ _INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*(["<])([^">]+)[">]', re.MULTI
 
 
 def own_sources():
-    """Every C and C++ file of the tree, new ones included, generated tables left out."""
-    listed = subprocess.run(
-        ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
-        cwd=ROOT, check=True, capture_output=True, text=True).stdout
-    paths = (ROOT / name for name in listed.split("\0") if name)
-    return sorted(path for path in set(paths)
+    """Every C and C++ file of the tree, generated tables left out."""
+    paths = (path for folder in OWN_FOLDERS for path in (ROOT / folder).rglob("*"))
+    return sorted(path for path in paths
                   if path.suffix in _SUFFIXES and path.is_file() and not is_generated(path))
 
 

@@ -289,8 +289,10 @@ LogText formatLine(char* buffer, int room, const LogOrigin& origin, const LogMom
 {
     const int prefix = buildPrefix(buffer, room, origin, moment);
     const int left = room - prefix;
-    const int message = vsnprintf(buffer + prefix, static_cast<size_t>(left),
-                                  format == nullptr ? "" : format, arguments);
+    if (format == nullptr) {
+        format = "";
+    }
+    const int message = vsnprintf(buffer + prefix, static_cast<size_t>(left), format, arguments);
     if (message < 0) {
         buffer[prefix] = '\0';
         return {prefix, left > 1};

@@ -138,7 +138,8 @@ void CTimerSchedule::advance(uint64_t now)
     for (int level = lowestOccupiedLevel(); level < levelCount; level = lowestOccupiedLevel()) {
         const int slot = __builtin_ctzll(m_occupied[level]);
         const uint64_t start = slotStart(level, slot);
-        // A slot of a higher level is entered at its first millisecond, that of level 0 is over behind it.
+        // A slot of a higher level is entered at its first millisecond, that of level 0 is over
+        // behind it.
         if (level == 0 ? start >= now : start > now) {
             break;
         }
