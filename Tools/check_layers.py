@@ -59,6 +59,7 @@ SEAMS = {
 }
 
 APPLICATIONS = len(ROWS) - 1
+INCLUDE_AREAS = ("Include", "Src", "Tests")  # an example may include the header beside it
 
 
 class File:
@@ -89,7 +90,7 @@ def faults_of_line(includer, style, text):
     target = resolve(text)
     if target is None:
         beside = includer.path.parent / text
-        if style == '"' and beside.is_file():
+        if style == '"' and beside.is_file() and includer.area in INCLUDE_AREAS:
             yield f'"{text}" is not whole: write it from Include, Src or Tests on'
         elif style == '"' and includer.area in ("Include", "Src"):
             yield f'"{text}" is no file of ours: a header of the system stands in <>'
