@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
+#include <csignal>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -292,7 +292,7 @@ TEST(LogOutputTest, ErrorsAndWhatCameBeforeThemSurviveAbort)
         logInfo("before\n");
         logError("the error\n");
         logInfo("lost with the buffer\n");
-        _exit(0);
+        raise(SIGKILL);
     });
     EXPECT_NE(result.output.find("before\n"), std::string::npos);
     EXPECT_NE(result.output.find("the error\n"), std::string::npos);
