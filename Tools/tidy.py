@@ -60,7 +60,8 @@ def main():
                if any(path == place or place in path.parents for place in below)]
 
     version = subprocess.run(["clang-tidy", "--version"], check=True, capture_output=True).stdout
-    salt = version + (ROOT / ".clang-tidy").read_bytes()
+    rules = [ROOT / ".clang-tidy", *sorted(ROOT.glob("*/.clang-tidy"))]
+    salt = version + b"".join(path.read_bytes() for path in rules)
     clean = build / "tidy"
     clean.mkdir(exist_ok=True)
     waiting = {path: clean / fingerprint(path, salt) for path in sources}
