@@ -15,12 +15,12 @@
          ? ::Tarsel::Infra::Detail::assertionFailed((text), __func__, __FILE__, __LINE__)          \
          : (void)0)
 
-/// The system's own assertion report alone ("file:line: function: Assertion `text' failed."), which
-/// unlike the macro assert() does not vanish with NDEBUG.
+/// The system's own assertion report alone ("program: file:line: function: Assertion `text'
+/// failed."), which unlike the macro assert() does not vanish with NDEBUG.
 #define INFRA_SYSTEM_ASSERT(expr) INFRA_SYSTEM_ASSERT_TEXT(expr, #expr)
 #define INFRA_SYSTEM_ASSERT_TEXT(expr, text)                                                       \
     (__builtin_expect(!(expr), 0)                                                                  \
-         ? ::Tarsel::Infra::systemAssertionFailed((text), __FILE__, __LINE__)                      \
+         ? ::Tarsel::Infra::systemAssertionFailed((text), __func__, __FILE__, __LINE__)            \
          : (void)0)
 
 namespace Tarsel
@@ -28,8 +28,10 @@ namespace Tarsel
 namespace Infra
 {
 
-/// Flushes standard output if nobody holds it, then calls the system's assertion routine.
-[[noreturn]] void systemAssertionFailed(const char* expr, const char* file, long line);
+/// Prints and flushes what was logged, then calls the system's assertion routine. `function` may be
+/// null.
+[[noreturn]] void systemAssertionFailed(const char* expr, const char* function, const char* file,
+                                        long line);
 
 } // namespace Infra
 } // namespace Tarsel

@@ -1,17 +1,21 @@
 // AssertionFailed.cpp: the end of a broken program.
 //
 // Two lines on standard error, this library's and the system's, then abort. What was logged before
-// stands in standard output's buffer and would be lost with it, so the buffer is flushed first;
-// only if its lock is free, because the thread that holds it may be the one that broke.
+// stands in standard output's buffer, or is kept back under a lock, and would be lost with it: it
+// is printed and flushed first; flushed only if no other thread holds the stream, which might never
+// let go.
 
 #include "Infra/Infra3/AssertionFailed.h"
 
 #include <cstdio>
 
 #include "Infra3/AssertFront.h"
+#include "Infra3/LogFront.h"
 
-// The system's header declares this only without NDEBUG; our assertions hold in every build.
+// The system's header declares these only without NDEBUG; our assertions hold in every build.
 extern "C" [[noreturn]] void __assert(const char* assertion, const char* file, int line) noexcept;
+extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned line,
+                                           const char* function) noexcept;
 
 namespace Tarsel
 {
@@ -30,10 +34,14 @@ void flushStandardOutput()
 
 } // namespace
 
-void systemAssertionFailed(const char* expr, const char* file, long line)
+void systemAssertionFailed(const char* expr, const char* function, const char* file, long line)
 {
+    printHeldMessages();
     flushStandardOutput();
-    __assert(expr, file, static_cast<int>(line));
+    if (function == nullptr) {
+        __assert(expr, file, static_cast<int>(line));
+    }
+    __assert_fail(expr, file, static_cast<unsigned>(line), function);
 }
 
 namespace Detail
@@ -43,7 +51,7 @@ void assertionFailed(const char* expr, const char* function, const char* file, l
 {
     fprintf(stderr, "***** Internal Program Error - assertion (%s) failed in %s: %s(%ld)\n", expr,
             function, file, line);
-    systemAssertionFailed(expr, file, line);
+    systemAssertionFailed(expr, nullptr, file, line);
 }
 
 void assertionFailedMsg(const char* expr, const char* msg, const char* function, const char* file,
@@ -51,7 +59,7 @@ void assertionFailedMsg(const char* expr, const char* msg, const char* function,
 {
     fprintf(stderr, "***** Internal Program Error - assertion (%s) failed in %s: %s(%ld): %s\n",
             expr, function, file, line, msg);
-    systemAssertionFailed(expr, file, line);
+    systemAssertionFailed(expr, nullptr, file, line);
 }
 
 } // namespace Detail

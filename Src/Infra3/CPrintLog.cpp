@@ -30,11 +30,6 @@ const char* fileToPrint(const char* file)
     return name < 0 ? file : file + name;
 }
 
-bool isPrinted(int level)
-{
-    return level <= loadPlain(Infra_printLogLevel) && loadPlain(Infra_openLog) != CLOSE_LOG;
-}
-
 } // namespace
 
 Infra_PrintOptions* Infra_getPrintOption(void)
@@ -105,7 +100,7 @@ int Infra_logFilter(int level, const char* module, const char* file, const char*
                     const char* svnversion, const char* fmt, ...)
 {
     const int printedLevel = level == Infra_logLevelDebug ? Infra_logLevelTrace : level;
-    if (!isPrinted(printedLevel)) {
+    if (!isLevelOpen(printedLevel)) {
         return 0;
     }
     const CErrnoKeeper keeper;
@@ -116,6 +111,7 @@ int Infra_logFilter(int level, const char* module, const char* file, const char*
     va_start(arguments, fmt);
     formatAndDeliver(origin, moment, keeper, fmt, arguments, [&](char* text, LogText line) {
         writeLine(text, printedLevel, moment.beginsLine, /*mayReset*/ true);
+        flushBehind(printedLevel, line.ended);
         length = line.length;
     });
     va_end(arguments);

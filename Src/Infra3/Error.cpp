@@ -2,12 +2,14 @@
 
 #include "Infra/Infra3/Error.h"
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <utility>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 #include "Infra3/Singleton.h"
 
@@ -22,13 +24,20 @@ namespace
 constinit thread_local int s_lastError = 0;
 
 /// Texts by code. An entry, once made, stays; replacing its text ends the life of the earlier one.
+///
+/// The table ends with the process's first exit handlers and begins anew, empty. Its texts are put
+/// aside, because threads that still run may hold pointers to them.
 class CErrorMessageManager
 {
 public:
-    static CErrorMessageManager* instance() { return TSingleton<CErrorMessageManager>::instance(); }
-
-    /// Threads that still run at exit may be in here, and may hold pointers to texts.
-    static bool mayDestroy(CErrorMessageManager*) { return false; }
+    static CErrorMessageManager& instance()
+    {
+        CErrorMessageManager& manager = immortal<CErrorMessageManager, CErrorMessageManager>();
+        if (!manager.m_endsAtExit.exchange(true, std::memory_order_relaxed)) {
+            registerExit([] { instance().beginAnew(); });
+        }
+        return manager;
+    }
 
     void set(int code, CString2 text)
     {
@@ -51,8 +60,16 @@ public:
     }
 
 private:
-    CLeafMutex m_mutex; // guards the map
+    void beginAnew()
+    {
+        CGuard guard(m_mutex);
+        m_aside.swap(m_msgmap);
+    }
+
+    std::atomic<bool> m_endsAtExit{false};
+    CLeafMutex m_mutex; // guards the maps
     std::map<int, std::string> m_msgmap;
+    std::map<int, std::string> m_aside;
 };
 
 } // namespace
@@ -69,22 +86,22 @@ int getLastError()
 
 void setErrMsg(int eno, const char* msg)
 {
-    CErrorMessageManager::instance()->set(eno, textOrEmpty(msg));
+    CErrorMessageManager::instance().set(eno, textOrEmpty(msg));
 }
 
 void setErrorMessage(int eno, const CString2& msg)
 {
-    CErrorMessageManager::instance()->set(eno, msg);
+    CErrorMessageManager::instance().set(eno, msg);
 }
 
 const char* getErrMsg(int eno)
 {
-    return CErrorMessageManager::instance()->get(eno);
+    return CErrorMessageManager::instance().get(eno);
 }
 
 CString2 getErrorMessage(int eno)
 {
-    return CErrorMessageManager::instance()->copy(eno);
+    return CErrorMessageManager::instance().copy(eno);
 }
 
 } // namespace Infra

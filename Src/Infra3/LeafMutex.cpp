@@ -1,7 +1,7 @@
 // LeafMutex.cpp: the fork part of all leaf locks.
 //
 // The locks stand in a table that only grows, so that a new one needs no lock itself. A fork takes
-// those that it finds there, in the table's order; one that joins meanwhile is free by nature.
+// those that it finds there, in the table's order. All are made while the library is loaded.
 
 #include "Infra3/LeafMutex.h"
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 namespace Tarsel
@@ -34,16 +35,40 @@ void logFront(int level, const LogPlace& place, const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    // After a fatal message nobody comes back to let it go.
-    if (t_hold != nullptr && level > logLevelFatal) {
-        const int error = errno;
-        t_hold->m_messages.push_back({level, place, formatted(format, arguments)});
-        errno = error;
+    if (t_hold != nullptr) {
+        t_hold->keep(level, place, format, arguments);
     } else {
         logFilterEx(level, "Infra", place.file, place.function, place.line, INFRA_REVISION, format,
                     arguments);
     }
     va_end(arguments);
+}
+
+/// Without memory the message is lost; nothing else is.
+void CLogHold::keep(int level, const LogPlace& place, const char* format, va_list arguments)
+{
+    const int error = errno;
+    try {
+        m_messages.push_back({level, place, formatted(format, arguments)});
+    } catch (const std::bad_alloc&) {
+    }
+    errno = error;
+}
+
+void CLogHold::printNow()
+{
+    for (const Message& message : m_messages) {
+        Infra_logFilter(message.level, "Infra", message.place.file, message.place.function,
+                        message.place.line, INFRA_REVISION, "%s", message.text.c_str());
+    }
+    m_messages.clear();
+}
+
+void printHeldMessages()
+{
+    if (t_hold != nullptr) {
+        t_hold->printNow();
+    }
 }
 
 CLogHold::CLogHold()

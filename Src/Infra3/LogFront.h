@@ -8,6 +8,7 @@
 // has to speak under a lock opens a CLogHold before taking it: the thread's messages are then kept,
 // and go out in their order when the outermost hold ends.
 
+#include <cstdarg>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,9 @@ public:
     CLogHold(const CLogHold&) = delete;
     CLogHold& operator=(const CLogHold&) = delete;
 
+    /// See printHeldMessages().
+    void printNow();
+
 private:
     friend void logFront(int level, const LogPlace& place, const char* format, ...);
 
@@ -58,8 +62,15 @@ private:
         LogPlace place;
         std::string text;
     };
+    __attribute__((format(printf, 4, 0))) void keep(int level, const LogPlace& place,
+                                                    const char* format, va_list arguments);
+
     std::vector<Message> m_messages;
 };
+
+/// Prints what the calling thread's hold has kept, on standard output alone because locks are held:
+/// for a process that is about to end.
+void printHeldMessages();
 
 } // namespace Infra
 } // namespace Tarsel

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "Infra/Infra3/PrintLog.h"
+#include "Infra3/BoundedText.h"
 #include "Infra3/PlainShared.h"
 #include "Infra3/ThreadId.h"
 
@@ -213,10 +214,11 @@ void writeTaggedFields(CLineWriter& out, const LogOrigin& origin, const char* re
     out.text("m:");
 }
 
-/// localtime_r of the last second that this thread printed in.
+/// localtime_r of the last second that this thread printed in, and the zone it was asked in.
 struct SecondCache
 {
     time_t second;
+    long zone;
     bool valid;
     tm local;
 };
@@ -224,7 +226,8 @@ constinit thread_local SecondCache t_second = {};
 
 const tm& localTime(time_t second)
 {
-    if (!t_second.valid || t_second.second != second) {
+    if (!t_second.valid || t_second.second != second || t_second.zone != timezone) {
+        t_second.zone = timezone;
         localtime_r(&second, &t_second.local);
         t_second.second = second;
         t_second.valid = true;
@@ -273,7 +276,7 @@ int buildPrefix(char* buffer, int room, const LogOrigin& origin, const LogMoment
             writeDate(out, moment.time);
         }
         writeTime(out, moment.time);
-        const char* const revision = origin.revision == nullptr ? "" : origin.revision;
+        const char* const revision = textOrEmpty(origin.revision);
         if (tagged) {
             writeTaggedFields(out, origin, revision);
         } else {
@@ -289,23 +292,22 @@ LogText formatLine(char* buffer, int room, const LogOrigin& origin, const LogMom
 {
     const int prefix = buildPrefix(buffer, room, origin, moment);
     const int left = room - prefix;
-    if (format == nullptr) {
-        format = "";
-    }
-    const int message = vsnprintf(buffer + prefix, static_cast<size_t>(left), format, arguments);
+    const int message =
+        vsnprintf(buffer + prefix, static_cast<size_t>(left), textOrEmpty(format), arguments);
     if (message < 0) {
         buffer[prefix] = '\0';
-        return {prefix, left > 1};
+        return {prefix, left > 1, false};
     }
     const int length = message > INT_MAX - prefix ? INT_MAX : prefix + message;
     // A prefix that reaches the end of the buffer may have been cut.
-    return {length, message < left && left > 1};
+    return {length, message < left && left > 1, false};
 }
 
-void noteLineEnd(const char* buffer, int length)
+bool noteLineEnd(const char* buffer, int length)
 {
     const bool ended = length > lineRoom || (length > 0 && buffer[length - 1] == '\n');
     storePlain(Infra_returned, ended ? 1 : 0);
+    return ended;
 }
 
 void writeLine(char* text, int level, bool beginsLine, bool mayReset)
@@ -346,6 +348,18 @@ void writeDueReset()
         fputs(resetSequence, stdout);
         noteResetWritten();
     }
+}
+
+void flushBehind(int level, bool lineEnded)
+{
+    if (lineEnded && (level == logLevelFatal || level == logLevelError)) {
+        fflush(stdout);
+    }
+}
+
+bool isLevelOpen(int level)
+{
+    return level <= loadPlain(Infra_printLogLevel) && loadPlain(Infra_openLog) != CLOSE_LOG;
 }
 
 CErrnoKeeper::CErrnoKeeper() : m_errno(errno) {}

@@ -57,6 +57,7 @@ struct LogText
 {
     int length; ///< n: prefix and whole message, also where the buffer holds less; never below 0
     bool fits;  ///< the buffer holds all of it
+    bool ended; ///< it ends its line
 };
 
 /// The escape sequence that resets colours.
@@ -77,8 +78,9 @@ __attribute__((format(printf, 5, 0))) LogText formatLine(char* buffer, int room,
                                                          const LogMoment& moment,
                                                          const char* format, va_list arguments);
 
-/// Notes whether a text of length n in `buffer` ended its line; the next text asks for it.
-void noteLineEnd(const char* buffer, int length);
+/// Notes, and returns, whether a text of length n in `buffer` ended its line; the next text asks
+/// for it.
+bool noteLineEnd(const char* buffer, int length);
 /// The last text printed ended its line.
 bool hasLineEnded();
 
@@ -99,6 +101,11 @@ void writeLine(char* text, int level, bool beginsLine, bool mayReset);
 /// The two sequences by themselves, where the text goes elsewhere or is still to be handed on.
 void writeColor(int level);
 void writeDueReset();
+/// An error may be the last thing a process says: standard output is flushed behind one.
+void flushBehind(int level, bool lineEnded);
+
+/// The filter by level and by the switch for all.
+bool isLevelOpen(int level);
 
 /// Saves the caller's errno: who logs a failure still wants to read it.
 class CErrnoKeeper
@@ -124,11 +131,11 @@ __attribute__((noinline)) bool deliverLine(const LogOrigin& origin, const LogMom
 {
     CLineBuffer<Room> buffer;
     keeper.restore();
-    const LogText text = formatLine(buffer.text(), Room, origin, moment, format, arguments);
+    LogText text = formatLine(buffer.text(), Room, origin, moment, format, arguments);
     if (!text.fits && Room < lineRoom) {
         return false;
     }
-    noteLineEnd(buffer.text(), text.length);
+    text.ended = noteLineEnd(buffer.text(), text.length);
     deliver(buffer.text(), text);
     return true;
 }

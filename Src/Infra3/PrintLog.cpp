@@ -15,6 +15,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <vector>
 
@@ -53,8 +54,7 @@ constinit std::atomic<const LogSink*> s_sink{nullptr};
 constinit std::atomic<bool> s_statisticsOn{false};
 
 /// Set while a printer or a procedure is installed, so that the usual path does not touch the lock.
-constinit std::atomic<bool> s_hasPrinter{false};
-constinit std::atomic<bool> s_hasProcedures{false};
+constinit std::atomic<bool> s_hasReceivers{false};
 
 typedef std::vector<PrintProc> ProcedureList;
 
@@ -73,22 +73,26 @@ Receivers& receivers()
     return immortal<Receivers, Receivers>();
 }
 
-LogPrinterProc currentPrinter()
+/// Who gets a text now. Empty, and asked for without the lock, on the usual path.
+struct Audience
 {
-    if (!s_hasPrinter.load(std::memory_order_acquire)) {
+    LogPrinterProc printer;
+    std::shared_ptr<const ProcedureList> procedures;
+};
+
+Audience currentAudience()
+{
+    if (!s_hasReceivers.load(std::memory_order_acquire)) {
         return {};
     }
     CGuard guard(receivers().receiverMutex);
-    return receivers().printer;
+    return {receivers().printer, receivers().procedures};
 }
 
-std::shared_ptr<const ProcedureList> currentProcedures()
+void noteReceiversLocked()
 {
-    if (!s_hasProcedures.load(std::memory_order_acquire)) {
-        return nullptr;
-    }
-    CGuard guard(receivers().receiverMutex);
-    return receivers().procedures;
+    const bool any = !receivers().printer.empty() || receivers().procedures != nullptr;
+    s_hasReceivers.store(any, std::memory_order_release);
 }
 
 bool isModuleOff(const char* module)
@@ -100,12 +104,6 @@ bool isModuleOff(const char* module)
     return sink != nullptr && sink->isModuleOff(module);
 }
 
-bool isPrinted(int level, const char* module)
-{
-    return level <= loadPlain(Infra_printLogLevel) && loadPlain(Infra_openLog) != CLOSE_LOG &&
-           !isModuleOff(module);
-}
-
 const char* lastPathPart(const char* file)
 {
     const char* const slash = file == nullptr ? nullptr : strrchr(file, '/');
@@ -115,27 +113,23 @@ const char* lastPathPart(const char* file)
 /// Printer or standard output, then the procedures, then the colour reset that is due.
 void deliver(char* text, const LogOrigin& origin, bool beginsLine)
 {
-    const LogPrinterProc printer = currentPrinter();
-    const std::shared_ptr<const ProcedureList> procedures = currentProcedures();
-    const bool handedOn = !printer.empty() || procedures != nullptr;
-    if (printer.empty()) {
+    const Audience audience = currentAudience();
+    const bool handedOn = !audience.printer.empty() || audience.procedures != nullptr;
+    if (audience.printer.empty()) {
         writeLine(text, origin.level, beginsLine, /*mayReset*/ !handedOn);
     } else {
         if (beginsLine) {
             writeColor(origin.level);
         }
-        printer(text);
+        audience.printer(text);
     }
-    if (procedures != nullptr) {
-        for (const PrintProc& procedure : *procedures) {
+    if (audience.procedures != nullptr) {
+        for (const PrintProc& procedure : *audience.procedures) {
             procedure(text);
         }
     }
     if (handedOn) {
         writeDueReset();
-    }
-    if ((origin.level == logLevelFatal || origin.level == logLevelError) && hasLineEnded()) {
-        fflush(stdout);
     }
 }
 
@@ -156,7 +150,11 @@ void countBytes(const char* module, int length)
     auto& table = receivers().statistics;
     auto entry = table.find(std::string_view(module));
     if (entry == table.end()) {
-        entry = table.emplace(module, LogModuleInfo{}).first;
+        try {
+            entry = table.emplace(module, LogModuleInfo{}).first;
+        } catch (const std::bad_alloc&) {
+            return; // a module that there is no memory for is not counted
+        }
     }
     uint64_t& bytes = entry->second.printedBytes;
     const uint64_t room = std::numeric_limits<uint64_t>::max() - bytes;
@@ -179,7 +177,7 @@ int logFilterEx(int level, const char* module, const char* file, const char* fun
                 const char* svnversion, const char* fmt, va_list ap)
 {
     const int printedLevel = level == logLevelDebug ? static_cast<int>(logLevelTrace) : level;
-    if (!isPrinted(printedLevel, module)) {
+    if (!isLevelOpen(printedLevel) || isModuleOff(module)) {
         return 0;
     }
     const CNesting nesting;
@@ -194,6 +192,7 @@ int logFilterEx(int level, const char* module, const char* file, const char* fun
     int length = 0;
     formatAndDeliver(origin, moment, keeper, fmt, ap, [&](char* text, LogText made) {
         deliver(text, origin, moment.beginsLine);
+        flushBehind(printedLevel, made.ended);
         length = made.length > lineRoom ? cutLineLength : made.length;
         writeToFile(text, length, moment.time);
         countBytes(module, length);
@@ -307,7 +306,7 @@ int setLogPrinter(LogPrinterProc printer)
 {
     CGuard guard(receivers().receiverMutex);
     receivers().printer = printer;
-    s_hasPrinter.store(!printer.empty(), std::memory_order_release);
+    noteReceiversLocked();
     return 0;
 }
 
@@ -323,9 +322,9 @@ ProcedureList copiedProceduresLocked()
 
 void replaceProceduresLocked(ProcedureList list)
 {
-    s_hasProcedures.store(!list.empty(), std::memory_order_release);
     receivers().procedures =
         list.empty() ? nullptr : std::make_shared<const ProcedureList>(std::move(list));
+    noteReceiversLocked();
 }
 
 } // namespace
@@ -336,12 +335,16 @@ bool attachPrint(PrintProc proc)
         return false;
     }
     CGuard guard(receivers().receiverMutex);
-    ProcedureList list = copiedProceduresLocked();
-    if (std::find(list.begin(), list.end(), proc) != list.end()) {
+    try {
+        ProcedureList list = copiedProceduresLocked();
+        if (std::find(list.begin(), list.end(), proc) != list.end()) {
+            return false;
+        }
+        list.push_back(proc);
+        replaceProceduresLocked(std::move(list));
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    list.push_back(proc);
-    replaceProceduresLocked(std::move(list));
     return true;
 }
 

@@ -25,14 +25,13 @@ void registerExit(void (*atExit)());
 
 /// The one T of the process. `instance()` is one atomic load once T exists; safe from any thread.
 ///
-/// T befriends TSingleton<T> and may offer three static functions:
-///   - `void onCreated(T*)` runs right after T is in place, without a lock held: the place to call
+/// T lets TSingleton<T> make it, and may offer three static functions:
+///   - `void onCreated(T*)` runs right after T is in place, outside T's own making: the place to
+///   call
 ///     what may call back, because a log printer is application code and may ask for T;
-///   - `bool staysInUse(T*)`, asked first at exit: true keeps T as the one instance from then on,
-///     because what it has handed out has to come back to it;
-///   - `bool mayDestroy(T*)`, asked at exit when T is no longer the instance: false leaves the
-///     object where it is, for the sake of threads and objects of the application that still point
-///     to it.
+///   - `bool staysInUse(T*)`, asked at exit: true keeps T as the one instance for what is left of the
+///     process, because threads that run on may be on their way in, or what T has handed out has to
+///     come back to it. T then stops by itself what has to stop.
 template <typename T>
 class TSingleton
 {
@@ -75,25 +74,17 @@ private:
 
     static void destroy()
     {
-        T* object = s_object.load(std::memory_order_acquire);
+        T* const object = s_object.load(std::memory_order_acquire);
         if constexpr (requires { T::staysInUse(object); }) {
-            if (object != nullptr && T::staysInUse(object)) {
+            if (T::staysInUse(object)) {
                 return;
             }
         }
-        object = s_object.exchange(nullptr, std::memory_order_acq_rel);
-        if constexpr (requires { T::mayDestroy(object); }) {
-            if (object != nullptr && !T::mayDestroy(object)) {
-                s_left.store(object, std::memory_order_relaxed);
-                return;
-            }
-        }
+        s_object.store(nullptr, std::memory_order_release);
         delete object;
     }
 
     static inline constinit std::atomic<T*> s_object{nullptr};
-    /// What had to be left at exit stays reachable from here.
-    static inline constinit std::atomic<T*> s_left{nullptr};
 };
 
 } // namespace Infra

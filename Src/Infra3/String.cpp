@@ -44,7 +44,7 @@ void* resizeStringBlock(void* block, size_t bytes, bool grows)
 
 void stringCheckFailed(const char* text, const char* file, long line)
 {
-    systemAssertionFailed(text, file, line);
+    systemAssertionFailed(text, nullptr, file, line);
 }
 
 void throwStringPosition()

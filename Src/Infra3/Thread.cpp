@@ -35,14 +35,14 @@ constinit thread_local ThreadInternal* t_record = nullptr;
 void setNiceValue(int priority)
 {
     // Of the calling thread alone: the system counts nice values by thread.
-    setpriority(PRIO_PROCESS, 0, priority * 40 / 128 - 19);
+    setpriority(PRIO_PROCESS, 0, static_cast<int>(int64_t{priority} * 40 / 128 - 19));
 }
 
 int realtimePriority(int priority)
 {
     const int least = sched_get_priority_min(SCHED_FIFO);
     const int most = sched_get_priority_max(SCHED_FIFO);
-    return most + (most - least) * (priority - 1) / -126;
+    return static_cast<int>(most + (most - least) * (int64_t{priority} - 1) / -126);
 }
 
 /// One wait of a loop that waits for a body's end.
@@ -80,7 +80,12 @@ void* threadBody(void* argument)
     INFRA_LOG_TRACE("ThreadBody leave name:%s, id:%d \n", name, currentThreadId());
     setCurrentThreadRecord(nullptr);
     record.m_manager->removeThread(&record);
-    record.m_bLoop.store(false, std::memory_order_relaxed);
+    forgetThreadLimit();
+    if (record.m_ownerGone) {
+        delete &record;
+        return nullptr;
+    }
+    record.m_bLoop.store(false, std::memory_order_release);
     if (record.m_destroyBlock.load(std::memory_order_relaxed)) {
         record.m_cSemaphore.post();
     }
@@ -236,7 +241,8 @@ ThreadInternal::ThreadInternal(CThread* owner, const char* name, int priority, i
       m_manager(ThreadManagerInternal::instance()),
       m_owner(owner),
       m_prevRecord(nullptr),
-      m_nextRecord(nullptr)
+      m_nextRecord(nullptr),
+      m_ownerGone(false)
 {
     setName(name);
     m_manager->addRecord(this);
@@ -288,14 +294,21 @@ CThread::CThread(const char* name, int priority, int policy, int stackSize)
 
 CThread::~CThread()
 {
-    if (m_internal->m_bLoop.load(std::memory_order_relaxed)) {
+    if (currentThreadRecord() == m_internal) {
+        // Destroyed by its own body, by exit() for instance. The body has the record to itself now.
+        m_internal->m_ownerGone = true;
+        return;
+    }
+    if (m_internal->m_bLoop.load(std::memory_order_acquire)) {
         destroyThread();
     }
     for (uint64_t round = 0; m_internal->m_running.load(std::memory_order_acquire) != 0; ++round) {
         const uint64_t sleeps = round < yieldingWaits ? 0 : round - yieldingWaits + 1;
         if (sleeps != 0 && sleeps % waitsBetweenNotes == 0) {
+            char name[sizeof(m_internal->m_Name)];
+            m_internal->copyName(name);
             INFRA_LOG_DEBUG("this:%p CThread::~CThread:%s wait for thread over, times:%llu\n",
-                            static_cast<void*>(this), m_internal->m_Name,
+                            static_cast<void*>(this), name,
                             static_cast<unsigned long long>(sleeps));
         }
         waitABit(round);
@@ -309,18 +322,18 @@ bool CThread::createThread()
     const CLogHold hold;
     CGuard guard(record.m_mutex);
     for (uint64_t round = 0; record.m_running.load(std::memory_order_acquire) != 0 &&
-                             !record.m_bLoop.load(std::memory_order_relaxed);
+                             !record.m_bLoop.load(std::memory_order_acquire);
          ++round) {
         record.m_mutex.leave();
         waitABit(round);
         record.m_mutex.enter();
     }
-    if (record.m_bLoop.load(std::memory_order_relaxed)) {
+    if (record.m_bLoop.load(std::memory_order_acquire)) {
         INFRA_LOG_WARN("this:%p CThread::CreateThread() thread:%s is still running!\n",
                        static_cast<void*>(this), record.m_Name);
         return false;
     }
-    record.m_bLoop.store(true, std::memory_order_relaxed);
+    record.m_bLoop.store(true, std::memory_order_release);
     record.m_ID.store(-1, std::memory_order_relaxed);
     record.m_destroyed.store(false, std::memory_order_relaxed);
     record.m_destroyBlock.store(true, std::memory_order_relaxed);
@@ -328,7 +341,7 @@ bool CThread::createThread()
     while (record.m_cSemaphore.tryPend() == 0) {
     }
     if (!startSystemThreadLocked(this, record)) {
-        record.m_bLoop.store(false, std::memory_order_relaxed);
+        record.m_bLoop.store(false, std::memory_order_release);
         return false;
     }
     return true;
@@ -350,7 +363,7 @@ bool CThread::destroyThread()
                            static_cast<void*>(this), record.m_Name);
             return false;
         }
-        record.m_bLoop.store(false, std::memory_order_relaxed);
+        record.m_bLoop.store(false, std::memory_order_release);
         record.m_destroyed.store(true, std::memory_order_relaxed);
     }
     if (record.m_ID.load(std::memory_order_relaxed) == currentThreadId()) {
@@ -379,13 +392,13 @@ bool CThread::cancelThread()
     ThreadInternal& record = *m_internal;
     const CLogHold hold;
     CGuard guard(record.m_mutex);
-    if (!record.m_bLoop.load(std::memory_order_relaxed)) {
+    if (!record.m_bLoop.load(std::memory_order_acquire)) {
         INFRA_LOG_WARN("this:%p CThread::cancelThread() thread:%s not exist!\n",
                        static_cast<void*>(this), record.m_Name);
         return false;
     }
     record.m_destroyBlock.store(false, std::memory_order_relaxed);
-    record.m_bLoop.store(false, std::memory_order_relaxed);
+    record.m_bLoop.store(false, std::memory_order_release);
     return true;
 }
 
@@ -396,7 +409,7 @@ bool CThread::isThreadOver()
 
 bool CThread::looping() const
 {
-    return m_internal->m_bLoop.load(std::memory_order_relaxed);
+    return m_internal->m_bLoop.load(std::memory_order_acquire);
 }
 
 int CThread::getThreadID()

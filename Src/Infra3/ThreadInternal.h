@@ -66,10 +66,12 @@ struct ThreadInternal
     ThreadInternal* m_prevRecord;
     ThreadInternal* m_nextRecord;
 
+    bool m_ownerGone; ///< the body destroyed its own CThread, and deletes the record when it ends
+
     bool isOver() const
     {
         return m_running.load(std::memory_order_acquire) == 0 &&
-               !m_bLoop.load(std::memory_order_relaxed);
+               !m_bLoop.load(std::memory_order_acquire);
     }
     void setName(const char* name);
     void copyName(char (&name)[32]);
@@ -83,6 +85,9 @@ struct ThreadInternal
 /// The record of the calling thread while it stands in the table, else null.
 ThreadInternal* currentThreadRecord();
 void setCurrentThreadRecord(ThreadInternal* record);
+
+/// Lifts the calling thread's limit, if it has one: it is about to end.
+void forgetThreadLimit();
 
 } // namespace Infra
 } // namespace Tarsel

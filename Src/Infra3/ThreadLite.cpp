@@ -23,8 +23,9 @@ CThreadLite::~CThreadLite()
     if (!isThreadOver()) {
         destroyThread();
     }
-    // Somebody else may have asked first, and then destroyThread() has not waited.
-    while (!isThreadOver()) {
+    // Somebody else may have asked first, and then destroyThread() has not waited. The thread
+    // itself, which is here by way of exit() perhaps, has nobody to wait for.
+    while (!isThreadOver() && getThreadID() != getCurrentThreadID()) {
         CThread::sleep(1);
     }
     delete m_internal;
@@ -32,8 +33,9 @@ CThreadLite::~CThreadLite()
 
 void CThreadLite::threadProc()
 {
-    if (!m_internal->m_proc.empty()) {
-        m_internal->m_proc(*this);
+    const ThreadProc proc = m_internal->m_proc; // the record may go during the call
+    if (!proc.empty()) {
+        proc(*this);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 
 #include "Infra/Infra3/Guard.h"
@@ -15,6 +16,8 @@
 #include "Infra3/Fork.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/Singleton.h"
+#include "Infra3/ThreadId.h"
+#include "Infra3/ThreadInternal.h"
 
 namespace Tarsel
 {
@@ -44,6 +47,12 @@ void installPause()
                       "oldact.sa_handler == 0 && oldact.sa_sigaction == 0");
 }
 
+/// Cycles that nobody would choose never end: their counters stop at the top.
+void countUp(int& elapsed)
+{
+    elapsed += elapsed < INT_MAX ? 1 : 0;
+}
+
 /// Lifts the limit of a thread when it ends: a signal must not be sent to a thread that is gone.
 struct LimitedThread
 {
@@ -51,10 +60,8 @@ struct LimitedThread
 
     ~LimitedThread()
     {
-        CThreadLoadingController* const controller =
-            TSingleton<CThreadLoadingController>::existing();
-        if (limited && controller != nullptr) {
-            controller->removeThread(pthread_self());
+        if (limited) {
+            forgetThreadLimit();
         }
     }
 };
@@ -65,34 +72,36 @@ thread_local LimitedThread t_limitedThread;
 /// In the child of a fork no thread is limited, and the controller's own is gone.
 struct LoadControllerFork
 {
+    static CThreadLoadingController* controller()
+    {
+        return TSingleton<CThreadLoadingController>::existing();
+    }
+
     static void prepare()
     {
-        s_forking = TSingleton<CThreadLoadingController>::existing();
-        if (s_forking != nullptr) {
-            s_forking->m_switchMutex.enter();
-            s_forking->m_mutex.enter();
+        if (controller() != nullptr) {
+            controller()->m_switchMutex.enter();
+            controller()->m_mutex.enter();
         }
     }
 
     static void parent()
     {
-        if (s_forking != nullptr) {
-            s_forking->m_mutex.leave();
-            s_forking->m_switchMutex.leave();
+        if (controller() != nullptr) {
+            controller()->m_mutex.leave();
+            controller()->m_switchMutex.leave();
         }
     }
 
     static void child()
     {
-        if (s_forking != nullptr) {
-            ForkAccess::renewTaken(s_forking->m_mutex);
-            ForkAccess::renewTaken(s_forking->m_switchMutex);
-            s_forking->m_threads.clear();
+        if (controller() != nullptr) {
+            ForkAccess::renewTaken(controller()->m_mutex);
+            ForkAccess::renewTaken(controller()->m_switchMutex);
+            controller()->m_threads.clear();
         }
     }
 
-    /// Whose locks are held across the fork in progress.
-    static inline constinit CThreadLoadingController* s_forking = nullptr;
     static constexpr ForkPart part = {prepare, parent, child};
 };
 
@@ -112,14 +121,14 @@ CThreadLoadingController::~CThreadLoadingController() = default;
 
 /// Threads that end while the process exits may be on their way in here: the object stays, its
 /// thread does not.
-bool CThreadLoadingController::mayDestroy(CThreadLoadingController* controller)
+bool CThreadLoadingController::staysInUse(CThreadLoadingController* controller)
 {
-    const CLogHold hold;
-    CGuard guard(controller->m_switchMutex);
-    if (!controller->isThreadOver()) {
-        controller->destroyThread();
+    {
+        CGuard guard(controller->m_mutex);
+        controller->m_threads.clear();
     }
-    return false;
+    controller->stopIfIdle();
+    return true;
 }
 
 bool CThreadLoadingController::isIdle()
@@ -134,11 +143,24 @@ void CThreadLoadingController::addThread(unsigned long thread, int onCycle, int 
         CGuard guard(m_mutex);
         m_threads[thread] = {onCycle, offCycle, 0, 0};
     }
+    while (!tryToStart()) {
+        waitForEnd();
+    }
+}
+
+/// False while an earlier run is still ending.
+bool CThreadLoadingController::tryToStart()
+{
     const CLogHold hold;
     CGuard guard(m_switchMutex);
-    if (!looping() && !isIdle()) {
-        createThread();
+    if (looping() || isIdle() || getThreadID() == getCurrentThreadID()) {
+        return true;
     }
+    if (!isThreadOver()) {
+        return false;
+    }
+    createThread();
+    return true;
 }
 
 void CThreadLoadingController::removeThread(unsigned long thread)
@@ -147,10 +169,28 @@ void CThreadLoadingController::removeThread(unsigned long thread)
         CGuard guard(m_mutex);
         m_threads.erase(thread);
     }
-    const CLogHold hold;
-    CGuard guard(m_switchMutex);
-    if (isIdle() && !isThreadOver()) {
-        destroyThread();
+    stopIfIdle();
+}
+
+void CThreadLoadingController::stopIfIdle()
+{
+    {
+        const CLogHold hold;
+        CGuard guard(m_switchMutex);
+        if (!isIdle() || !looping()) {
+            return;
+        }
+        cancelThread();
+    }
+    waitForEnd();
+}
+
+/// Without a lock: the ending thread may be in a log printer, and the printer may come in here.
+/// That thread itself does not wait.
+void CThreadLoadingController::waitForEnd()
+{
+    while (!isThreadOver() && !looping() && getThreadID() != getCurrentThreadID()) {
+        CThread::sleep(1);
     }
 }
 
@@ -166,16 +206,25 @@ void CThreadLoadingController::controlOnce()
 {
     CGuard guard(m_mutex);
     for (auto& [thread, control] : m_threads) {
-        if (control.offElapsed * control.onCycle > control.offCycle * control.onElapsed) {
-            ++control.onElapsed;
+        if (int64_t{control.offElapsed} * control.onCycle >
+            int64_t{control.offCycle} * control.onElapsed) {
+            countUp(control.onElapsed);
         } else {
             pthread_kill(thread, SIGUSR2);
-            ++control.offElapsed;
+            countUp(control.offElapsed);
         }
         if (control.onElapsed == control.onCycle && control.offElapsed == control.offCycle) {
             control.onElapsed = 0;
             control.offElapsed = 0;
         }
+    }
+}
+
+void forgetThreadLimit()
+{
+    CThreadLoadingController* const controller = TSingleton<CThreadLoadingController>::existing();
+    if (controller != nullptr && controller->getThreadID() != currentThreadId()) {
+        controller->removeThread(pthread_self());
     }
 }
 

@@ -44,10 +44,10 @@ void ThreadManagerInternal::onCreated(ThreadManagerInternal* manager)
                     static_cast<void*>(manager));
 }
 
-/// Records point to it, and threads that run on during exit may still be on their way in.
-bool ThreadManagerInternal::mayDestroy(ThreadManagerInternal*)
+/// Records point to it, and threads run on during exit.
+bool ThreadManagerInternal::staysInUse(ThreadManagerInternal*)
 {
-    return false;
+    return true;
 }
 
 void ThreadManagerInternal::addRecord(ThreadInternal* record)
@@ -205,24 +205,23 @@ bool ThreadManagerInternal::getThreadsInfo(std::list<CThreadManager::ThreadInfo>
 
 void ThreadManagerInternal::prepareFork()
 {
-    s_forking = TSingleton<ThreadManagerInternal>::existing();
-    if (s_forking != nullptr) {
-        s_forking->m_mutex.enter();
+    if (ThreadManagerInternal* const manager = TSingleton<ThreadManagerInternal>::existing()) {
+        manager->m_mutex.enter();
     }
 }
 
 void ThreadManagerInternal::resumeParent()
 {
-    if (s_forking != nullptr) {
-        s_forking->m_mutex.leave();
+    if (ThreadManagerInternal* const manager = TSingleton<ThreadManagerInternal>::existing()) {
+        manager->m_mutex.leave();
     }
 }
 
 void ThreadManagerInternal::resumeChild()
 {
-    if (s_forking != nullptr) {
-        ForkAccess::renewTaken(s_forking->m_mutex);
-        s_forking->forgetOtherThreads();
+    if (ThreadManagerInternal* const manager = TSingleton<ThreadManagerInternal>::existing()) {
+        ForkAccess::renewTaken(manager->m_mutex);
+        manager->forgetOtherThreads();
     }
 }
 
@@ -250,7 +249,7 @@ void ThreadManagerInternal::forgetOtherThreads()
 
 void ThreadInternal::forgetThread()
 {
-    m_bLoop.store(false, std::memory_order_relaxed);
+    m_bLoop.store(false, std::memory_order_release);
     m_expectedTime.store(0, std::memory_order_relaxed);
     m_ID.store(-1, std::memory_order_relaxed);
     m_running.store(0, std::memory_order_release);
@@ -264,9 +263,9 @@ CThreadManager* CThreadManager::instance()
 CThreadManager::CThreadManager() : m_internal(ThreadManagerInternal::instance()) {}
 
 /// It holds nothing, and threads that run on during exit may still call it.
-bool CThreadManager::mayDestroy(CThreadManager*)
+bool CThreadManager::staysInUse(CThreadManager*)
 {
-    return false;
+    return true;
 }
 
 void CThreadManager::registerMainThread()

@@ -49,7 +49,7 @@ struct ThreadManagerInternal
 
     // For TSingleton.
     static void onCreated(ThreadManagerInternal* manager);
-    static bool mayDestroy(ThreadManagerInternal* manager);
+    static bool staysInUse(ThreadManagerInternal* manager);
 
     ThreadInternal* m_pHead;
     CMutex m_mutex; // guards everything here; before a record's own mutex
@@ -65,9 +65,6 @@ private:
     static void resumeParent();
     static void resumeChild();
     void forgetOtherThreads();
-
-    /// Whose lock is held across the fork in progress.
-    static inline constinit ThreadManagerInternal* s_forking = nullptr;
 };
 
 } // namespace Infra

@@ -20,7 +20,7 @@ constexpr uint64_t waitsBetweenNotes = 500;
 
 bool runsOnCallingThread(const TimerInternal& timer)
 {
-    CTimerThread* const worker = timer.m_thread.load(std::memory_order_relaxed);
+    CTimerThread* const worker = timer.m_thread.load(std::memory_order_acquire);
     return worker != nullptr && worker->getThreadID() == CThread::getCurrentThreadID();
 }
 
@@ -60,6 +60,7 @@ void TimerInternal::notifyWaitersLocked()
 void waitForCallLocked(TimerInternal& timer, const CTimer* owner)
 {
     CRecursiveMutex& mutex = TimerManagerInternal::sm_mutex();
+    ++timer.m_waiterCount;
     for (uint64_t waits = 0; timer.isRunning() && !runsOnCallingThread(timer); ++waits) {
         TimerWaiter waiter;
         waiter.next = timer.m_waiters;
@@ -75,6 +76,9 @@ void waitForCallLocked(TimerInternal& timer, const CTimer* owner)
         mutex.enter();
         unlinkWaiterLocked(timer, waiter);
     }
+    if (--timer.m_waiterCount == 0 && timer.m_ownerGone) {
+        delete &timer;
+    }
 }
 
 CTimer::CTimer(const char* name) : m_internal(new TimerInternal(name))
@@ -88,17 +92,20 @@ CTimer::~CTimer()
     TimerInternal& timer = *m_internal;
     // The call that is waited for may start the timer again: stop and wait until neither is true.
     do {
-        TimerManagerInternal* const manager = TimerManagerInternal::existing();
-        if (manager != nullptr) {
+        if (TimerManagerInternal* const manager = TimerManagerInternal::existing()) {
             manager->stop(timer, /*callNow*/ false);
         }
         waitForCallLocked(timer, this);
-    } while (timer.m_Started.load(std::memory_order_relaxed) &&
-             TimerManagerInternal::existing() != nullptr);
-    // Destroyed by its own callback after all: the worker must not come back to it.
-    CTimerThread* const worker = timer.m_thread.load(std::memory_order_relaxed);
-    if (worker != nullptr) {
+    } while (timer.m_Started.load(std::memory_order_acquire));
+    if (CTimerThread* const worker = timer.m_thread.load(std::memory_order_acquire)) {
+        // Destroyed by its own call, by exit() for instance: the worker must not come back to it.
         worker->m_caller = nullptr;
+        timer.m_thread.store(nullptr, std::memory_order_release);
+    }
+    if (timer.m_waiterCount > 0) {
+        timer.m_ownerGone = true;
+        timer.notifyWaitersLocked();
+        return;
     }
     delete m_internal;
 }
@@ -147,12 +154,12 @@ const char* CTimer::getName()
 
 bool CTimer::isStarted()
 {
-    return m_internal->m_Started.load(std::memory_order_relaxed);
+    return m_internal->m_Started.load(std::memory_order_acquire);
 }
 
 bool CTimer::isCalled()
 {
-    return m_internal->m_Called.load(std::memory_order_relaxed);
+    return m_internal->m_Called.load(std::memory_order_acquire);
 }
 
 bool CTimer::isRunning()
@@ -170,18 +177,16 @@ CTimerManager* CTimerManager::instance()
     return TSingleton<CTimerManager>::instance();
 }
 
-CTimerManager::CTimerManager() : m_internal(TimerManagerInternal::instance()) {}
-
-void CTimerManager::onCreated(CTimerManager* manager)
+CTimerManager::CTimerManager()
 {
-    INFRA_LOG_TRACE("this:%p CTimerManager::CTimerManager()>>>>>>>>>\n",
-                    static_cast<void*>(manager));
+    INFRA_LOG_TRACE("this:%p CTimerManager::CTimerManager()>>>>>>>>>\n", static_cast<void*>(this));
+    m_internal = TimerManagerInternal::instance();
 }
 
 /// It holds nothing, and threads that run on during exit may still call it.
-bool CTimerManager::mayDestroy(CTimerManager*)
+bool CTimerManager::staysInUse(CTimerManager*)
 {
-    return false;
+    return true;
 }
 
 void CTimerManager::dumpTimers()

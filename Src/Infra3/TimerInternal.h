@@ -22,9 +22,9 @@
 // timer was destroyed by its own callback and m_caller is null. A busy worker cannot be deleted,
 // and a timer cannot be freed while m_thread is set, but for that case.
 //
-// Exit: the scheduler stops, nothing is scheduled any more, idle workers end. The manager object
-// itself is left in place: callbacks may still run, and other threads may be on their way in. Fork:
-// in the child every timer is idle, and the next start() makes a new scheduler thread.
+// Exit: the scheduler stops, nothing is scheduled from then on, idle workers end. The manager
+// object itself is left in place: callbacks may still run, and other threads may be on their way
+// in. Fork: in the child every timer is idle, and the next start() makes a new scheduler thread.
 
 #include <atomic>
 #include <cstdint>
@@ -70,8 +70,10 @@ struct TimerInternal
     std::atomic<CTimerThread*> m_thread{nullptr}; ///< runs the current call
     std::atomic<bool> m_bStatistic{false};
     TimerWaiter* m_waiters = nullptr;
+    int m_waiterCount = 0;    ///< threads inside waitForCallLocked()
+    bool m_ownerGone = false; ///< destroyed by its own call; the last waiter deletes the record
 
-    bool isRunning() const { return m_thread.load(std::memory_order_relaxed) != nullptr; }
+    bool isRunning() const { return m_thread.load(std::memory_order_acquire) != nullptr; }
     /// The next period boundary after `now`; missed ones are skipped.
     void skipPast(uint64_t now);
     void notifyWaitersLocked();
@@ -128,7 +130,7 @@ public:
     /// Ends the call that `worker` has run and takes the worker back.
     void endCall(CTimerThread* worker, uint64_t usedMicroSeconds);
 
-    static bool mayDestroy(TimerManagerInternal* manager);
+    static bool staysInUse(TimerManagerInternal* manager);
 
     CTimerThread* m_headPooled; ///< idle workers, the last one used first
     uint64_t m_CurTime;         ///< the last tick, in monotonic milliseconds
@@ -137,6 +139,7 @@ public:
     CTimerSchedule m_schedule;
     CTimerThread* m_headBusy;
     CTimerThread* m_headDying; ///< told to end, deleted when over
+    bool m_exiting;            ///< nothing is scheduled any more
 
 private:
     void tickLocked();

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <memory>
+#include <new>
 #include <vector>
 
 #include "Infra/Infra3/Guard.h"
@@ -66,7 +68,8 @@ TimerManagerInternal::TimerManagerInternal()
       m_idleThreadCount(0),
       m_schedule(m_CurTime),
       m_headBusy(nullptr),
-      m_headDying(nullptr)
+      m_headDying(nullptr),
+      m_exiting(false)
 {
     static constexpr ForkPart forkPart = {prepareFork, resumeParent, resumeChild};
     joinFork(ForkRank::timers, forkPart);
@@ -128,14 +131,14 @@ bool TimerManagerInternal::runNextLocked()
 /// could be had is tried again at the next tick.
 bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry)
 {
-    if (timer.m_Started.load(std::memory_order_relaxed)) {
+    if (timer.m_Started.load(std::memory_order_acquire)) {
         removeLocked(timer);
     }
     if (timer.m_Period > 0) {
         timer.skipPast(m_CurTime);
         insertLocked(timer);
     } else {
-        timer.m_Called.store(true, std::memory_order_relaxed);
+        timer.m_Called.store(true, std::memory_order_release);
     }
     if (timer.isRunning()) {
         return false;
@@ -143,10 +146,12 @@ bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry)
     if (handOutLocked(timer)) {
         return true;
     }
-    if (timer.m_Period == 0 && retry) {
-        timer.m_Called.store(false, std::memory_order_relaxed);
-        timer.m_CallTime = m_CurTime;
-        insertLocked(timer);
+    if (timer.m_Period == 0) {
+        timer.m_Called.store(false, std::memory_order_release);
+        if (retry) {
+            timer.m_CallTime = m_CurTime;
+            insertLocked(timer);
+        }
     }
     return false;
 }
@@ -164,7 +169,7 @@ bool TimerManagerInternal::handOutLocked(TimerInternal& timer)
     worker->m_param = timer.m_param;
     worker->m_bStatistic = timer.m_bStatistic.load(std::memory_order_relaxed);
     worker->m_caller = &timer;
-    timer.m_thread.store(worker, std::memory_order_relaxed);
+    timer.m_thread.store(worker, std::memory_order_release);
     linkBusyLocked(worker);
     worker->m_semaphore.post();
     return true;
@@ -178,7 +183,7 @@ void TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSecon
         if (timer->m_bStatistic.load(std::memory_order_relaxed)) {
             timer->m_runningTime += usedMicroSeconds;
         }
-        timer->m_thread.store(nullptr, std::memory_order_relaxed);
+        timer->m_thread.store(nullptr, std::memory_order_release);
         worker->m_caller = nullptr;
         timer->notifyWaitersLocked();
     }
@@ -196,7 +201,7 @@ bool TimerManagerInternal::start(TimerInternal& timer, const CTimer::Proc& fun, 
     if (!ensureSchedulerLocked()) {
         return false;
     }
-    if (timer.m_Started.load(std::memory_order_relaxed)) {
+    if (timer.m_Started.load(std::memory_order_acquire)) {
         removeLocked(timer);
     }
     timer.m_fun = fun;
@@ -204,7 +209,7 @@ bool TimerManagerInternal::start(TimerInternal& timer, const CTimer::Proc& fun, 
     timer.m_Period = period;
     timer.m_timeout = timeout;
     timer.m_param = param;
-    timer.m_Called.store(false, std::memory_order_relaxed);
+    timer.m_Called.store(false, std::memory_order_release);
     timer.m_bStatistic.store(false, std::memory_order_relaxed);
     insertLocked(timer);
     return delay != 0 || runLocked(timer, /*retry*/ true);
@@ -214,7 +219,7 @@ bool TimerManagerInternal::stop(TimerInternal& timer, bool callNow)
 {
     const CLogHold hold;
     CRecursiveGuard guard(sm_mutex());
-    if (!timer.m_Started.load(std::memory_order_relaxed)) {
+    if (!timer.m_Started.load(std::memory_order_acquire)) {
         return false;
     }
     removeLocked(timer);
@@ -224,7 +229,7 @@ bool TimerManagerInternal::stop(TimerInternal& timer, bool callNow)
 void TimerManagerInternal::setPeriodTime(TimerInternal& timer, unsigned int period)
 {
     CRecursiveGuard guard(sm_mutex());
-    const bool started = timer.m_Started.load(std::memory_order_relaxed);
+    const bool started = timer.m_Started.load(std::memory_order_acquire);
     if (started) {
         removeLocked(timer);
     }
@@ -240,24 +245,24 @@ void TimerManagerInternal::setPeriodTime(TimerInternal& timer, unsigned int peri
 void TimerManagerInternal::insertLocked(TimerInternal& timer)
 {
     m_schedule.insert(timer);
-    timer.m_Started.store(true, std::memory_order_relaxed);
+    timer.m_Started.store(true, std::memory_order_release);
 }
 
 void TimerManagerInternal::removeLocked(TimerInternal& timer)
 {
     m_schedule.remove(timer);
-    timer.m_Started.store(false, std::memory_order_relaxed);
+    timer.m_Started.store(false, std::memory_order_release);
 }
 
 /// The scheduler is missing when its thread could not be made so far, or stayed behind in the
 /// parent of a fork.
 bool TimerManagerInternal::ensureSchedulerLocked()
 {
+    if (m_exiting) {
+        return false;
+    }
     if (looping()) {
         return true;
-    }
-    if (existing() != this) {
-        return false; // the process is exiting
     }
     const uint64_t now = CTime::getCurrentMilliSecond();
     if (now > m_CurTime) {
@@ -317,12 +322,12 @@ CTimerThread* TimerManagerInternal::getTimerThreadLocked()
         --m_idleThreadCount;
         return worker;
     }
-    CTimerThread* const worker = new CTimerThread(*this);
-    if (!worker->createThread()) {
-        delete worker;
+    try {
+        std::unique_ptr<CTimerThread> worker = std::make_unique<CTimerThread>(*this);
+        return worker->createThread() ? worker.release() : nullptr;
+    } catch (const std::bad_alloc&) {
         return nullptr;
     }
-    return worker;
 }
 
 void TimerManagerInternal::putTimerThreadLocked(CTimerThread* pThread)
@@ -351,7 +356,6 @@ void TimerManagerInternal::trimPoolLocked(int keep)
         CTimerThread* const next = worker->m_nextPooled;
         worker->m_nextPooled = m_headDying;
         m_headDying = worker;
-        worker->cancelThread();
         worker->askToEnd();
         worker = next;
     }
@@ -436,26 +440,21 @@ void TimerManagerInternal::stopSchedulerAndWorkers()
     }
 }
 
-/// Nothing is scheduled after this. The object stays: workers may be inside callbacks, and other
-/// threads may have asked for it just before.
-bool TimerManagerInternal::mayDestroy(TimerManagerInternal* manager)
+/// The object stays: workers may be inside callbacks, and other threads may have asked for it just
+/// before.
+bool TimerManagerInternal::staysInUse(TimerManagerInternal* manager)
 {
+    {
+        CRecursiveGuard guard(sm_mutex());
+        manager->m_exiting = true;
+    }
     manager->stopSchedulerAndWorkers();
-    return false;
+    return true;
 }
-
-namespace
-{
-
-/// Whose threads are forgotten in the child of the fork in progress.
-constinit TimerManagerInternal* s_forking = nullptr;
-
-} // namespace
 
 void TimerManagerInternal::prepareFork()
 {
     sm_mutex().enter();
-    s_forking = existing();
 }
 
 void TimerManagerInternal::resumeParent()
@@ -466,8 +465,8 @@ void TimerManagerInternal::resumeParent()
 void TimerManagerInternal::resumeChild()
 {
     ForkAccess::renewTaken(sm_mutex());
-    if (s_forking != nullptr) {
-        s_forking->forgetThreads();
+    if (TimerManagerInternal* const manager = existing()) {
+        manager->forgetThreads();
     }
 }
 
@@ -477,7 +476,6 @@ void TimerManagerInternal::forgetThreads()
     CRecursiveGuard guard(sm_mutex());
     for (TimerInternal* timer : m_schedule.sorted()) {
         removeLocked(*timer);
-        timer->m_waiters = nullptr;
     }
     CTimerThread* busy = m_headBusy;
     m_headBusy = nullptr;
@@ -485,12 +483,14 @@ void TimerManagerInternal::forgetThreads()
         CTimerThread* const next = busy->m_nextPooled;
         if (busy->m_caller != nullptr) {
             busy->m_caller->m_waiters = nullptr;
+            busy->m_caller->m_waiterCount = 0;
         }
         if (!busy->isThreadOver()) {
             linkBusyLocked(busy);
         } else {
             if (busy->m_caller != nullptr) {
-                busy->m_caller->m_thread.store(nullptr, std::memory_order_relaxed);
+                busy->m_caller->m_thread.store(nullptr, std::memory_order_release);
+                busy->m_caller = nullptr;
             }
             busy->m_nextPooled = m_headDying;
             m_headDying = busy;

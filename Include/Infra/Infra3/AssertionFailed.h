@@ -13,8 +13,8 @@ namespace Detail
 /// Reports a broken program on standard error, flushes standard output if nobody holds it, and ends
 /// the process through the system's assertion routine, in every build. Does not return.
 ///
-///     ***** Internal Program Error - assertion (ret == 0) failed in CMutex:
-///     Src/Infra3/Mutex.cpp(31)
+///     ***** Internal Program Error - assertion (ret == 0) failed in ~CMutex:
+///     Src/Infra3/Mutex.cpp(47) program: Src/Infra3/Mutex.cpp:47: Assertion `ret == 0' failed.
 [[noreturn]] INFRA_API void assertionFailed(const char* expr, const char* function,
                                             const char* file, long line);
 

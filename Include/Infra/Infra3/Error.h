@@ -125,7 +125,8 @@ INFRA_API void setErrMsg(int eno, const char* msg);
 INFRA_API void setErrorMessage(int eno, const CString2& msg);
 
 /// The text stored for `eno`, "" when there is none. Safe from any thread.
-/// The pointer belongs to the table and lives until that code's text is replaced.
+/// The pointer belongs to the table and lives until that code's text is replaced. Exit handlers
+/// find an empty table.
 INFRA_API const char* getErrMsg(int eno);
 /// A copy of the text stored for `eno`, empty when there is none.
 INFRA_API CString2 getErrorMessage(int eno);

@@ -58,7 +58,7 @@ struct PrintOptions
 };
 static_assert(sizeof(PrintOptions) == 32, "thirteen flags and 19 reserved bytes");
 
-/// What one module has printed since statistics were switched on.
+/// What one module has printed while statistics were switched on.
 struct LogModuleInfo
 {
     uint64_t printedBytes; ///< lengths of its lines; stays at the maximum once there
@@ -72,13 +72,17 @@ struct LogModuleInfo
 /// whole goes to standard output in one piece, or to the installed printer, then to the print
 /// procedures, then to the log file. A line has room for 8190 characters and is cut behind them.
 /// Standard output is flushed after an ended line of level error or fatal only.
-/// Threads: safe from any thread; lines of different threads never mix. `errno` is left as it was.
-/// @param level       1 to 6; others are clamped
+/// A call from within a printer or procedure, sixteen deep, prints nothing. A text of more than a
+/// kilobyte needs 8 KB of stack on top.
+/// Threads: safe from any thread; each text reaches standard output in one piece, so that whole
+/// lines never mix. `errno` is left as it was.
+/// @param level       1 to 6; above, as 6; below, without level word and colour
 /// @param module      the library that speaks, "Infra" for this one
 /// @param file        only the part behind the last '/' is printed
 /// @param svnversion  revision of the caller's build; null is ""
-/// @return characters of the line, prefix included; 8192 when it was cut; 0 when nothing was
-/// printed
+/// @return characters of the line, prefix included; 8192 when more than one was cut off; 0 when
+/// nothing
+///         was printed
 INFRA_API INFRA_PRINTF_FORMAT(7, 8) int logFilter(int level, const char* module, const char* file,
                                                   const char* func, int line,
                                                   const char* svnversion, const char* fmt, ...);

@@ -9,7 +9,7 @@ namespace Infra
 {
 
 /// Logs `command` at debug level and runs it through the shell, waiting for its end. The caller's
-/// SIGCHLD is blocked meanwhile.
+/// SIGCHLD is blocked meanwhile, and the process ignores SIGINT and SIGQUIT.
 /// @return what the system's `system` returns; 1 for a null command, and nothing is run
 INFRA_API int systemCall(const char* command);
 

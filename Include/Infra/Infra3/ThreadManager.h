@@ -64,7 +64,7 @@ private:
     CThreadManager();
     CThreadManager(const CThreadManager&);
     CThreadManager& operator=(const CThreadManager&);
-    static bool mayDestroy(CThreadManager* manager);
+    static bool staysInUse(CThreadManager* manager);
 
     ThreadManagerInternal* m_internal;
 };
@@ -87,7 +87,8 @@ class INFRA_API CThreadLoadingController : public CThread
 public:
     static CThreadLoadingController* instance();
 
-    /// Limits a thread (the value of pthread_self()) from now on, in a new cycle.
+    /// Limits a thread (the value of pthread_self()) from now on, in a new cycle. For a thread that
+    /// was not made by CThread, removeThread() has to be called before it ends.
     void addThread(unsigned long thread, int onCycle, int offCycle);
     /// Lifts the limit.
     void removeThread(unsigned long thread);
@@ -101,9 +102,12 @@ private:
 
     CThreadLoadingController();
     ~CThreadLoadingController() override;
-    static bool mayDestroy(CThreadLoadingController* controller);
+    static bool staysInUse(CThreadLoadingController* controller);
     void controlOnce();
     bool isIdle();
+    bool tryToStart();
+    void stopIfIdle();
+    void waitForEnd();
 
     CMutex m_mutex; // guards the map
     LCTS m_threads;

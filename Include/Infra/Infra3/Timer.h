@@ -105,8 +105,7 @@ private:
     CTimerManager();
     CTimerManager(const CTimerManager&);
     CTimerManager& operator=(const CTimerManager&);
-    static void onCreated(CTimerManager* manager);
-    static bool mayDestroy(CTimerManager* manager);
+    static bool staysInUse(CTimerManager* manager);
 
     TimerManagerInternal* m_internal;
 };
