@@ -13,5 +13,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/InfraConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/InfraConfig.cmake ${PROJECT_BINARY_DIR}/InfraConfigVersion.cmake
         DESTINATION ${INFRA_PACKAGE_DIR})
 
+# The file finds its prefix from where it lies, so an installed tree may be moved.
+file(RELATIVE_PATH INFRA_PREFIX_FROM_PC /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" INFRA_PREFIX_FROM_PC "${INFRA_PREFIX_FROM_PC}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/Infra.pc.in ${PROJECT_BINARY_DIR}/Infra.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/Infra.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

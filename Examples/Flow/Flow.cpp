@@ -36,7 +36,6 @@
 
 #include "HandOver.h"
 
-using Tarsel::Infra::CSemaphore;
 using Tarsel::Infra::CThreadLite;
 using Tarsel::Infra::CThreadManager;
 using Tarsel::Infra::CTime;
@@ -253,7 +252,8 @@ private:
     {
         constexpr int width = 50;
         const uint64_t bytes = m_counters.bytes;
-        const double part = m_total == 0 ? 1 : static_cast<double>(bytes) / m_total;
+        const double part =
+            m_total == 0 ? 1 : static_cast<double>(bytes) / static_cast<double>(m_total);
         if (m_terminal) {
             const std::string bar(static_cast<size_t>(part * width), '#');
             printf("\r[%-*s] %3.0f %%", width, bar.c_str(), part * 100);

@@ -36,7 +36,7 @@ public:
             return {};
         }
         Tarsel::Infra::CGuard guard(m_mutex);
-        const Tarsel::Memory::CPacket packet = m_packets.front();
+        Tarsel::Memory::CPacket packet = m_packets.front();
         m_packets.pop_front();
         m_free.post();
         return packet;

@@ -30,7 +30,7 @@ namespace
 {
 
 /// The process-wide settings, in one word, so that a text is never written by half of a change.
-struct Settings
+struct alignas(uint32_t) Settings
 {
     uint8_t s_dateFormat;
     char s_dateSeparator;

@@ -40,13 +40,13 @@ struct Link
 Link* nextOf(const Link* element)
 {
     Link* next = nullptr;
-    std::memcpy(&next, static_cast<const void*>(element), sizeof(next));
+    std::memcpy(&next, static_cast<const void*>(element), sizeof(void*));
     return next;
 }
 
 void setNext(Link* element, Link* next)
 {
-    std::memcpy(static_cast<void*>(element), &next, sizeof(next));
+    std::memcpy(static_cast<void*>(element), &next, sizeof(void*));
 }
 
 } // namespace

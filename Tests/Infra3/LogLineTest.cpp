@@ -112,7 +112,7 @@ TEST_F(LogLayoutTest, NullTextsPrintInsteadOfCrashing)
     const char* volatile nothing = nullptr;
     EXPECT_EQ(logFilter(logLevelWarn, nothing, nothing, nothing, 1, nothing, "x\n"), 32);
     EXPECT_EQ(m_line, "[ warn (null) (null):1 (null)]x\n");
-    EXPECT_EQ(logFilter(logLevelWarn, "m", "f", "g", 1, "", nothing), 15);
+    EXPECT_EQ(logFilter(logLevelWarn, "m", "f", "g", 1, "", nothing, 0), 15);
     logWarn("\n");
 }
 
@@ -318,7 +318,8 @@ TEST(LogOutputTest, LinesFromManyThreadsReachAPipeWhole)
                 for (int i = 0; i < lines; ++i) {
                     const int length = (i * 37 + t) % 1500;
                     logFilter(t % 2 == 0 ? logLevelWarn : logLevelError, "m", "f", "g", t, "",
-                              "%d %s|\n", length, std::string(length, 'a' + t).c_str());
+                              "%d %s|\n", length,
+                              std::string(length, static_cast<char>('a' + t)).c_str());
                 }
             });
         }

@@ -29,7 +29,6 @@ using namespace Tarsel::TestSupport;
 using Tarsel::infraErrorModifySysTimeFailed;
 using Tarsel::infraErrorSyncRtcTimeFailed;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr char defaultFormat[] = "yyyy-MM-dd HH:mm:ss";
 

@@ -488,7 +488,7 @@ TEST(Packet, HandlesShareMoveAndLetGo)
         one = same;
         CPacket moved(std::move(same));
         EXPECT_FALSE(same.valid()); // NOLINT(bugprone-use-after-move): the promise under test
-        itself = std::move(itself);
+        itself = std::move(one);
         EXPECT_TRUE(one.valid());
         moved = std::move(one);
         EXPECT_EQ(s_ended, 0);
