@@ -1,0 +1,98 @@
+// CpuFeatures.cpp: the processor's own word (CPUID), and the system's on which registers it saves
+// (XGETBV): a feature whose registers are lost at every task switch is not there.
+
+#include "Infra3/CpuFeatures.h"
+
+#include <cpuid.h>
+
+#include <atomic>
+
+namespace Tarsel
+{
+namespace Infra
+{
+namespace
+{
+
+struct CpuidAnswer
+{
+    unsigned eax, ebx, ecx, edx;
+};
+
+CpuidAnswer askProcessor(unsigned leaf)
+{
+    CpuidAnswer answer = {};
+    __get_cpuid_count(leaf, 0, &answer.eax, &answer.ebx, &answer.ecx, &answer.edx);
+    return answer;
+}
+
+constexpr unsigned osxsave = 1U << 27;
+constexpr uint64_t ymmState = 0x6;
+constexpr uint64_t zmmState = 0xE6;
+
+/// Which register sets the system saves; none where it cannot be asked.
+uint64_t savedState(const CpuidAnswer& basic)
+{
+    if ((basic.ecx & osxsave) == 0) {
+        return 0;
+    }
+    unsigned low = 0;
+    unsigned high = 0;
+    __asm__("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
+    return (static_cast<uint64_t>(high) << 32) | low;
+}
+
+CCpuFeatureSet askFeatures()
+{
+    const CpuidAnswer basic = askProcessor(1);
+    const CpuidAnswer extended = askProcessor(7);
+    const uint64_t saved = savedState(basic);
+    const bool ymm = (saved & ymmState) == ymmState;
+    const bool zmm = (saved & zmmState) == zmmState;
+    constexpr unsigned avx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512DQ | bit_AVX512VL;
+
+    CCpuFeatureSet features;
+    const auto addIf = [&features](bool there, CpuFeature feature) {
+        if (there) {
+            features.add(feature);
+        }
+    };
+    addIf((basic.ecx & bit_SSSE3) != 0, CpuFeature::ssse3);
+    addIf((basic.ecx & bit_SSE4_1) != 0, CpuFeature::sse41);
+    addIf((basic.ecx & bit_SSE4_2) != 0, CpuFeature::sse42);
+    addIf((basic.ecx & bit_PCLMUL) != 0, CpuFeature::pclmul);
+    addIf((basic.ecx & bit_AES) != 0, CpuFeature::aesni);
+    addIf((extended.ebx & bit_SHA) != 0, CpuFeature::shani);
+    addIf((extended.ebx & bit_BMI2) != 0, CpuFeature::bmi2);
+    addIf(ymm && (basic.ecx & bit_AVX) != 0, CpuFeature::avx);
+    addIf(ymm && (extended.ebx & bit_AVX2) != 0, CpuFeature::avx2);
+    addIf(ymm && (extended.ecx & bit_VAES) != 0, CpuFeature::vaes);
+    addIf(ymm && (extended.ecx & bit_VPCLMULQDQ) != 0, CpuFeature::vpclmul);
+    addIf(zmm && (extended.ebx & avx512Bits) == avx512Bits, CpuFeature::avx512);
+    return features;
+}
+
+constinit std::atomic<CCpuFeatureSet> s_hidden{CCpuFeatureSet()};
+
+} // namespace
+
+CCpuFeatureSet cpuFeatures()
+{
+    static const CCpuFeatureSet asked = askFeatures();
+    CCpuFeatureSet features = asked;
+    features.remove(s_hidden.load(std::memory_order_relaxed));
+    return features;
+}
+
+CHiddenCpuFeatures::CHiddenCpuFeatures(CCpuFeatureSet hidden)
+{
+    s_hidden.store(hidden, std::memory_order_relaxed);
+}
+
+CHiddenCpuFeatures::~CHiddenCpuFeatures()
+{
+    s_hidden.store(CCpuFeatureSet(), std::memory_order_relaxed);
+}
+
+} // namespace Infra
+} // namespace Tarsel
