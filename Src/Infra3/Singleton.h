@@ -29,12 +29,12 @@ void registerExit(void (*atExit)());
 /// asks for T.
 ///
 /// T lets TSingleton<T> make it, and may offer two static functions:
-///   - `void onCreated(T*)` runs right after T is in place, outside T's own making: the place to call
-///     what may call back, because a log printer is application code and may ask for T. Other
+///   - `void onCreated(T*)` runs right after T is in place, outside T's own making: the place to
+///     call what may call back, because a log printer is application code and may ask for T. Other
 ///     threads may have T before it has run;
-///   - `bool staysInUse(T*)`, asked at exit: true keeps T as the one instance for what is left of the
-///     process, because threads that run on may be on their way in, or what T has handed out has to
-///     come back to it. T then stops by itself what has to stop.
+///   - `bool staysInUse(T*)`, asked at exit: true keeps T as the one instance for what is left of
+///     the process, because threads that run on may be on their way in, or what T has handed out
+///     has to come back to it. T then stops by itself what has to stop.
 template <typename T>
 class TSingleton
 {

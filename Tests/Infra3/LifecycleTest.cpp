@@ -1,5 +1,5 @@
-// What no single subsystem shows: fork, exit, signals and clock jumps while all of them are at work. The
-// table in Docs/Lifecycle.md names these tests.
+// What no single subsystem shows: fork, exit, signals and clock jumps while all of them are at work.
+// The table in Docs/Lifecycle.md names these tests.
 
 #include <pthread.h>
 #include <sys/wait.h>
@@ -64,7 +64,7 @@ void onThread(CThreadLite& thread)
     }
 }
 
-/// Forks, runs `body` in the child and returns how that ended: its exit code, or 1000 and its signal.
+/// Forks, runs `body` in the child and returns how that ended: its exit code, or 1000 + its signal.
 int forked(const std::function<void()>& body)
 {
     fflush(stdout);

@@ -31,8 +31,8 @@ ChildResult runInChild(const std::function<void()>& body);
 /// The same where nothing but success is expected.
 void inChild(const std::function<void()>& body);
 
-/// For the child of a fork in a process with threads: what only their stacks pointed to is no leak of
-/// the child's.
+/// For the child of a fork in a process with threads: what only their stacks pointed to is no leak
+/// of the child's.
 void forgetLeaks();
 
 /// `text` without colour sequences.

@@ -81,8 +81,7 @@ struct LogModuleInfo
 /// @param file        only the part behind the last '/' is printed
 /// @param svnversion  revision of the caller's build; null is ""
 /// @return characters of the line, prefix included; 8192 when more than one was cut off; 0 when
-/// nothing
-///         was printed
+///         nothing was printed
 INFRA_API INFRA_PRINTF_FORMAT(7, 8) int logFilter(int level, const char* module, const char* file,
                                                   const char* func, int line,
                                                   const char* svnversion, const char* fmt, ...);

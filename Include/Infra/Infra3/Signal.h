@@ -85,8 +85,7 @@ public:
 
     /// Takes a slot for `proc`, so that the emissions from now on call it.
     /// @return slots in use now (1 or more); errorEmptyProc, errorAllReuseProc, errorExist (an
-    /// equal
-    ///         delegate is attached), errorFull
+    ///         equal delegate is attached), errorFull
     int attach(const Proc& proc, SlotPosition position = any)
     {
         if (proc.empty()) {

@@ -62,8 +62,7 @@ public:
     /// No system thread exists yet.
     /// @param name       the first 31 characters are kept; null is "Nonamed"
     /// @param stackSize  bytes, applied after enableStackSize() only; 0 is the system's default,
-    /// less
-    ///                   than 16384 becomes 16384
+    ///                   less than 16384 becomes 16384
     explicit CThread(const char* name, int priority = priorDefault, int policy = policyNormal,
                      int stackSize = 0);
     /// Stops the thread if it runs and waits for its end.

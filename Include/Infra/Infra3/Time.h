@@ -166,8 +166,7 @@ public:
     /// the three of DateFormat the date stays as it is. With an 'h' in it, `buf` has to contain
     /// "PM" or "AM" and an hour up to 12. `mask` is not used.
     /// @return false after an error line when there are fewer numbers or the hour does not fit:
-    /// then
-    ///         date and time are 0, `wday` and `isdst` as before
+    ///         then date and time are 0, `wday` and `isdst` as before
     bool parse(const char* buf, const char* format, int mask);
 
     /// Sets the default text, and from it the process-wide separator ('.', '/' or '-', the first of
