@@ -12,13 +12,16 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <optional>
+#include <string>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Time.h"
 #include "Infra/Infra3/Utc.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/Digits.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 
@@ -514,11 +517,6 @@ struct SixNumbers
     int values[6];
     int count;
 };
-
-bool isDigit(char letter)
-{
-    return letter >= '0' && letter <= '9';
-}
 
 /// The number that the digits from `in` to `end` make, or INT_MAX where it is larger.
 [[gnu::cold, gnu::noinline]] int longNumber(const char* in, const char* end)
