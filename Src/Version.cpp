@@ -5,7 +5,6 @@
 
 #include "Infra/Version.h"
 
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
