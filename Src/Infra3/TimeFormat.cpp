@@ -12,7 +12,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <optional>
 #include <string>
 
@@ -437,13 +436,15 @@ private:
 /// and reading it takes twice as long as writing the time.
 struct FormatPlan
 {
+    static constexpr size_t room = 40;
+
     Settings settings;
     int mask;
     bool hours12;
     bool orderMissing;
     uint8_t count;
-    Piece pieces[24];
-    char format[40]; ///< "" while there is no plan
+    Piece pieces[room]; ///< each takes a character of the format at least
+    char format[room];  ///< "" while there is no plan
 };
 
 constinit thread_local FormatPlan s_plan = {};
@@ -459,17 +460,13 @@ const FormatPlan* findPlan(const char* format, const Settings& settings, int mas
 /// Makes the thread's plan for `format`; null if that is too long for one.
 const FormatPlan* makePlan(const char* format, const Settings& settings, int mask)
 {
-    const size_t length = strnlen(format, sizeof(s_plan.format));
-    if (length == 0 || length == sizeof(s_plan.format)) {
+    const size_t length = strnlen(format, FormatPlan::room);
+    if (length == 0 || length == FormatPlan::room) {
         return nullptr;
     }
-    s_plan.format[0] = '\0';
     CFormatReader reader(format, settings, mask);
     uint8_t count = 0;
     for (; !reader.atEnd(); ++count) {
-        if (count == std::size(s_plan.pieces)) {
-            return nullptr;
-        }
         s_plan.pieces[count] = reader.next();
     }
     s_plan.settings = settings;
