@@ -86,7 +86,8 @@ public:
 
     /// Takes a slot for `proc`, so that the emissions from now on call it.
     /// @return slots in use now (1 or more); errorEmptyProc, errorAllReuseProc; errorExist when an
-    ///         equal delegate is attached; errorFull
+    ///         equal delegate is attached; errorFull when each slot is in use or, detached, still
+    ///         in a call
     int attach(const Proc& proc, SlotPosition position = any)
     {
         if (proc.empty()) {
