@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Infra/Infra3/Error.h"
+#include "Infra3/LeafMutex.h"
 #include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 #include "Support/SystemClock.h"
@@ -580,6 +581,7 @@ void useAllLocks()
     CTime::setCurrentTime(CTime(2020, 1, 1, 0, 0, 0));
     CTime::getCurTimeForPrint();
     CTime::getTimeZone();
+    const CLeafMutex young;
 }
 
 /// Forks 200 times beside what other threads do.
@@ -603,6 +605,7 @@ void forkWhileLocksAreTaken()
     std::atomic<bool> over{false};
     std::thread user([&] {
         while (!over) {
+            const CLeafMutex young; // one that comes and goes beside the forks
             CTime::attachSetCurrentTimeHook(CTime::SetCurrentTimeHook());
             CTime::setFormat(CTime::getFormat());
             CTime::setCurrentTime(CTime(2020, 1, 1, 0, 0, 0));
