@@ -7,6 +7,7 @@
 
 #include "Infra/CheckIncludeVersion.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -34,15 +35,9 @@ typedef std::map<std::string, int> HighestVersions;
 constexpr char reportStart[] = "----------------check include report start---------------";
 constexpr char reportEnd[] = "----------------check include report end---------------";
 
-/// As a log line shows a text.
-const char* shown(const char* text)
-{
-    return text == nullptr ? "(null)" : text;
-}
-
 bool sameText(const char* a, const char* b)
 {
-    return strcmp(shown(a), shown(b)) == 0;
+    return strcmp(shownText(a), shownText(b)) == 0;
 }
 
 const char* keep(std::list<std::string>& texts, const char* text)
@@ -54,7 +49,7 @@ const char* keep(std::list<std::string>& texts, const char* text)
 IncludeVersionNode copyOf(const char* libName, const IncludeVersion* records, int number)
 {
     IncludeVersionNode node = {};
-    node.name = shown(libName);
+    node.name = shownText(libName);
     for (int idx = 0; records != nullptr && idx < number; ++idx) {
         const char* const url = keep(node.texts, records[idx].url);
         node.records.push_back({url, keep(node.texts, records[idx].version)});
@@ -92,7 +87,7 @@ HighestVersions highestVersionsOf(const std::vector<const IncludeVersionNode*>& 
     HighestVersions highest;
     for (const IncludeVersionNode* node : nodes) {
         for (const IncludeVersion& record : node->records) {
-            int& number = highest[shown(record.url)];
+            int& number = highest[shownText(record.url)];
             number = std::max(number, versionNumber(record.version));
         }
     }
@@ -102,7 +97,7 @@ HighestVersions highestVersionsOf(const std::vector<const IncludeVersionNode*>& 
 bool usesHighest(const IncludeVersionNode& node, const HighestVersions& highest)
 {
     for (const IncludeVersion& record : node.records) {
-        if (versionNumber(record.version) != highest.at(shown(record.url))) {
+        if (versionNumber(record.version) != highest.at(shownText(record.url))) {
             return false;
         }
     }
@@ -133,7 +128,7 @@ std::string suggestionFor(const IncludeVersionNode& node, const HighestVersions&
     constexpr size_t room = 12800 - 1;
     std::string text;
     for (const IncludeVersion& record : node.records) {
-        const char* const url = shown(record.url);
+        const char* const url = shownText(record.url);
         text.append(folderOf(url)).append(" -r").append(std::to_string(highest.at(url)));
         text.append(" ").append(addressOf(url)).append("\n");
     }
@@ -156,7 +151,7 @@ bool CCheckIncludeVersionInter::match(const char* libName, IncludeVersion* inclu
     INFRA_LOG_INFO("check include version:%s\n", node.name.c_str());
     bool valid = true;
     for (const IncludeVersion& record : node.records) {
-        INFRA_LOG_INFO("%s %s\n", shown(record.url), shown(record.version));
+        INFRA_LOG_INFO("%s %s\n", shownText(record.url), shownText(record.version));
         valid = checkVersion(record.version) && valid;
     }
     IncludeVersionNode* conflicting = nullptr;
@@ -194,7 +189,8 @@ void CCheckIncludeVersionInter::logInvalid(const IncludeVersionNode& node)
     INFRA_LOG_ERROR("this:%p %s version error\n", self, node.name.c_str());
     for (const IncludeVersion& record : node.records) {
         if (!checkVersion(record.version)) {
-            INFRA_LOG_ERROR("this:%p %s %s\n", self, shown(record.url), shown(record.version));
+            INFRA_LOG_ERROR("this:%p %s %s\n", self, shownText(record.url),
+                            shownText(record.version));
         }
     }
 }
@@ -207,10 +203,10 @@ void CCheckIncludeVersionInter::logConflicts(const IncludeVersionNode& earlier,
     for (const ErrorList& conflict : conflictsOf(earlier, added)) {
         const IncludeVersion& one = earlier.version[conflict.index1];
         const IncludeVersion& other = added.version[conflict.index2];
-        INFRA_LOG_ERROR("this:%p %s %s %s\n", self, earlier.name.c_str(), shown(one.url),
-                        shown(one.version));
-        INFRA_LOG_ERROR("this:%p %s %s %s\n", self, added.name.c_str(), shown(other.url),
-                        shown(other.version));
+        INFRA_LOG_ERROR("this:%p %s %s %s\n", self, earlier.name.c_str(), shownText(one.url),
+                        shownText(one.version));
+        INFRA_LOG_ERROR("this:%p %s %s %s\n", self, added.name.c_str(), shownText(other.url),
+                        shownText(other.version));
     }
 }
 
@@ -247,7 +243,7 @@ void CCheckIncludeVersionInter::reportInvalidVersions(const Nodes& nodes)
         for (const IncludeVersion& record : node->records) {
             if (!checkVersion(record.version)) {
                 INFRA_LOG_ERROR("libname:%s, url:%s version:%s\n", node->name.c_str(),
-                                shown(record.url), shown(record.version));
+                                shownText(record.url), shownText(record.version));
             }
         }
     }

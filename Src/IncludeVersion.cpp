@@ -1,7 +1,12 @@
 // IncludeVersion.cpp: what this library says of itself when it is loaded.
 //
-// The records are made in this order, whichever library of the process is initialised first: the
-// header sets, then the record of the older interface, then the library's own.
+// The records are made in this order: the header sets, then the record of the older interface, then
+// the library's own. All stand there before a library that depends on this one is initialised,
+// because the loader initialises this one first. In a program that links this code into itself, its
+// own static objects may register and ask before; the header sets still come before any other
+// version record.
+
+#include <iterator>
 
 #include "IncludeVersionInternal.h"
 #include "Infra/Version.h"

@@ -8,7 +8,7 @@
 ///
 /// Behaviour: every library of the family defines one static object of this class. Code can then
 /// ask whether a library that is loaded has the version that it needs. Threads: safe from any
-/// thread. Ownership: record and registry keep copies.
+/// thread, but for setAppDate. Ownership: record and registry keep copies.
 class INFRA_API CVersion
 {
 public:
@@ -29,8 +29,8 @@ public:
     /// True unless a library of that name, in whatever case, is registered with a lower version.
     static bool matchNotLessThan(const char* name, int major, int minor, int revision);
 
-    /// Sets the application's build date, in the form of the constructor. To be called once, at the
-    /// start.
+    /// Sets the application's build date, in the form of the constructor. Not safe beside readers
+    /// of `appDate`: to be called once, at the start.
     static void setAppDate(const char* dateString);
 
     char name[32];

@@ -46,6 +46,12 @@ inline const char* textOrEmpty(const char* text)
     return text == nullptr ? "" : text;
 }
 
+/// `text` as a log line shows it: "(null)" for null, as the system's printf does.
+inline const char* shownText(const char* text)
+{
+    return text == nullptr ? "(null)" : text;
+}
+
 } // namespace Infra
 } // namespace Tarsel
 

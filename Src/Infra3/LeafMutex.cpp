@@ -1,70 +1,98 @@
 // LeafMutex.cpp: the fork part of all leaf locks.
 //
-// The locks stand in a table that only grows, so that a new one needs no lock itself. A fork takes
-// those that it finds there, in the table's order. All are made while the library is loaded.
+// They stand in one list. A fork holds the list's own lock from before it takes them until it has
+// let them go, so none is made or ends meanwhile.
 
 #include "Infra3/LeafMutex.h"
 
-#include <atomic>
+#include <pthread.h>
 
-#include "Infra3/AssertFront.h"
 #include "Infra3/Fork.h"
 
 namespace Tarsel
 {
 namespace Infra
 {
+
+/// All leaf locks that live, the youngest first.
+struct LeafList
+{
+    static void lock() { pthread_mutex_lock(&s_mutex); }
+    static void unlock() { pthread_mutex_unlock(&s_mutex); }
+
+    static void add(CLeafMutex& leaf)
+    {
+        leaf.m_previous = nullptr;
+        leaf.m_next = s_first;
+        if (s_first != nullptr) {
+            s_first->m_previous = &leaf;
+        }
+        s_first = &leaf;
+    }
+
+    static void remove(CLeafMutex& leaf)
+    {
+        (leaf.m_previous == nullptr ? s_first : leaf.m_previous->m_next) = leaf.m_next;
+        if (leaf.m_next != nullptr) {
+            leaf.m_next->m_previous = leaf.m_previous;
+        }
+    }
+
+    template <typename Action>
+    static void forEach(Action action)
+    {
+        for (CLeafMutex* leaf = s_first; leaf != nullptr; leaf = leaf->m_next) {
+            action(*leaf);
+        }
+    }
+
+private:
+    static constinit pthread_mutex_t s_mutex; // guards the list
+    static constinit CLeafMutex* s_first;
+};
+
+constinit pthread_mutex_t LeafList::s_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit CLeafMutex* LeafList::s_first = nullptr;
+
 namespace
 {
 
-constexpr int leafMutexMax = 32;
-
-constinit std::atomic<CMutex*> s_leafMutexes[leafMutexMax] = {};
-constinit std::atomic<int> s_leafMutexCount{0};
-
-/// What `prepare` took. Only one fork runs at a time.
-constinit CMutex* s_taken[leafMutexMax] = {};
-
 void takeAll()
 {
-    for (int idx = 0; idx < leafMutexMax; ++idx) {
-        s_taken[idx] = s_leafMutexes[idx].load(std::memory_order_acquire);
-        if (s_taken[idx] != nullptr) {
-            s_taken[idx]->enter();
-        }
-    }
-}
-
-template <typename Action>
-void forEachTaken(Action action)
-{
-    for (int idx = leafMutexMax - 1; idx >= 0; --idx) {
-        if (s_taken[idx] != nullptr) {
-            action(*s_taken[idx]);
-        }
-    }
+    LeafList::lock();
+    LeafList::forEach([](CLeafMutex& leaf) { leaf.enter(); });
 }
 
 void leaveAll()
 {
-    forEachTaken([](CMutex& mutex) { mutex.leave(); });
+    LeafList::forEach([](CLeafMutex& leaf) { leaf.leave(); });
+    LeafList::unlock();
 }
 
 void renewAll()
 {
-    forEachTaken([](CMutex& mutex) { ForkAccess::renewTaken(mutex); });
+    LeafList::forEach([](CLeafMutex& leaf) { ForkAccess::renewTaken(leaf); });
+    LeafList::unlock();
 }
 
 constexpr ForkPart leafPart = {takeAll, leaveAll, renewAll};
 
 } // namespace
 
+/// The fork part joins first: one that joined while a fork is under way takes no part in it.
 CLeafMutex::CLeafMutex()
 {
-    const int idx = s_leafMutexCount.fetch_add(1, std::memory_order_relaxed);
-    INFRA_ASSERT(idx < leafMutexMax);
-    s_leafMutexes[idx].store(this, std::memory_order_release);
     joinFork(ForkRank::values, leafPart);
+    LeafList::lock();
+    LeafList::add(*this);
+    LeafList::unlock();
+}
+
+CLeafMutex::~CLeafMutex()
+{
+    LeafList::lock();
+    LeafList::remove(*this);
+    LeafList::unlock();
 }
 
 } // namespace Infra

@@ -1,13 +1,12 @@
 // LogLine.cpp: prefix, message, colours and the one write.
 //
 // The prefix is put together by hand: printf would spend more on nine small pieces than everything
-// else here takes. The local time is converted once a second and thread, for the conversion takes a
-// process-wide lock in the system library.
+// else here takes. The local time is converted once a second and thread (LocalTime.h), for the
+// conversion takes a process-wide lock.
 
 #include "Infra3/LogLine.h"
 
 #include <sys/time.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,6 +15,7 @@
 
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/LocalTime.h"
 #include "Infra3/PlainShared.h"
 #include "Infra3/ThreadId.h"
 
@@ -126,11 +126,6 @@ private:
     char* const m_last;
 };
 
-const char* shown(const char* text)
-{
-    return text == nullptr ? "(null)" : text;
-}
-
 void writeDate(CLineWriter& out, const Infra_SystemTimeEx& time)
 {
     out.number(time.year, 4).character('-').number(time.month, 2).character('-');
@@ -171,20 +166,20 @@ void writePlainFields(CLineWriter& out, const LogOrigin& origin, const char* rev
         out.text(levelFaces[levelIndex(origin.level)].word);
     }
     if (!isSet(&Infra_PrintOptions::libName)) {
-        out.text(shown(origin.module));
+        out.text(shownText(origin.module));
     }
     writePlainRevision(out, revision);
     if (!isSet(&Infra_PrintOptions::thread)) {
         out.number(currentThreadId()).character(' ');
     }
     if (!isSet(&Infra_PrintOptions::file)) {
-        out.text(shown(origin.file)).character(':');
+        out.text(shownText(origin.file)).character(':');
     }
     if (!isSet(&Infra_PrintOptions::line)) {
         out.number(origin.line);
     }
     if (isSet(&Infra_PrintOptions::function)) {
-        out.character(' ').text(shown(origin.function));
+        out.character(' ').text(shownText(origin.function));
     }
 }
 
@@ -194,7 +189,7 @@ void writeTaggedFields(CLineWriter& out, const LogOrigin& origin, const char* re
         out.text("L:").text(levelFaces[levelIndex(origin.level)].word).character('|');
     }
     if (!isSet(&Infra_PrintOptions::libName)) {
-        out.character('[').text(shown(origin.module)).text("] ");
+        out.character('[').text(shownText(origin.module)).text("] ");
     }
     if (!isSet(&Infra_PrintOptions::version)) {
         out.text("[ver:").text(revision).text("] ");
@@ -203,36 +198,15 @@ void writeTaggedFields(CLineWriter& out, const LogOrigin& origin, const char* re
         out.text("tid:").number(currentThreadId()).character(' ');
     }
     if (!isSet(&Infra_PrintOptions::file)) {
-        out.text("F:").text(shown(origin.file)).character('|');
+        out.text("F:").text(shownText(origin.file)).character('|');
     }
     if (!isSet(&Infra_PrintOptions::line)) {
         out.text("l:").number(origin.line).character('|');
     }
     if (isSet(&Infra_PrintOptions::function)) {
-        out.text("f:").text(shown(origin.function)).character('|');
+        out.text("f:").text(shownText(origin.function)).character('|');
     }
     out.text("m:");
-}
-
-/// localtime_r of the last second that this thread printed in, and the zone it was asked in.
-struct SecondCache
-{
-    time_t second;
-    long zone;
-    bool valid;
-    tm local;
-};
-constinit thread_local SecondCache t_second = {};
-
-const tm& localTime(time_t second)
-{
-    if (!t_second.valid || t_second.second != second || t_second.zone != timezone) {
-        t_second.zone = timezone;
-        localtime_r(&second, &t_second.local);
-        t_second.second = second;
-        t_second.valid = true;
-    }
-    return t_second.local;
 }
 
 } // namespace
@@ -246,7 +220,7 @@ LogMoment currentMoment()
 {
     timeval now;
     gettimeofday(&now, nullptr);
-    const tm& local = localTime(now.tv_sec);
+    const tm& local = localTimeOf(now.tv_sec);
     LogMoment moment = {};
     moment.beginsLine = hasLineEnded();
     moment.time.year = local.tm_year + 1900;

@@ -44,11 +44,11 @@ void pauseForSignalCall(unsigned round)
     }
 }
 
-void logSignalSlot(const void* signal, int index, int state, unsigned calls, const char* objectType,
+void logSignalSlot(const void* signal, int index, unsigned calls, const char* objectType,
                    const void* object)
 {
-    INFRA_LOG_INFO("this:%p slot:%d, state:%d, calls:%u, type:%s, object:%p\n", signal, index,
-                   state, calls, textOrEmpty(objectType), object);
+    INFRA_LOG_INFO("this:%p slot:%d, calls:%u, type:%s, object:%p\n", signal, index, calls,
+                   textOrEmpty(objectType), object);
 }
 
 } // namespace Detail

@@ -1,7 +1,7 @@
 // Time.cpp: arithmetic on calendar times, and the clocks.
 //
 // Everything here is a few instructions or one clock read, except for local time: the system's
-// conversion takes a lock of its own and costs ten times a clock read. So texts that are printed
+// conversion takes a lock and costs ten times a clock read. So texts that are printed
 // often use the print time, a copy of the local time that all threads share and that is made anew
 // after 400 ms or when the time was set.
 //
@@ -21,6 +21,7 @@
 #include "Infra/Infra3/Utc.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
+#include "Infra3/LocalTime.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/TimeInternal.h"
 
@@ -55,8 +56,7 @@ timeval wallClock()
 /// The local time of `clock`, with the system's daylight-saving mark.
 SystemTime localTime(const timeval& clock)
 {
-    tm local = {};
-    localtime_r(&clock.tv_sec, &local);
+    const tm& local = localTimeOf(clock.tv_sec);
     return {local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_wday,
             local.tm_hour,        local.tm_min,     local.tm_sec,  local.tm_isdst};
 }
@@ -109,14 +109,8 @@ bool loadPrintTime(PrintTime& copy)
     return version % 2 == 0 && version == s_printTimeVersion.load(std::memory_order_relaxed);
 }
 
-/// Replaces the shared print time, unless another thread is at it.
-void storePrintTime(const PrintTime& fresh)
+void writePrintTime(const PrintTime& fresh)
 {
-    struct PrintTimeLock;
-    CLeafMutex& mutex = immortal<CLeafMutex, PrintTimeLock>();
-    if (!mutex.tryEnter()) {
-        return;
-    }
     uint64_t words[printTimeWords];
     memcpy(words, &fresh, sizeof(words));
     const uint32_t version = s_printTimeVersion.load(std::memory_order_relaxed);
@@ -125,7 +119,35 @@ void storePrintTime(const PrintTime& fresh)
         s_printTime[idx].store(words[idx], std::memory_order_release);
     }
     s_printTimeVersion.store(version + 2, std::memory_order_release);
+}
+
+bool isNewer(const PrintTime& a, const PrintTime& b)
+{
+    return a.request != b.request ? static_cast<int32_t>(a.request - b.request) > 0
+                                  : a.refreshedUs > b.refreshedUs;
+}
+
+/// Replaces the shared print time, unless another thread is at it or has brought a newer one.
+void storePrintTime(const PrintTime& fresh)
+{
+    struct PrintTimeLock;
+    CLeafMutex& mutex = immortal<CLeafMutex, PrintTimeLock>();
+    if (!mutex.tryEnter()) {
+        return;
+    }
+    PrintTime shared;
+    loadPrintTime(shared); // nobody changes it now
+    if (!isNewer(shared, fresh)) {
+        writePrintTime(fresh);
+    }
     mutex.leave();
+}
+
+/// Another thread may have refreshed it after this one read the clock. Without a clock (0) nothing
+/// is fresh.
+bool isFresh(const PrintTime& shared, uint64_t nowUs, uint32_t request)
+{
+    return shared.request == request && nowUs < shared.refreshedUs + printTimeLifeUs && nowUs != 0;
 }
 
 SystemTime refreshPrintTime(uint64_t nowUs, uint32_t request)
@@ -269,9 +291,8 @@ CTime CTime::getCurTimeForPrint()
     const uint64_t nowUs = getCurrentMicroSecond();
     const uint32_t request = s_bTimeUpdatNow.load(std::memory_order_acquire);
     PrintTime shared;
-    const bool fresh = loadPrintTime(shared) && shared.request == request &&
-                       nowUs - shared.refreshedUs < printTimeLifeUs;
-    CTime time(fresh ? shared.time : refreshPrintTime(nowUs, request));
+    const bool usable = loadPrintTime(shared) && isFresh(shared, nowUs, request);
+    CTime time(usable ? shared.time : refreshPrintTime(nowUs, request));
     time.isdst = -1;
     return time;
 }

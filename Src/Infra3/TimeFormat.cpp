@@ -13,12 +13,14 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <string>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Time.h"
 #include "Infra/Infra3/Utc.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/Digits.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 
@@ -434,13 +436,15 @@ private:
 /// and reading it takes twice as long as writing the time.
 struct FormatPlan
 {
+    static constexpr size_t room = 40;
+
     Settings settings;
     int mask;
     bool hours12;
     bool orderMissing;
     uint8_t count;
-    Piece pieces[24];
-    char format[40]; ///< "" while there is no plan
+    Piece pieces[room]; ///< each takes a character of the format at least
+    char format[room];  ///< "" while there is no plan
 };
 
 constinit thread_local FormatPlan s_plan = {};
@@ -456,17 +460,13 @@ const FormatPlan* findPlan(const char* format, const Settings& settings, int mas
 /// Makes the thread's plan for `format`; null if that is too long for one.
 const FormatPlan* makePlan(const char* format, const Settings& settings, int mask)
 {
-    const size_t length = strnlen(format, sizeof(s_plan.format));
-    if (length == 0 || length == sizeof(s_plan.format)) {
+    const size_t length = strnlen(format, FormatPlan::room);
+    if (length == 0 || length == FormatPlan::room) {
         return nullptr;
     }
-    s_plan.format[0] = '\0';
     CFormatReader reader(format, settings, mask);
     uint8_t count = 0;
     for (; !reader.atEnd(); ++count) {
-        if (count == std::size(s_plan.pieces)) {
-            return nullptr;
-        }
         s_plan.pieces[count] = reader.next();
     }
     s_plan.settings = settings;
@@ -514,11 +514,6 @@ struct SixNumbers
     int values[6];
     int count;
 };
-
-bool isDigit(char letter)
-{
-    return letter >= '0' && letter <= '9';
-}
 
 /// The number that the digits from `in` to `end` make, or INT_MAX where it is larger.
 [[gnu::cold, gnu::noinline]] int longNumber(const char* in, const char* end)

@@ -89,9 +89,7 @@ Hook exchangeHook(Hook& hook, const Hook& replacement)
 void callModifyProcs(const ModifyProcList& procs, const SystemTime& time)
 {
     for (const CTime::ModifyProc& proc : procs) {
-        if (!proc.empty()) {
-            proc(time);
-        }
+        proc(time);
     }
 }
 
@@ -252,6 +250,9 @@ bool CTime::setCurrentTime(const SystemTimeEx& time, int toleranceSeconds)
 
 bool CTime::attachModifyProc(ModifyProc proc)
 {
+    if (proc.empty()) {
+        return false;
+    }
     CGuard guard(getModifyProcListMtx());
     getModifyProcList().push_back(proc);
     return true;

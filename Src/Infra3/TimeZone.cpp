@@ -5,6 +5,7 @@
 // zone.
 
 #include <atomic>
+#include <iterator>
 
 #include "Infra/Infra3/Time.h"
 #include "Infra/Infra3/Utc.h"

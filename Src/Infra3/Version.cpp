@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "Infra3/BoundedText.h"
+#include "Infra3/Digits.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/VersionInternal.h"
 #include "Infra3/VersionRecord.h"
@@ -34,16 +35,11 @@ int monthOf(const char* dateString)
     return month;
 }
 
-bool startsWithDigit(const char* text)
-{
-    return *text >= '0' && *text <= '9';
-}
-
 /// The number in "812148M" or in "$Rev: 812148 $".
 int sourceRevisionOf(const char* svnString)
 {
     int number = 0;
-    if (startsWithDigit(svnString)) {
+    if (isDigit(*svnString)) {
         sscanf(svnString, "%d", &number); // NOLINT(cert-err34-c): no number is 0
     } else {
         sscanf(svnString, "%*[$a-zA-Z:]%d", &number); // NOLINT(cert-err34-c)

@@ -8,8 +8,8 @@ namespace Tarsel
 namespace Infra
 {
 
-/// This library's own record, "Infra" 3.0.0. Made at load time or, for callers that come before,
-/// on first use; never destroyed. Making it logs nothing.
+/// This library's own record, "Infra" 3.0.0. Made at load time, at its end (IncludeVersion.cpp), or
+/// on a first use before that; never destroyed. Making it logs nothing.
 const CVersion& libraryVersion();
 
 } // namespace Infra

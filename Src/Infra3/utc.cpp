@@ -22,10 +22,8 @@
 #include <algorithm>
 #include <atomic>
 
-#include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/Time.h"
-#include "Infra3/Immortal.h"
-#include "Infra3/LeafMutex.h"
+#include "Infra3/LocalTime.h"
 #include "Infra3/PlainShared.h"
 
 namespace Tarsel
@@ -185,22 +183,6 @@ void setDay(SystemTime& time, uint32_t days)
 
 /// enableTimezone: when false, local time is UTC. Never set again.
 constinit std::atomic<bool> enableTimezone{true};
-
-/// The system reads its zone once and keeps it in `timezone`, unguarded: one thread does it, the
-/// others wait.
-void readZoneOnce()
-{
-    static constinit std::atomic<bool> zoneRead{false};
-    if (zoneRead.load(std::memory_order_acquire)) {
-        return;
-    }
-    struct ZoneLock;
-    CGuard guard(immortal<CLeafMutex, ZoneLock>());
-    if (!zoneRead.load(std::memory_order_relaxed)) {
-        tzset();
-        zoneRead.store(true, std::memory_order_release);
-    }
-}
 
 } // namespace
 

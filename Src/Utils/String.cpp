@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "Infra3/BoundedText.h"
+#include "Infra3/Digits.h"
 #include "Infra3/LogFront.h"
 
 namespace Tarsel
@@ -22,6 +23,7 @@ namespace Utils
 namespace
 {
 
+using Infra::isDigit;
 using Infra::textOrEmpty;
 
 unsigned char lowerCase(unsigned char c)
@@ -32,11 +34,6 @@ unsigned char lowerCase(unsigned char c)
 bool isBlank(char c)
 {
     return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-bool isDigit(char c)
-{
-    return c >= '0' && c <= '9';
 }
 
 /// Reads one number as "%d" does, blanks and a sign before it included, and moves `text` behind it.
@@ -133,7 +130,7 @@ IpAddress stringToIp(const char* str)
 {
     uint32_t numbers[4] = {};
     if (readNumbers(textOrEmpty(str), numbers) < 4) {
-        INFRA_LOG_WARN("param str %s is invalid\n", str == nullptr ? "(null)" : str);
+        INFRA_LOG_WARN("param str %s is invalid\n", Infra::shownText(str));
     }
     IpAddress ip = {};
     for (int i = 0; i < 4; ++i) {

@@ -359,8 +359,8 @@ TEST(ErrorMessageTest, ManyThreadsReplaceAndRead)
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
             for (int i = 0; i < 2000; ++i) {
-                setErrorMessage(i % 10, std::to_string(t));
-                EXPECT_EQ(getErrorMessage(i % 10).size(), 1U);
+                setErrorMessage(100 + i % 10, std::to_string(t));
+                EXPECT_EQ(getErrorMessage(100 + i % 10).size(), 1U);
             }
         });
     }

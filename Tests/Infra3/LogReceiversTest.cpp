@@ -113,6 +113,7 @@ TEST(PrinterTest, MaySwapWhileOthersLog)
 {
     CReceiver unused;
     std::atomic<bool> stop{false};
+    s_printed = 0;
     const LogPrinterProc counting([](const char*) { ++s_printed; });
     const LogPrinterProc alsoCounting([](const char* text) { s_printed += text[0] != '\0'; });
     setLogPrinter(counting);

@@ -38,6 +38,14 @@ struct Listener
         ++calls;
         signal->detach(Signal::Proc(&Listener::leaveAndWait, this), /*wait*/ true);
     }
+    void leaveTogether(int)
+    {
+        ++inside;
+        TestSupport::eventually([this] { return inside == 2; });
+        const int left = signal->detach(Signal::Proc(&Listener::leaveTogether, this), true);
+        sum += left == 0 ? 1 : 0;
+        calls += left == Signal::errorNoFound ? 1 : 0;
+    }
     void removeOther(int)
     {
         ++calls;
@@ -57,7 +65,7 @@ struct Listener
     }
     void block(int)
     {
-        inside = true;
+        ++inside;
         gate.pend();
     }
 
@@ -65,7 +73,7 @@ struct Listener
     Listener* other = nullptr;
     std::atomic<int> calls{0};
     std::atomic<int> sum{0};
-    std::atomic<bool> inside{false};
+    std::atomic<int> inside{0}; ///< calls begun
     CSemaphore gate{0};
 };
 
@@ -194,7 +202,7 @@ TEST(SignalTest, ASlotIsNotReusedWhileAnyOfManyNestedCallsRuns)
     signal.detach(Signal::Proc(&Listener::nest, &nesting));
     signal.attach(Signal::Proc(&Listener::block, &blocked));
     std::thread emitter([&] { signal(0); });
-    ASSERT_TRUE(TestSupport::eventually([&] { return blocked.inside.load(); }));
+    ASSERT_TRUE(TestSupport::eventually([&] { return blocked.inside == 1; }));
     EXPECT_EQ(signal.detach(Signal::Proc(&Listener::block, &blocked)), 0);
     EXPECT_EQ(signal.attach(hearing(nesting)), Signal::errorFull);
     blocked.gate.post();
@@ -210,20 +218,61 @@ TEST(SignalTest, DetachWithWaitReturnsAfterTheLastCallElsewhere)
     signal.attach(blocking);
     std::thread first([&] { signal(0); });
     std::thread second([&] { signal(0); });
-    ASSERT_TRUE(TestSupport::eventually([&] { return blocked.inside.load(); }));
+    ASSERT_TRUE(TestSupport::eventually([&] { return blocked.inside == 2; }));
     std::atomic<bool> detached{false};
     std::thread detacher([&] {
         signal.detach(blocking, /*wait*/ true);
         detached = true;
     });
     EXPECT_TRUE(TestSupport::eventually([&] { return !signal.isAttached(blocking); }));
-    EXPECT_FALSE(detached);
+    const auto stillWaiting = [&] { return !detached; };
+    EXPECT_TRUE(TestSupport::staysSo(stillWaiting)) << "with two calls inside";
     blocked.gate.post();
+    EXPECT_TRUE(TestSupport::staysSo(stillWaiting)) << "with one call inside";
     blocked.gate.post();
     first.join();
     second.join();
     detacher.join();
-    EXPECT_TRUE(detached);
+}
+
+TEST(SignalTest, TwoCallsOfADelegateThatDetachesItselfDoNotWaitForEachOther)
+{
+    Signal signal(2);
+    Listener leaving;
+    leaving.signal = &signal;
+    signal.attach(Signal::Proc(&Listener::leaveTogether, &leaving));
+    std::thread first([&] { signal(0); });
+    std::thread second([&] { signal(0); });
+    first.join();
+    second.join();
+    EXPECT_EQ(leaving.inside, 2);
+    EXPECT_EQ(leaving.sum, 1) << "one has detached it";
+    EXPECT_EQ(leaving.calls, 1) << "the other one found nothing left to detach";
+}
+
+TEST(SignalTest, EmissionsThatCallNobodyKeepNoSlotFromBeingTaken)
+{
+    Signal signal(1);
+    Listener listener;
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> emitters;
+    for (int t = 0; t < 2; ++t) {
+        emitters.emplace_back([&] {
+            while (!stop) {
+                signal(1);
+            }
+        });
+    }
+    int refused = 0;
+    for (int i = 0; i < 100000; ++i) {
+        refused += signal.attach(hearing(listener)) == 1 ? 0 : 1;
+        signal.detach(hearing(listener), /*wait*/ true); // nobody is inside a call from here on
+    }
+    stop = true;
+    for (std::thread& emitter : emitters) {
+        emitter.join();
+    }
+    EXPECT_EQ(refused, 0);
 }
 
 TEST(SignalTest, OnlyOneOfRacingAttachesOfTheSameDelegateWins)

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -119,8 +120,54 @@ TEST(CStringLayout, CapacityIsExactAtEachStepAndLargeStaysLarge)
     string.shrink_to_fit();
     EXPECT_EQ(ObjectView<CString>(string).marker(), 32);
     EXPECT_EQ(string.capacity(), 0u) << "on the shared empty block";
+    string = "ab";
+    EXPECT_EQ(ObjectView<CString>(string).marker(), 32);
+    EXPECT_EQ(string.capacity(), 2u);
     string = sample(40);
     EXPECT_EQ(string, sample(40));
+}
+
+TEST(CStringLayout, NoAssignmentMakesALargeStringSmallAgain)
+{
+    const std::vector<char> letters = {'a', 'b'};
+    const CString ab("ab");
+    const struct
+    {
+        const char* name;
+        std::function<void(CString&)> assign;
+    } cases[] = {
+        {"text", [](CString& string) { string = "ab"; }},
+        {"counted text", [](CString& string) { string.assign("abc", 2); }},
+        {"string", [&](CString& string) { string = ab; }},
+        {"iterators", [&](CString& string) { string.assign(letters.begin(), letters.end()); }},
+        {"own pointers", [&](CString& string) { string.assign(ab.begin(), ab.end()); }},
+        {"list",
+         [](CString& string) {
+             string = {'a', 'b'};
+         }},
+        {"view", [](CString& string) { string = std::string_view("ab"); }},
+        {"fill", [](CString& string) { string.assign(1, 'a').append(1, 'b'); }},
+    };
+    for (const auto& c : cases) {
+        CString roomy(sample(40));
+        c.assign(roomy);
+        EXPECT_EQ(roomy, "ab") << c.name;
+        EXPECT_EQ(ObjectView<CString>(roomy).marker(), 32) << c.name;
+        EXPECT_EQ(roomy.capacity(), 40u) << c.name;
+        CString tight(sample(40));
+        tight.clear();
+        tight.shrink_to_fit();
+        c.assign(tight);
+        EXPECT_EQ(tight, "ab") << c.name;
+        EXPECT_EQ(ObjectView<CString>(tight).marker(), 32) << c.name;
+        EXPECT_EQ(tight.capacity(), 2u) << c.name;
+    }
+    CString own(sample(40));
+    own.assign(own.begin() + 1, own.begin() + 3);
+    EXPECT_EQ(own, "bc");
+    own = CString("moved");
+    EXPECT_EQ(own, "moved");
+    EXPECT_EQ(ObjectView<CString>(own).marker(), 32);
 }
 
 TEST(CStringLayout, CopiesAreFreshAndMovesAndSwapsExchangeForms)
@@ -144,6 +191,8 @@ TEST(CStringLayout, CopiesAreFreshAndMovesAndSwapsExchangeForms)
     EXPECT_TRUE(small.empty());
     large = std::move(moved);
     EXPECT_EQ(large.data(), block);
+    EXPECT_EQ(CString(large, std::allocator<char>()), "abc");
+    EXPECT_EQ(CString(CString(sample(50)), std::allocator<char>()), sample(50));
     CString& same = large;
     large = std::move(same);
     large = same;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Infra/Infra3/Error.h"
+#include "Infra3/LeafMutex.h"
 #include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 #include "Support/SystemClock.h"
@@ -117,10 +118,11 @@ TEST_F(TimeTextTest, FormatsByTheSettingsAndTheMask)
 
     CLogCapture log;
     morning.format(nullptr, defaultFormat, 0);
-    EXPECT_EQ(log.take(), "buf is NULL!!\n");
+    EXPECT_EQ(log.takeLeveled(), "error|buf is NULL!!\n");
     for (int round = 0; round < 2; ++round) { // a format seen before complains again
         EXPECT_EQ(textOf(morning, "yy dd", CTime::fmDateFormat), "19 08");
-        EXPECT_EQ(log.take(), "setFormat dateFormat is invalid,set default separator: ymd \n");
+        EXPECT_EQ(log.takeLeveled(),
+                  "error|setFormat dateFormat is invalid,set default separator: ymd \n");
     }
 }
 
@@ -139,12 +141,12 @@ TEST_F(TimeTextTest, TakesItsSettingsFromTheDefaultText)
         {"MM/dd/yyyy hh:mm:ss tt", '/', CTime::mdy, true, ""},
         {"yyyy/MM/dd.", '.', CTime::ymd, false, ""},
         {"yyyy MM dd", '-', CTime::ymd, false,
-         "setFormat separator is invalid,set default separator: - \n"},
+         "error|setFormat separator is invalid,set default separator: - \n"},
         {"yyyy/dd/MM", '/', CTime::ymd, false,
-         "setFormat dateFormat is invalid,set default separator: ymd \n"},
+         "error|setFormat dateFormat is invalid,set default separator: ymd \n"},
         {nullptr, '-', CTime::ymd, false,
-         "setFormat separator is invalid,set default separator: - \n"
-         "setFormat dateFormat is invalid,set default separator: ymd \n"},
+         "error|setFormat separator is invalid,set default separator: - \n"
+         "error|setFormat dateFormat is invalid,set default separator: ymd \n"},
     };
     for (const auto& expected : cases) {
         CTime::setFormatString(expected.format);
@@ -152,7 +154,7 @@ TEST_F(TimeTextTest, TakesItsSettingsFromTheDefaultText)
         EXPECT_EQ(CTime::getSeparator(), expected.separator);
         EXPECT_EQ(CTime::getDateFormat(), expected.order);
         EXPECT_EQ(CTime::get12Hour(), expected.hours12);
-        EXPECT_EQ(log.take(), expected.complaint);
+        EXPECT_EQ(log.takeLeveled(), expected.complaint);
     }
     const CTime time(2019, 11, 8, 19, 5, 3);
     EXPECT_EQ(textOf(time), "2019-11-08 19:05:03");
@@ -273,7 +275,10 @@ TEST(TimeTest, ParsesSixNumbersInTheOrderOfTheFormat)
         CTime time(2019, 11, 8, 4, 5, 6);
         time.isdst = 1;
         EXPECT_FALSE(time.parse(expected.text, expected.format, 0));
-        EXPECT_THAT(log.take(), testing::EndsWith(expected.complaint));
+        char complaint[160];
+        snprintf(complaint, sizeof(complaint), "error|this:%p %s", static_cast<void*>(&time),
+                 expected.complaint);
+        EXPECT_EQ(log.takeLeveled(), complaint);
         EXPECT_EQ(time, CTime());
         EXPECT_EQ(time.wday, 5);
         EXPECT_EQ(time.isdst, 1);
@@ -298,8 +303,8 @@ TEST(TimeTest, KnowsTheZonesByNumber)
     EXPECT_EQ(log.take(), "");
     EXPECT_EQ(CTime::getTimeZonefromTable(36), 0);
     EXPECT_EQ(CTime::getTimeZonefromTable(-1), 0);
-    EXPECT_EQ(log.take(), "CTime::getTimeZonefromTable, zoneIndex error:36\n"
-                          "CTime::getTimeZonefromTable, zoneIndex error:-1\n");
+    EXPECT_EQ(log.takeLeveled(), "error|CTime::getTimeZonefromTable, zoneIndex error:36\n"
+                                 "error|CTime::getTimeZonefromTable, zoneIndex error:-1\n");
 }
 
 void reportUtcForEmbed()
@@ -349,6 +354,12 @@ TEST(TimeTest, PrintTimeIsReadAnewAfter400MillisecondsOrASetting)
     EXPECT_GE(age(CTime::getCurTimeForPrint()), 86000);
     freezeMonotonicClock(startUs + 400000);
     EXPECT_LE(age(CTime::getCurTimeForPrint()), 1);
+
+    shiftWallClock(2 * 86400);
+    freezeMonotonicClock(startUs + 399999); // of a thread that read the clock before the refresh
+    EXPECT_GE(age(CTime::getCurTimeForPrint()), 86000);
+    freezeMonotonicClock(startUs + 400000);
+    EXPECT_GE(age(CTime::getCurTimeForPrint()), 86000);
 
     shiftWallClock(0);
     CTime::setCurrentTimeEx(CTime(2020, 1, 1, 0, 0, 0));
@@ -401,10 +412,24 @@ TEST(TimeTest, ClocksRunTogether)
     EXPECT_GE(ms, us / 1000);
     EXPECT_GE(CTime::getCurrentMicroSecond() / 1000, ms);
     const SystemTimeEx now = CTime::getCurrentTimeEx();
-    EXPECT_LE(CTime::getCurrentTime() -
-                  CTime(now.year, now.month, now.day, now.hour, now.minute, now.second),
-              30);
+    const int64_t passed = CTime::getCurrentTime() -
+                           CTime(now.year, now.month, now.day, now.hour, now.minute, now.second);
+    EXPECT_TRUE(passed >= 0 && passed <= 30) << passed;
     EXPECT_TRUE(now.millisecond >= 0 && now.millisecond < 1000);
+}
+
+TEST(TimeTest, ReportsAMonotonicClockThatCannotBeRead)
+{
+    CLogCapture log;
+    failMonotonicClock(EINVAL);
+    const uint64_t ms = CTime::getCurrentMilliSecond();
+    const uint64_t us = CTime::getCurrentMicroSecond();
+    failMonotonicClock(0);
+    EXPECT_EQ(ms, 0u);
+    EXPECT_EQ(us, 0u);
+    EXPECT_EQ(log.takeLeveled(),
+              "error|CTime::getCurrentMilliSecond, sys_clock_gettime failed, error:22\n"
+              "error|CTime::getCurrentMicroSecond, sys_clock_gettime failed, error:22\n");
 }
 
 std::vector<std::string> s_calls; // in order, of the hooks and procedures below
@@ -449,12 +474,13 @@ void setSystemTime()
         EXPECT_EQ(fake.settings[2].seconds, 1582938123);
         EXPECT_EQ(fake.settings[2].microseconds, 456000);
         EXPECT_THAT(fake.commands, ElementsAre("hwclock -w", "hwclock -w", "hwclock -w"));
-        EXPECT_EQ(log.take(), "CTime::setCurrentTime to 2038-01-01 00:00:00\n"
-                              "CTime::setCurrentTime() success without callback function\n"
-                              "CTime::setCurrentTime to 2000-01-01 00:00:00\n"
-                              "CTime::setCurrentTime() success without callback function\n"
-                              "CTime::setCurrentTimeEx to 2020-02-29 01:02:03:0456\n"
-                              "CTime::setCurrentTime() success without callback function\n");
+        EXPECT_EQ(log.takeLeveled(),
+                  "info|CTime::setCurrentTime to 2038-01-01 00:00:00\n"
+                  "info|CTime::setCurrentTime() success without callback function\n"
+                  "info|CTime::setCurrentTime to 2000-01-01 00:00:00\n"
+                  "info|CTime::setCurrentTime() success without callback function\n"
+                  "info|CTime::setCurrentTimeEx to 2020-02-29 01:02:03:0456\n"
+                  "info|CTime::setCurrentTime() success without callback function\n");
 
         CTime::setCurrentTime(CTime::getCurrentTime() + 3, 30); // near enough
         EXPECT_EQ(fake.settings.size(), 3u);
@@ -467,23 +493,28 @@ void setSystemTime()
         EXPECT_FALSE(CTime::setCurrentTimeEx(CTime(2020, 1, 1, 0, 0, 0)));
         EXPECT_EQ(getLastError(), infraErrorModifySysTimeFailed);
         EXPECT_TRUE(fake.commands.empty());
-        EXPECT_EQ(log.take(), "CTime::setCurrentTime to 2020-01-01 00:00:00\n"
-                              "CTime::setCurrentTime() failed, tv.tv_sec:1577836800, "
-                              "tv.tv_usec:0, errno:1, errMsg:Operation not permitted\n");
+        EXPECT_EQ(log.takeLeveled(), "info|CTime::setCurrentTime to 2020-01-01 00:00:00\n"
+                                     "error|CTime::setCurrentTime() failed, tv.tv_sec:1577836800, "
+                                     "tv.tv_usec:0, errno:1, errMsg:Operation not permitted\n");
     }
     CFakeClockSetting fake(0, 256);
     EXPECT_FALSE(CTime::setCurrentTimeEx(CTime(2020, 1, 1, 0, 0, 0)));
     EXPECT_EQ(getLastError(), infraErrorSyncRtcTimeFailed);
-    EXPECT_EQ(log.take(), "CTime::setCurrentTime to 2020-01-01 00:00:00\n"
-                          "CTime::setCurrentTime(): hwclock -w failed\n"
-                          "CTime::setCurrentTime()  rtc time set function failed\n");
+    EXPECT_EQ(log.takeLeveled(), "info|CTime::setCurrentTime to 2020-01-01 00:00:00\n"
+                                 "warn|CTime::setCurrentTime(): hwclock -w failed\n"
+                                 "error|CTime::setCurrentTime()  rtc time set function failed\n");
     setLastError(0);
+    EXPECT_FALSE(CTime::attachModifyProc(CTime::ModifyProc()));
+    EXPECT_FALSE(CTime::setCurrentTimeEx(CTime(2020, 1, 1, 0, 0, 0)));
+    EXPECT_EQ(getLastError(), infraErrorSyncRtcTimeFailed); // still nobody to tell
+    setLastError(0);
+    log.clear();
     EXPECT_TRUE(CTime::attachModifyProc(&firstProc));
     EXPECT_TRUE(CTime::attachModifyProc(&secondProc));
     EXPECT_TRUE(CTime::setCurrentTimeEx(CTime(2051, 1, 1, 0, 0, 7)));
     EXPECT_THAT(s_calls, ElementsAre("first 2038", "second 0")); // the clamped time
-    EXPECT_EQ(log.take(), "CTime::setCurrentTime to 2038-01-01 00:00:00\n"
-                          "CTime::setCurrentTime(): hwclock -w failed\n");
+    EXPECT_EQ(log.takeLeveled(), "info|CTime::setCurrentTime to 2038-01-01 00:00:00\n"
+                                 "warn|CTime::setCurrentTime(): hwclock -w failed\n");
 }
 
 TEST(TimeSetTest, SetsBothClocksAndTellsTheProcedures)
@@ -549,6 +580,23 @@ void useAllLocks()
     CTime::setCurrentTime(CTime(2020, 1, 1, 0, 0, 0));
     CTime::getCurTimeForPrint();
     CTime::getTimeZone();
+    const CLeafMutex young;
+}
+
+/// Forks 200 times beside what other threads do.
+void expectEveryChildGetsThrough(void (*body)())
+{
+    for (int round = 0; round < 200 && !testing::Test::HasFailure(); ++round) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20); // a lock that is held for ever ends here
+            body();
+            _exit(0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
 }
 
 void forkWhileLocksAreTaken()
@@ -556,25 +604,44 @@ void forkWhileLocksAreTaken()
     std::atomic<bool> over{false};
     std::thread user([&] {
         while (!over) {
+            const CLeafMutex young; // one that comes and goes beside the forks
             CTime::attachSetCurrentTimeHook(CTime::SetCurrentTimeHook());
             CTime::setFormat(CTime::getFormat());
             CTime::setCurrentTime(CTime(2020, 1, 1, 0, 0, 0));
             CTime::getCurTimeForPrint();
         }
     });
-    for (int round = 0; round < 200; ++round) {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(20); // a lock that is held for ever ends here
-            useAllLocks();
-            _exit(0);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
+    expectEveryChildGetsThrough(&useAllLocks);
     over = true;
     user.join();
+}
+
+void useLocalTime()
+{
+    shiftWallClock(5000); // a second that nobody has asked for
+    logLibName(logLevelInfo, "Infra", "child\n");
+    shiftWallClock(6000);
+    CTime::getCurrentTime();
+}
+
+void forkWhileLocalTimeIsTaken()
+{
+    setLogPrinter([](const char*) {});
+    std::atomic<bool> over{false};
+    std::thread reader([&] {
+        for (int64_t shift = 0; !over; ++shift) {
+            shiftWallClock(shift % 1000); // every time another second, so that none is remembered
+            CTime::getCurrentTime();
+        }
+    });
+    expectEveryChildGetsThrough(&useLocalTime);
+    over = true;
+    reader.join();
+}
+
+TEST(TimeTest, AChildOfAForkCanTakeTheLocalTime)
+{
+    INFRA_IN_FRESH_PROCESS(forkWhileLocalTimeIsTaken);
 }
 
 TEST(TimeTest, AChildOfAForkFindsEveryLockFree)

@@ -1,11 +1,18 @@
 #include "Infra/Version.h"
 
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <string>
 #include <tuple>
 
 #include "CheckIncludeVersionInternal.h"
 #include "Infra/CheckIncludeVersion.h"
 #include "Infra/Infra3/Version.h"
 #include "Infra3/VersionInternal.h"
+#include "Support/ChildProcess.h"
 #include "Support/LogCapture.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -13,9 +20,8 @@
 namespace
 {
 
-using testing::AllOf;
+using namespace Tarsel::TestSupport;
 using testing::HasSubstr;
-using testing::Not;
 typedef CCheckIncludeVersion::IncludeVersion IncludeVersion;
 
 TEST(VersionTest, ReadsRevisionAndDateOfARecord)
@@ -63,20 +69,22 @@ TEST(VersionTest, ReadsRevisionAndDateOfARecord)
 
 TEST(VersionTest, PrintsTheLibrarysOwnRecord)
 {
-    Tarsel::TestSupport::CLogCapture log;
+    CLogCapture log;
     Tarsel::Infra::libraryVersion().print();
-    EXPECT_THAT(log.take(), HasSubstr("[*] Infra 3.0.0.812148 Built in 2019/11/ 8 [*]\n"));
+    CVersion("Older", 1, 2, 3, "77", "Dec 24 2020").print();
+    EXPECT_EQ(log.takeLeveled(), "info|[*] Infra 3.0.0.812148 Built in 2019/11/ 8 [*]\n"
+                                 "info|[*] Older 1.2.3.77 Built in 2020/12/24 [*]\n");
 }
 
 TEST(VersionTest, WarnsOfSourcesThatWereChangedLocally)
 {
-    constexpr char warning[] = "Some [Changed] files are not commit to SVN server. It compied wtih "
-                               "local modified files.\n";
-    Tarsel::TestSupport::CLogCapture log;
+    CLogCapture log;
     const CVersion clean("Changed", 1, 0, 0, "812148", "");
     EXPECT_EQ(log.take(), "");
     const CVersion changed("Changed", 1, 0, 0, "812148M", "");
-    EXPECT_THAT(log.take(), HasSubstr(warning));
+    EXPECT_EQ(log.takeLeveled(),
+              "info|Some [Changed] files are not commit to SVN server. It compied "
+              "wtih local modified files.\n");
 }
 
 TEST(VersionTest, MatchesVersionsOfRegisteredLibraries)
@@ -107,16 +115,25 @@ TEST(VersionTest, KeepsTheApplicationsBuildDate)
     CVersion::setAppDate("Jan  1 2000");
 }
 
-/// A register of the test's own. It lives for ever, because its lock has to.
-CCheckIncludeVersionInter& makeRegister()
+/// What was logged, with "P" for the address of `object`.
+std::string withoutAddress(std::string text, const void* object)
 {
-    return *new CCheckIncludeVersionInter;
+    char address[32];
+    snprintf(address, sizeof(address), "%p", object);
+    for (size_t at = text.find(address); at != std::string::npos; at = text.find(address)) {
+        text.replace(at, strlen(address), 1, 'P');
+    }
+    return text;
 }
 
-/// Logs to standard error, where a dying process is heard.
-void logToStandardError()
+/// What a child logs that ends in the assertion of a report.
+template <typename Body>
+std::string logOfReport(Body body)
 {
-    Tarsel::Infra::setLogPrinter([](const char* text) { fputs(text, stderr); });
+    const ChildResult child = runInChild(body);
+    EXPECT_EQ(child.signal, SIGABRT) << child.report();
+    EXPECT_THAT(child.errorOutput, HasSubstr("assertion (m_matchFlag) failed"));
+    return leveled(withoutColors(child.output));
 }
 
 TEST(CheckIncludeVersionTest, FindsConflictsBetweenLibraries)
@@ -126,69 +143,122 @@ TEST(CheckIncludeVersionTest, FindsConflictsBetweenLibraries)
     IncludeVersion recorder[] = {{"URL: http://svn.example.com/Memory", "5"},
                                  {"URL: http://svn.example.com/Infra", "101"}};
     IncludeVersion viewer[] = {{"URL: http://svn.example.com/Utils", "7"}};
-    Tarsel::TestSupport::CLogCapture log;
-    CCheckIncludeVersionInter& check = makeRegister();
+    CLogCapture log;
+    CCheckIncludeVersionInter check;
 
     EXPECT_TRUE(check.match("Player", player, 2));
-    EXPECT_THAT(log.take(), AllOf(HasSubstr("check include version:Player\n"),
-                                  HasSubstr("URL: http://svn.example.com/Utils 7\n")));
+    EXPECT_EQ(log.takeLeveled(), "info|check include version:Player\n"
+                                 "info|URL: http://svn.example.com/Infra 100\n"
+                                 "info|URL: http://svn.example.com/Utils 7\n");
     EXPECT_FALSE(check.match("Recorder", recorder, 2));
-    EXPECT_THAT(log.take(), AllOf(HasSubstr("check include version failed\n"),
-                                  HasSubstr(" Player URL: http://svn.example.com/Infra 100\n"),
-                                  HasSubstr(" Recorder URL: http://svn.example.com/Infra 101\n"),
-                                  Not(HasSubstr("Memory 5\nthis"))));
+    EXPECT_EQ(withoutAddress(log.takeLeveled(), &check),
+              "info|check include version:Recorder\n"
+              "info|URL: http://svn.example.com/Memory 5\n"
+              "info|URL: http://svn.example.com/Infra 101\n"
+              "error|this:P check include version failed\n"
+              "error|this:P Player URL: http://svn.example.com/Infra 100\n"
+              "error|this:P Recorder URL: http://svn.example.com/Infra 101\n");
     player[1].version = "8"; // the register keeps copies
     EXPECT_TRUE(check.match("Viewer", viewer, 1));
 }
 
-TEST(CheckIncludeVersionDeathTest, SuggestsTheHighestRevisions)
+TEST(CheckIncludeVersionTest, ThereMayBeAnyNumberOfRegisters)
+{
+    IncludeVersion records[] = {{"URL: a", "1"}};
+    CLogCapture log;
+    for (int round = 0; round < 100; ++round) {
+        CCheckIncludeVersionInter check;
+        EXPECT_TRUE(check.match("Player", records, 1));
+    }
+}
+
+TEST(CheckIncludeVersionTest, SuggestsTheHighestRevisionsAndEndsTheProcess)
 {
     IncludeVersion player[] = {{"URL: http://svn.example.com/Infra", "100"}, {"Local", "3"}};
     IncludeVersion recorder[] = {{"URL: http://svn.example.com/Infra", "101"}};
-    CCheckIncludeVersionInter& check = makeRegister();
-    const auto report = [&] {
+    CCheckIncludeVersionInter check;
+    {
+        CLogCapture log;
         check.match("Player", player, 2);
         check.match("Recorder", recorder, 1);
-        logToStandardError();
-        check.checkResult();
-    };
-    EXPECT_DEATH(report(),
-                 AllOf(HasSubstr("CCheckIncludeVersionInter::checkResult error:match error\n"),
-                       HasSubstr("]--------include version all start---------\n"),
-                       HasSubstr("]Local 3\n"),
-                       HasSubstr("]URL: http://svn.example.com/Infra 101\n"),
-                       HasSubstr(" ----------------check include report start---------------\n"),
-                       HasSubstr(" [Player], include version suggest:\n"),
-                       HasSubstr(" \nInfra -r101 http://svn.example.com/Infra\nnull -r3 Local\n"),
-                       HasSubstr(" [Recorder], include is ok\n"),
-                       HasSubstr(" ------------------------------------\n"),
-                       HasSubstr(" ----------------check include report end---------------\n"),
-                       HasSubstr("assertion (m_matchFlag) failed")));
+    }
+    EXPECT_EQ(withoutAddress(logOfReport([&] { check.checkResult(); }), &check),
+              "error|this:P CCheckIncludeVersionInter::checkResult error:match error\n"
+              "info|--------include version all start---------\n"
+              "info|Local 3\n"
+              "info|URL: http://svn.example.com/Infra 101\n"
+              "info|--------include version all end---------\n"
+              "error|this:P ----------------check include report start---------------\n"
+              "error|this:P [Player], include version suggest:\n"
+              "error|this:P \n"
+              "Infra -r101 http://svn.example.com/Infra\n"
+              "null -r3 Local\n"
+              "error|this:P ------------------------------------\n"
+              "error|this:P [Recorder], include is ok\n"
+              "error|this:P ------------------------------------\n"
+              "error|this:P ----------------check include report end---------------\n");
 }
 
-TEST(CheckIncludeVersionDeathTest, ReportsVersionsThatAreNoNumbers)
+TEST(CheckIncludeVersionTest, ReportsVersionsThatAreNoNumbersAndEndsTheProcess)
 {
     IncludeVersion broken[] = {{"URL: a", "12"}, {"URL: b", "12a"}, {nullptr, nullptr}, {"", ""}};
-    Tarsel::TestSupport::CLogCapture log;
-    CCheckIncludeVersionInter& check = makeRegister();
-    EXPECT_FALSE(check.match("Broken", broken, 4));
-    EXPECT_THAT(log.take(), AllOf(HasSubstr(" Broken version error\n"), HasSubstr(" URL: b 12a\n"),
-                                  HasSubstr(" (null) (null)\n")));
-    const auto report = [&] {
-        logToStandardError();
-        check.checkResult();
-    };
-    EXPECT_DEATH(report(), AllOf(HasSubstr("checkResult error:self error\n"),
-                                 HasSubstr("libname:Broken, url:URL: b version:12a\n"),
-                                 HasSubstr("libname:Broken, url:(null) version:(null)\n"),
-                                 Not(HasSubstr("url:URL: a ")), HasSubstr("(m_matchFlag) failed")));
+    const std::string log = logOfReport([&] {
+        static CCheckIncludeVersion* const check = new CCheckIncludeVersion("Broken", broken, 4);
+        fprintf(stdout, "check is %p\n", static_cast<void*>(check));
+        CCheckIncludeVersion::checkResult();
+    });
+    const size_t address = log.find("check is ");
+    ASSERT_NE(address, std::string::npos);
+    void* check = nullptr;
+    ASSERT_EQ(sscanf(log.c_str() + address, "check is %p", &check), 1);
+    const std::string plain =
+        withoutAddress(withoutAddress(log, CCheckIncludeVersionInter::instance()), check);
+    EXPECT_EQ(plain, "info|check include version:Broken\n"
+                     "info|URL: a 12\n"
+                     "info|URL: b 12a\n"
+                     "info|(null) (null)\n"
+                     "info| \n"
+                     "error|this:P Broken version error\n"
+                     "error|this:P URL: b 12a\n"
+                     "error|this:P (null) (null)\n"
+                     "error|this:P  \n"
+                     "error|this:P check include version failed, assert\n"
+                     "check is P\n"
+                     "error|this:P CCheckIncludeVersionInter::checkResult error:self error\n"
+                     "error|this:P ----------------check include report start---------------\n"
+                     "error|libname:Broken, url:URL: b version:12a\n"
+                     "error|libname:Broken, url:(null) version:(null)\n"
+                     "error|libname:Broken, url: version:\n"
+                     "error|this:P ----------------check include report end---------------\n");
 }
 
 TEST(CheckIncludeVersionTest, TheLibraryItselfIsConsistent)
 {
-    Tarsel::TestSupport::CLogCapture log;
+    CLogCapture log;
     CCheckIncludeVersion::checkResult();
-    EXPECT_THAT(log.take(), HasSubstr("CCheckIncludeVersionInter::checkResult successful\n"));
+    EXPECT_EQ(log.takeLeveled(), "info|CCheckIncludeVersionInter::checkResult successful\n");
+}
+
+TEST(VersionTest, TheLibraryDeclaresItselfOnceWhenItIsLoaded)
+{
+    const ChildResult child = runInChild([] {
+        execl("/proc/self/exe", "loaded", "--gtest_filter=-*", nullptr);
+        FAIL() << "cannot run this program again";
+    });
+    EXPECT_TRUE(child.succeeded()) << child.report();
+    const std::string log = leveled(withoutColors(child.output));
+    constexpr char declaration[] =
+        "info|check include version:Infra\n"
+        "info|URL: http://svn.example.com/infra/trunk/Include/Infra 812148\n"
+        "info|URL: http://svn.example.com/infra/trunk/Include/Infra/Infra3 812140\n"
+        "info|URL: http://svn.example.com/infra/trunk/Include/Memory 811973\n"
+        "info|URL: http://svn.example.com/infra/trunk/Include/Component 810266\n"
+        "info|URL: http://svn.example.com/infra/trunk/Include/Utils 811502\n"
+        "info|Some [Infra2] files are not commit to SVN server. It compied wtih local modified "
+        "files.\n";
+    EXPECT_THAT(log, HasSubstr(declaration));
+    EXPECT_EQ(countOf(log, "check include version:"), 1);
+    EXPECT_EQ(countOf(log, "Some ["), 1);
 }
 
 } // namespace

@@ -24,6 +24,18 @@ bool eventually(const Condition& condition)
     return true;
 }
 
+/// True when `condition()` still holds after 50 ms: time enough for a thread that does not wait as
+/// it should. One that does wait can never make it false.
+template <typename Condition>
+bool staysSo(const Condition& condition)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+    while (condition() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return condition();
+}
+
 } // namespace TestSupport
 } // namespace Tarsel
 

@@ -8,6 +8,41 @@ namespace Tarsel
 {
 namespace TestSupport
 {
+namespace
+{
+
+/// One text that begins a line, or goes on with one.
+struct Message
+{
+    std::string level; ///< "" without a prefix
+    std::string text;
+
+    std::string leveled() const { return level.empty() ? text : level + "|" + text; }
+};
+
+/// Takes "[12:00:00 warn Infra:1 7 File.cpp:1]text" apart.
+Message withoutPrefix(const std::string& printed)
+{
+    const size_t end = printed.rfind('[', 0) == 0 ? printed.find(']') : std::string::npos;
+    const size_t levelAt = printed.find(' ') + 1;
+    if (end == std::string::npos || levelAt == 0 || levelAt > end) {
+        return {"", printed};
+    }
+    return {printed.substr(levelAt, printed.find(' ', levelAt) - levelAt), printed.substr(end + 1)};
+}
+
+} // namespace
+
+std::string leveled(const std::string& printed)
+{
+    std::string lines;
+    for (size_t begin = 0, end = 0; begin < printed.size(); begin = end) {
+        end = printed.find('\n', begin);
+        end = end == std::string::npos ? printed.size() : end + 1;
+        lines += withoutPrefix(printed.substr(begin, end - begin)).leveled();
+    }
+    return lines;
+}
 
 CLogCapture::CLogCapture()
 {
@@ -34,21 +69,30 @@ void CLogCapture::clear()
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
     m_text.clear();
+    m_leveled.clear();
 }
 
 std::string CLogCapture::take()
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
+    m_leveled.clear();
     return std::exchange(m_text, std::string());
+}
+
+std::string CLogCapture::takeLeveled()
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    m_text.clear();
+    return std::exchange(m_leveled, std::string());
 }
 
 void CLogCapture::take(const char* text)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    const std::string piece = text;
     const bool beginsLine = m_text.empty() || m_text.back() == '\n';
-    const size_t prefix = beginsLine && piece.front() == '[' ? piece.find(']') : std::string::npos;
-    m_text += prefix == std::string::npos ? piece : piece.substr(prefix + 1);
+    const Message message = beginsLine ? withoutPrefix(text) : Message{"", text};
+    m_text += message.text;
+    m_leveled += message.leveled();
 }
 
 } // namespace TestSupport

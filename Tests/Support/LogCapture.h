@@ -11,6 +11,10 @@ namespace Tarsel
 namespace TestSupport
 {
 
+/// Printed log lines with "level|" in the place of their prefixes: "warn|text". What begins with no
+/// prefix stays as it is.
+std::string leveled(const std::string& printed);
+
 /// Takes the place of standard output for log lines while it lives, and keeps them, messages only:
 /// the prefix of each line is cut off. One at a time.
 class CLogCapture
@@ -27,12 +31,15 @@ public:
     void clear();
     /// All messages since the last clear() or take().
     std::string take();
+    /// The same with "level|" before each message.
+    std::string takeLeveled();
 
 private:
     void take(const char* text);
 
     mutable std::mutex m_mutex;
     std::string m_text;
+    std::string m_leveled;
 };
 
 } // namespace TestSupport

@@ -15,6 +15,7 @@ namespace
 
 constinit std::atomic<int64_t> s_wallShift{0};
 constinit std::atomic<uint64_t> s_frozenUs{0};
+constinit std::atomic<int> s_monotonicError{0};
 constinit std::atomic<Tarsel::TestSupport::CFakeClockSetting*> s_fake{nullptr};
 
 } // namespace
@@ -32,6 +33,11 @@ void shiftWallClock(int64_t seconds)
 void freezeMonotonicClock(uint64_t microseconds)
 {
     s_frozenUs = microseconds;
+}
+
+void failMonotonicClock(int error)
+{
+    s_monotonicError = error;
 }
 
 CFakeClockSetting::CFakeClockSetting(int settingError, int result)
@@ -68,6 +74,11 @@ extern "C" int gettimeofday(struct timeval* clock, void* zone) noexcept
 
 extern "C" int clock_gettime(clockid_t id, struct timespec* now) noexcept
 {
+    const int error = s_monotonicError.load(std::memory_order_relaxed);
+    if (id == CLOCK_MONOTONIC && error != 0) {
+        errno = error;
+        return -1;
+    }
     const uint64_t frozenUs = s_frozenUs.load(std::memory_order_relaxed);
     if (id != CLOCK_MONOTONIC || frozenUs == 0) {
         return static_cast<int>(syscall(SYS_clock_gettime, id, now));

@@ -21,6 +21,9 @@ void shiftWallClock(int64_t seconds);
 /// Has the monotonic clock stand at `microseconds`; 0 lets it run again.
 void freezeMonotonicClock(uint64_t microseconds);
 
+/// Has reading the monotonic clock fail with `error`; 0 lets it succeed again.
+void failMonotonicClock(int error);
+
 /// Takes every setting of the clock and every shell command as long as it lives.
 class CFakeClockSetting
 {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "Infra/Infra3/PrintLog.h"
+#include "Support/LogCapture.h"
 
 namespace
 {
@@ -114,12 +114,6 @@ TEST(UtilsStricmp, FoldsTheLettersOfAsciiOnly)
     EXPECT_NE(Utils::stricmp("\xC4", "\xE4"), 0);
 }
 
-std::string warnings;
-void keepWarning(const char* text)
-{
-    warnings += text;
-}
-
 TEST(UtilsIp, ReadsFourNumbersAndWarnsOfLess)
 {
     const struct
@@ -128,30 +122,24 @@ TEST(UtilsIp, ReadsFourNumbersAndWarnsOfLess)
         uint32_t value;
         const char* warning;
     } cases[] = {
-        {"192.168.1.2", 3232235778u, nullptr},
-        {"300.1.1.1", 0x2C010101u, nullptr},
-        {" 1.\t2.+3.-1 and more", 0x010203FFu, nullptr},
-        {"4294967297.0.0.256", 0x01000000u, nullptr},
-        {"0.0.0.0", 0u, nullptr},
-        {"1.2.3", 0x01020300u, "param str 1.2.3 is invalid\n"},
-        {"1.2..4", 0x01020000u, "param str 1.2..4 is invalid\n"},
-        {"1 .2.3.4", 0x01000000u, "param str 1 .2.3.4 is invalid\n"},
-        {"- 1.2.3.4", 0u, "param str - 1.2.3.4 is invalid\n"},
-        {"", 0u, "param str  is invalid\n"},
-        {nullptr, 0u, "param str (null) is invalid\n"},
+        {"192.168.1.2", 3232235778u, ""},
+        {"300.1.1.1", 0x2C010101u, ""},
+        {" 1.\t2.+3.-1 and more", 0x010203FFu, ""},
+        {"4294967297.0.0.256", 0x01000000u, ""},
+        {"0.0.0.0", 0u, ""},
+        {"1.2.3", 0x01020300u, "warn|param str 1.2.3 is invalid\n"},
+        {"1.2..4", 0x01020000u, "warn|param str 1.2..4 is invalid\n"},
+        {"1 .2.3.4", 0x01000000u, "warn|param str 1 .2.3.4 is invalid\n"},
+        {"- 1.2.3.4", 0u, "warn|param str - 1.2.3.4 is invalid\n"},
+        {"", 0u, "warn|param str  is invalid\n"},
+        {nullptr, 0u, "warn|param str (null) is invalid\n"},
     };
-    Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc(&keepWarning));
+    Tarsel::TestSupport::CLogCapture log;
     for (const auto& c : cases) {
-        warnings.clear();
         const IpAddress ip = Utils::stringToIp(c.text);
         EXPECT_EQ(ip.value, c.value) << (c.text == nullptr ? "null" : c.text);
-        if (c.warning == nullptr) {
-            EXPECT_EQ(warnings, "");
-        } else {
-            EXPECT_NE(warnings.find(c.warning), std::string::npos) << warnings;
-        }
+        EXPECT_EQ(log.takeLeveled(), c.warning);
     }
-    Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc());
 }
 
 TEST(UtilsIp, WritesWhatItReads)

@@ -17,7 +17,8 @@ namespace Infra
 /// The reuse number that a delegate set last on the calling thread; 0 if none ever did.
 INFRA_API uint32_t getCurrentFunctionReuse();
 
-/// What a delegate holds. Any other value is a member function with that reuse number.
+/// What a delegate holds. The other values from 16 on are reuse numbers: a member function and its
+/// object, registered under that number.
 enum FunctionType : uint32_t
 {
     typeEmpty = 0,            ///< nothing
@@ -25,7 +26,8 @@ enum FunctionType : uint32_t
     typePointer = 2,          ///< a free function
     typeObject = 3,           ///< reserved
     typeReuse = 16,           ///< the first reuse number
-    typeAllReuse = 0xFFFFFFFF ///< every reuse number of one member and object; for detaching
+    typeAllReuse = 0xFFFFFFFF ///< every reuse number of one member and object, for detaching; the
+                              ///< value -1 in 32 unsigned bits
 };
 
 namespace Detail

@@ -31,16 +31,17 @@ INFRA_API SignalCall*& currentSignalCall();
 INFRA_API int signalThreadId();
 /// Gives the processor away while waiting for another thread's call; longer from round to round.
 INFRA_API void pauseForSignalCall(unsigned round);
-/// One line of a signal's table, at info level.
-INFRA_API void logSignalSlot(const void* signal, int index, int state, unsigned calls,
-                             const char* objectType, const void* object);
+/// One line of a signal's table, for a slot in use, at info level.
+INFRA_API void logSignalSlot(const void* signal, int index, unsigned calls, const char* objectType,
+                             const void* object);
 
 /// The slot table behind TSignal0 to TSignal8.
 ///
-/// Emission takes no lock. A slot's delegate is written only while its state is empty and its count
-/// is 0, both looked at under the mutex. An emitter first counts itself in and then looks at the
-/// state: if it reads `normal`, whoever would reuse the slot has to see the count. So a slot costs
-/// an emitter two atomic steps, and the delegate is called where it stands, without a copy.
+/// Emission takes no lock. A slot's state and its count of calls in progress share one word: an
+/// emitter counts itself in and sees that the slot is in use in one atomic step, so the count is
+/// never above 0 without a call. A delegate is written only while its slot is empty and its count
+/// 0. So a slot costs an emitter two atomic steps, and the delegate is called where it stands,
+/// without a copy.
 template <typename Proc_, typename... A>
 class TSignalTable
 {
@@ -84,8 +85,9 @@ public:
     TSignalTable& operator=(const TSignalTable&) = delete;
 
     /// Takes a slot for `proc`, so that the emissions from now on call it.
-    /// @return slots in use now (1 or more); errorEmptyProc, errorAllReuseProc, errorExist (an
-    ///         equal delegate is attached), errorFull
+    /// @return slots in use now (1 or more); errorEmptyProc, errorAllReuseProc; errorExist when an
+    ///         equal delegate is attached; errorFull when each slot is in use or, detached, still
+    ///         in a call
     int attach(const Proc& proc, SlotPosition position = any)
     {
         if (proc.empty()) {
@@ -103,7 +105,7 @@ public:
             return errorFull;
         }
         m_slots[index].proc = proc;
-        m_slots[index].state.store(slotStateNormal, std::memory_order_release);
+        m_slots[index].open();
         if (index >= m_slotsEverUsed.load(std::memory_order_relaxed)) {
             m_slotsEverUsed.store(index + 1, std::memory_order_release);
         }
@@ -154,12 +156,10 @@ public:
         CEmission emission;
         for (int i = 0; i < m_slotsEverUsed.load(std::memory_order_acquire); ++i) {
             SignalSlot& slot = m_slots[i];
-            if (slot.state.load(std::memory_order_relaxed) == slotStateNormal) {
+            if (slot.enter()) {
                 CCall call(emission, slot);
-                if (slot.state.load(std::memory_order_seq_cst) == slotStateNormal) {
-                    slot.proc(arguments...);
-                    slot.cost.store(0, std::memory_order_relaxed);
-                }
+                slot.proc(arguments...);
+                slot.cost.store(0, std::memory_order_relaxed);
             }
         }
     }
@@ -174,14 +174,14 @@ public:
             {
                 CGuard guard(m_mutex);
                 SignalSlot& slot = m_slots[i];
-                if (slot.state.load(std::memory_order_relaxed) != slotStateNormal) {
+                if (slot.state() != slotStateNormal) {
                     continue;
                 }
                 objectType = slot.proc.getObjectType();
                 object = slot.proc.getObject();
-                calls = slot.count.load(std::memory_order_relaxed);
+                calls = slot.count();
             }
-            logSignalSlot(this, i, slotStateNormal, calls, objectType, object);
+            logSignalSlot(this, i, calls, objectType, object);
         }
     }
 
@@ -189,9 +189,39 @@ private:
     struct SignalSlot
     {
         Proc proc;
-        std::atomic<int32_t> state{slotStateEmpty};
-        std::atomic<uint32_t> count{0}; ///< calls of this slot now in progress
+        /// Low half: the state. High half: the count of calls of this slot now in progress.
+        std::atomic<uint64_t> stateAndCount{slotStateEmpty};
         std::atomic<uint32_t> cost{0};
+
+        static constexpr uint64_t oneCall = uint64_t{1} << 32;
+
+        SlotState state() const
+        {
+            return static_cast<SlotState>(stateAndCount.load(std::memory_order_relaxed) % oneCall);
+        }
+        /// A call that is not counted any more is over, and all that it did is seen.
+        uint32_t count() const
+        {
+            return static_cast<uint32_t>(stateAndCount.load(std::memory_order_acquire) / oneCall);
+        }
+
+        /// Begins a call, if the slot is in use.
+        bool enter()
+        {
+            uint64_t now = stateAndCount.load(std::memory_order_relaxed);
+            while (now % oneCall == slotStateNormal) {
+                if (stateAndCount.compare_exchange_weak(
+                        now, now + oneCall, std::memory_order_acquire, std::memory_order_relaxed)) {
+                    return true;
+                }
+            }
+            return false;
+        }
+        void leave() { stateAndCount.fetch_sub(oneCall, std::memory_order_release); }
+
+        // The state changes under m_mutex only; `proc` is written before it opens.
+        void open() { stateAndCount.fetch_add(slotStateNormal, std::memory_order_release); }
+        void shut() { stateAndCount.fetch_sub(slotStateNormal, std::memory_order_relaxed); }
     };
 
     /// An emission, known to its thread while it lasts.
@@ -212,18 +242,17 @@ private:
         SignalCall m_call;
     };
 
-    /// One call of one slot, counted while it lasts, also when the callback throws.
+    /// One call of a slot that was entered. It leaves at the end, also when the callback throws.
     class CCall
     {
     public:
         CCall(CEmission& emission, SignalSlot& slot) : m_emission(emission), m_slot(slot)
         {
             m_emission.setSlot(&slot);
-            m_slot.count.fetch_add(1, std::memory_order_seq_cst);
         }
         ~CCall()
         {
-            m_slot.count.fetch_sub(1, std::memory_order_release);
+            m_slot.leave();
             m_emission.setSlot(nullptr);
         }
         CCall(const CCall&) = delete;
@@ -234,14 +263,11 @@ private:
         SignalSlot& m_slot;
     };
 
-    bool isUsedLocked(int index) const
-    {
-        return m_slots[index].state.load(std::memory_order_relaxed) == slotStateNormal;
-    }
+    bool isUsedLocked(int index) const { return m_slots[index].state() == slotStateNormal; }
 
     bool isFreeLocked(int index) const
     {
-        return !isUsedLocked(index) && m_slots[index].count.load(std::memory_order_seq_cst) == 0;
+        return !isUsedLocked(index) && m_slots[index].count() == 0;
     }
 
     int findLocked(const Proc& proc) const
@@ -286,7 +312,7 @@ private:
         bool found = false;
         for (int i = 0; i < m_numberMax; ++i) {
             if (isUsedLocked(i) && m_slots[i].proc == proc) {
-                m_slots[i].state.store(slotStateEmpty, std::memory_order_seq_cst);
+                m_slots[i].shut();
                 --m_number;
                 found = true;
                 if (!proc.allReuse()) {
@@ -310,8 +336,7 @@ private:
     /// again meanwhile holds another one and is nobody's concern here.
     bool isInsideLocked(const SignalSlot& slot, const Proc& proc) const
     {
-        return slot.state.load(std::memory_order_relaxed) == slotStateEmpty && slot.proc == proc &&
-               slot.count.load(std::memory_order_acquire) > ownCalls(slot);
+        return slot.state() == slotStateEmpty && slot.proc == proc && slot.count() > ownCalls(slot);
     }
 
     void waitForCalls(const Proc& proc)
@@ -343,7 +368,9 @@ private:
 ///
 /// Behaviour: calls run on the emitting thread, in slot order, without a lock held. A slot is found
 /// free again only when no call of it is in progress.
-/// Threads: attach, detach and emit from any thread at once; destroy when nobody uses it.
+/// Threads: attach, detach and emit from any thread at once; destroy when nobody uses it. A child
+/// of a fork must not use a signal that other threads of the parent were using: their calls stay
+/// counted, their lock stays held.
 /// Ownership: bound objects belong to the caller; `detach(proc, true)` returns when no other thread
 /// is inside a call, so that the object may then go.
 ///

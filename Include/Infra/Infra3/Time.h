@@ -141,21 +141,21 @@ public:
 
     /// Writes the time into `buf` in the form of `format`.
     ///
-    /// | in `format`       | written                                                              |
-    /// |-------------------|----------------------------------------------------------------------|
-    /// | run of y, M or d  | the next of year, month, day in the date order, whatever the letter  |
-    /// | run of H and h    | the hour; two digits from a run of two on, else as many as it has    |
-    /// | run of m, of s    | minute, second, likewise                                             |
-    /// | t                 | "AM" or "PM"; with 24 hours nothing, and blanks before it are dropped
-    /// | | - . /             | the date separator | | anything else     | itself |
+    /// | in `format`      | written                                                           |
+    /// |------------------|-------------------------------------------------------------------|
+    /// | run of y, M or d | the next of year, month, day in the date order                    |
+    /// | run of H and h   | the hour; two digits from a run of two on, else as many as needed |
+    /// | run of m, of s   | minute, second, likewise                                          |
+    /// | t                | "AM" or "PM"; with 24 hours nothing, and blanks before it go      |
+    /// | - . /            | the date separator                                                |
+    /// | anything else    | itself                                                            |
     ///
     /// All 'y' of the text together say how the year is written (three and more: four digits, else
     /// two), all 'M' and all 'd' how month and day are (two and more: two digits); what has no
     /// letter is left out. Date order, separator and 12 or 24 hours are the process-wide settings
     /// except where `mask` (FormatMask) takes them from `format`. Without all three letters the
     /// order cannot be taken from `format`: year, month, day is used and an error logged.
-    /// @param buf     room for the result and its NUL, which the caller provides; null logs an
-    /// error
+    /// @param buf     the caller's, with room for the result and its NUL; null is an error
     /// @param format  null is the default text (getFormat)
     void format(char* buf, const char* format, int mask) const;
 
@@ -166,7 +166,7 @@ public:
     /// the three of DateFormat the date stays as it is. With an 'h' in it, `buf` has to contain
     /// "PM" or "AM" and an hour up to 12. `mask` is not used.
     /// @return false after an error line when there are fewer numbers or the hour does not fit:
-    ///         then date and time are 0, `wday` and `isdst` as before
+    ///         date and time are 0 then, `wday` and `isdst` as before
     bool parse(const char* buf, const char* format, int mask);
 
     /// Sets the default text, and from it the process-wide separator ('.', '/' or '-', the first of
@@ -229,8 +229,9 @@ public:
     /// The same to the millisecond, by way of the second hook (setSysCurrentTimeEx by default).
     static bool setCurrentTime(const SystemTimeEx& time, int toleranceSeconds = 0);
 
-    /// Appends `proc` to the modify procedures; it cannot be taken away again. Returns true.
-    /// Procedures run on the thread that sets the time, in the order attached, without a lock held.
+    /// Appends `proc` to the modify procedures; it cannot be taken away again. True, or false for
+    /// an empty one, which is not stored. Procedures run on the thread that sets the time, in the
+    /// order attached, without a lock held.
     static bool attachModifyProc(ModifyProc proc);
 
     /// Installs a hook and returns the one before; an empty one sets nothing. `callModifyProc` says

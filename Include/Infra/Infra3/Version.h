@@ -11,7 +11,8 @@ namespace Infra
 
 /// What a library says of itself: name, version, revision of its sources and date of its build.
 ///
-/// Ownership: the record keeps copies. Threads: a value; `print` is safe from any thread.
+/// Ownership: the record keeps copies. Threads: a value; `print` is safe from any thread,
+/// setAppDate is not.
 class INFRA_API CVersion
 {
 public:
@@ -25,8 +26,8 @@ public:
     /// Logs at info level "[*] Infra 3.0.0.812148 Built in 2019/11/ 8 [*]".
     void print() const;
 
-    /// Sets the application's build date, in the form of the constructor. To be called once, at the
-    /// start.
+    /// Sets the application's build date, in the form of the constructor. Not safe beside readers
+    /// of `appDate`: to be called once, at the start.
     static void setAppDate(const char* dateString);
 
     char name[32];

@@ -80,6 +80,8 @@ public:
     explicit flex_string(const A&) noexcept {}
     flex_string(const flex_string& other) = default;
     flex_string(flex_string&& other) noexcept = default;
+    flex_string(const flex_string& other, const A&) : Storage(other) {}
+    flex_string(flex_string&& other, const A&) noexcept : Storage(std::move(other)) {}
     flex_string(const flex_string& other, size_type pos, size_type count = npos, const A& = A())
         : flex_string(other.view(pos, count))
     {}
@@ -107,7 +109,7 @@ public:
     flex_string& operator=(flex_string&& other) noexcept
     {
         if (this != &other) {
-            swap(other);
+            Storage::take(other);
             other.clear();
         }
         return *this;
@@ -124,12 +126,11 @@ public:
     flex_string& assign(const E* text, size_type count)
     {
         count = text == nullptr ? 0 : count;
-        if (count <= capacity()) {
-            Detail::moveText(data(), text, count);
-            Storage::setSize(count);
-        } else {
-            flex_string(text, count).swap(*this);
+        if (count > capacity()) {
+            Storage::reserve(checkedSize(count)); // and so `text` lies elsewhere
         }
+        Detail::moveText(data(), text, count);
+        Storage::setSize(count);
         return *this;
     }
     flex_string& assign(const E* text) { return assign(text, lengthOf(text)); }
@@ -143,7 +144,12 @@ public:
     template <typename It, typename = IfInput<It>>
     flex_string& assign(It first, It last)
     {
-        return *this = flex_string(first, last);
+        if constexpr (std::is_same<It, E*>::value || std::is_same<It, const E*>::value) {
+            return assign(first, static_cast<size_type>(last - first));
+        } else {
+            const flex_string text(first, last);
+            return assign(text.data(), text.size());
+        }
     }
     template <typename S, typename = IfText<S>>
     flex_string& assign(const S& text, size_type pos = 0, size_type count = npos)

@@ -7,7 +7,8 @@
 //     large   [ Storage | . . . . . . . . . . . . . |     32      ]    0 and ends the text
 //
 // An object begins small and becomes large when it needs more room. It never goes back, so that a
-// string that is filled again and again keeps its block; swapping and moving exchange the forms.
+// string that is filled again and again keeps its block. Only a swap exchanges the forms, and a
+// move that would have to allocate otherwise.
 
 #include <cstddef>
 #include <cstring>
@@ -122,6 +123,18 @@ public:
         memcpy(bytes, buf_, sizeof(buf_));
         memcpy(buf_, other.buf_, sizeof(buf_));
         memcpy(other.buf_, bytes, sizeof(buf_));
+    }
+
+    /// Takes the other's text over; what is left there is any sound text. A large string keeps its
+    /// block for a small text that fits in.
+    void take(SmallStringOpt& other) noexcept
+    {
+        if (!Small() && other.Small() && other.size() <= capacity()) {
+            Detail::moveText(data(), other.buf_, other.size());
+            setSize(other.size());
+        } else {
+            swap(other);
+        }
     }
 
 protected:

@@ -380,6 +380,9 @@ public:
 
     void swap(SimpleStringStorage& other) noexcept { std::swap(pData_, other.pData_); }
 
+    /// Takes the other's text over; what is left there is any sound text.
+    void take(SimpleStringStorage& other) noexcept { swap(other); }
+
 protected:
     /// True for an address within the text or at its end.
     bool contains(const E* address) const noexcept
