@@ -24,7 +24,7 @@ typedef Infra::TFunction2<void, void*, size_t> FreeMemFunc;
 /// a packet with memory of its own from the packet manager, a packet around a buffer of the caller,
 /// a part of another packet, which keeps that one alive, and a packet made without a buffer that is
 /// attached later. Sizes stay below 4 GiB. Extra data is meant for up to 255 bytes: a larger area
-/// is there, but its size reads modulo 256.
+/// is there, but its size reads modulo 256, and one that reads 0 counts as none.
 ///
 /// Failure: a packet that cannot be made is not valid, and the log says why. Everything on such a
 /// packet gives 0, null or false.

@@ -351,13 +351,19 @@ bool attachPrint(PrintProc proc)
 bool detachPrint(PrintProc proc)
 {
     CGuard guard(receivers().receiverMutex);
-    ProcedureList list = copiedProceduresLocked();
-    const auto entry = std::find(list.begin(), list.end(), proc);
-    if (entry == list.end()) {
+    const std::shared_ptr<const ProcedureList>& procedures = receivers().procedures;
+    if (procedures == nullptr ||
+        std::find(procedures->begin(), procedures->end(), proc) == procedures->end()) {
         return false;
     }
-    list.erase(entry);
-    replaceProceduresLocked(std::move(list));
+    try {
+        // The last one goes without asking for memory.
+        ProcedureList list = procedures->size() == 1 ? ProcedureList() : copiedProceduresLocked();
+        list.erase(std::remove(list.begin(), list.end(), proc), list.end());
+        replaceProceduresLocked(std::move(list));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     return true;
 }
 

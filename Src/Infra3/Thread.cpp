@@ -378,6 +378,12 @@ bool CThread::destroyThread()
             break;
         }
     }
+    // The body posts a moment before it is over.
+    for (uint64_t round = 0; record.m_running.load(std::memory_order_acquire) != 0 &&
+                             record.m_destroyed.load(std::memory_order_relaxed);
+         ++round) {
+        waitABit(round);
+    }
     return true;
 }
 

@@ -16,7 +16,6 @@
 #include "Infra3/Fork.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/Singleton.h"
-#include "Infra3/ThreadId.h"
 #include "Infra3/ThreadInternal.h"
 
 namespace Tarsel
@@ -26,11 +25,22 @@ namespace Infra
 namespace
 {
 
-/// Runs on any thread at any instruction, on stacks of 16 KB, nested: it does as little as can be.
+constinit thread_local volatile sig_atomic_t t_pausing = 0;
+
+/// Set on the controller's own thread, for which nobody may wait there.
+constinit thread_local bool t_isController = false;
+
+/// Runs on any thread at any instruction, on stacks of 16 KB: it does as little as can be. The signal
+/// may come again meanwhile, and on a busy machine again and again: one pause stands for all of them.
 void pauseThread(int)
 {
+    if (t_pausing != 0) {
+        return;
+    }
     const int error = errno;
+    t_pausing = 1;
     CThread::sleep(1);
+    t_pausing = 0;
     errno = error;
 }
 
@@ -153,7 +163,7 @@ bool CThreadLoadingController::tryToStart()
 {
     const CLogHold hold;
     CGuard guard(m_switchMutex);
-    if (looping() || isIdle() || getThreadID() == getCurrentThreadID()) {
+    if (looping() || isIdle() || t_isController) {
         return true;
     }
     if (!isThreadOver()) {
@@ -189,13 +199,14 @@ void CThreadLoadingController::stopIfIdle()
 /// That thread itself does not wait.
 void CThreadLoadingController::waitForEnd()
 {
-    while (!isThreadOver() && !looping() && getThreadID() != getCurrentThreadID()) {
+    while (!isThreadOver() && !looping() && !t_isController) {
         CThread::sleep(1);
     }
 }
 
 void CThreadLoadingController::threadProc()
 {
+    t_isController = true;
     while (looping()) {
         controlOnce();
         CThread::sleep(1);
@@ -223,7 +234,7 @@ void CThreadLoadingController::controlOnce()
 void forgetThreadLimit()
 {
     CThreadLoadingController* const controller = TSingleton<CThreadLoadingController>::existing();
-    if (controller != nullptr && controller->getThreadID() != currentThreadId()) {
+    if (controller != nullptr && !t_isController) {
         controller->removeThread(pthread_self());
     }
 }

@@ -6,6 +6,7 @@
 #include "Infra/Infra3/ThreadManager.h"
 
 #include <cstring>
+#include <new>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/Time.h"
@@ -29,7 +30,7 @@ ThreadManagerInternal* ThreadManagerInternal::instance()
 }
 
 ThreadManagerInternal::ThreadManagerInternal()
-    : m_pHead(nullptr), m_mainThreadID(-1), m_pRecords(nullptr)
+    : m_pHead(nullptr), m_mainThreadID(-1), m_pRecords(nullptr), m_outsideHash(0)
 {
     static constexpr ForkPart forkPart = {prepareFork, resumeParent, resumeChild};
     joinFork(ForkRank::threads, forkPart);
@@ -82,7 +83,11 @@ bool ThreadManagerInternal::addThread(ThreadInternal* thread)
         m_pHead->m_pPrev = thread;
     }
     m_pHead = thread;
-    m_byId[thread->m_ID.load(std::memory_order_relaxed)] = thread;
+    try {
+        m_byId[thread->m_ID.load(std::memory_order_relaxed)] = thread;
+    } catch (const std::bad_alloc&) {
+        ++m_outsideHash; // it is found by walking the list then
+    }
     return true;
 }
 
@@ -90,7 +95,9 @@ bool ThreadManagerInternal::removeThread(ThreadInternal* thread)
 {
     CGuard guard(m_mutex);
     unlinkLocked(thread);
-    m_byId.erase(thread->m_ID.load(std::memory_order_relaxed));
+    if (m_byId.erase(thread->m_ID.load(std::memory_order_relaxed)) == 0) {
+        --m_outsideHash;
+    }
     return true;
 }
 
@@ -111,7 +118,14 @@ void ThreadManagerInternal::unlinkLocked(ThreadInternal* thread)
 ThreadInternal* ThreadManagerInternal::findLocked(int id) const
 {
     const auto entry = m_byId.find(id);
-    return entry == m_byId.end() ? nullptr : entry->second;
+    if (entry != m_byId.end() || m_outsideHash == 0) {
+        return entry == m_byId.end() ? nullptr : entry->second;
+    }
+    ThreadInternal* thread = m_pHead;
+    while (thread != nullptr && thread->m_ID.load(std::memory_order_relaxed) != id) {
+        thread = thread->m_pNext;
+    }
+    return thread;
 }
 
 ThreadInternal* ThreadManagerInternal::getThread(int id)
@@ -231,6 +245,7 @@ void ThreadManagerInternal::forgetOtherThreads()
     CGuard guard(m_mutex);
     m_mainThreadID = -1;
     m_byId.clear();
+    m_outsideHash = 0;
     while (m_pHead != nullptr) {
         unlinkLocked(m_pHead);
     }
@@ -243,7 +258,7 @@ void ThreadManagerInternal::forgetOtherThreads()
     if (self != nullptr) {
         self->m_ID.store(currentThreadId(), std::memory_order_relaxed);
         m_pHead = self;
-        m_byId[currentThreadId()] = self;
+        m_outsideHash = 1; // the child of a fork makes no memory its business
     }
 }
 

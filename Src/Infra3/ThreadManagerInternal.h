@@ -17,8 +17,9 @@ namespace Infra
 
 struct ThreadInternal;
 
-/// Always true while m_mutex is free: the list from m_pHead holds exactly the records in m_byId,
-/// each once, newest first; every one of them is also in the list from m_pRecords.
+/// Always true while m_mutex is free: the list from m_pHead holds exactly the records in m_byId, and
+/// m_outsideHash more, each once, newest first; every one of them is also in the list from
+/// m_pRecords.
 struct ThreadManagerInternal
 {
     static ThreadManagerInternal* instance();
@@ -57,6 +58,7 @@ struct ThreadManagerInternal
 
     ThreadInternal* m_pRecords;
     std::unordered_map<int, ThreadInternal*> m_byId;
+    int m_outsideHash; ///< threads of the list that there was no memory for in m_byId
 
 private:
     ThreadInternal* findLocked(int id) const;

@@ -148,6 +148,7 @@ private:
     bool handOutLocked(TimerInternal& timer);
     void insertLocked(TimerInternal& timer);
     void removeLocked(TimerInternal& timer);
+    void idleAllTimersLocked();
     bool ensureSchedulerLocked();
 
     CTimerThread* getTimerThreadLocked();

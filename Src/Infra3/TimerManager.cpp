@@ -254,6 +254,12 @@ void TimerManagerInternal::removeLocked(TimerInternal& timer)
     timer.m_Started.store(false, std::memory_order_release);
 }
 
+void TimerManagerInternal::idleAllTimersLocked()
+{
+    m_schedule.clear(
+        [](TimerInternal& timer) { timer.m_Started.store(false, std::memory_order_release); });
+}
+
 /// The scheduler is missing when its thread could not be made so far, or stayed behind in the
 /// parent of a fork.
 bool TimerManagerInternal::ensureSchedulerLocked()
@@ -421,9 +427,7 @@ void TimerManagerInternal::stopSchedulerAndWorkers()
     {
         const CLogHold hold;
         CRecursiveGuard guard(sm_mutex());
-        for (TimerInternal* timer : m_schedule.sorted()) {
-            removeLocked(*timer);
-        }
+        idleAllTimersLocked();
         trimPoolLocked(0);
     }
     for (;;) {
@@ -474,9 +478,7 @@ void TimerManagerInternal::resumeChild()
 void TimerManagerInternal::forgetThreads()
 {
     CRecursiveGuard guard(sm_mutex());
-    for (TimerInternal* timer : m_schedule.sorted()) {
-        removeLocked(*timer);
-    }
+    idleAllTimersLocked();
     CTimerThread* busy = m_headBusy;
     m_headBusy = nullptr;
     while (busy != nullptr) {

@@ -154,6 +154,15 @@ void CTimerSchedule::advance(uint64_t now)
     m_now = now;
 }
 
+TimerInternal* CTimerSchedule::anyTimer() const
+{
+    if (m_dueHead != nullptr) {
+        return m_dueHead;
+    }
+    const int level = lowestOccupiedLevel();
+    return level == levelCount ? nullptr : m_slots[level][__builtin_ctzll(m_occupied[level])];
+}
+
 std::vector<TimerInternal*> CTimerSchedule::sorted() const
 {
     std::vector<TimerInternal*> timers;

@@ -45,6 +45,10 @@ public:
     /// The first timer whose time is below the last `now`, or null.
     TimerInternal* firstDue() const { return m_dueHead; }
 
+    /// Takes all timers out and calls `each` for every one. Needs no memory.
+    template <typename Each>
+    void clear(const Each& each);
+
     /// All timers in order. Costs as much as sorting them.
     std::vector<TimerInternal*> sorted() const;
     /// Checks the invariants above, for tests.
@@ -71,7 +75,18 @@ private:
     TimerInternal* m_dueTail = nullptr;
     uint64_t m_occupied[levelCount] = {};
     TimerInternal* m_slots[levelCount][slotCount] = {};
+
+    TimerInternal* anyTimer() const;
 };
+
+template <typename Each>
+void CTimerSchedule::clear(const Each& each)
+{
+    while (TimerInternal* const timer = anyTimer()) {
+        remove(*timer);
+        each(*timer);
+    }
+}
 
 } // namespace Infra
 } // namespace Tarsel

@@ -100,6 +100,7 @@ void useTheLibrary()
 
 TEST(ForkTest, TheChildUsesAndEndsWhatItInheritedWhileThreadsAreBusy)
 {
+    INFRA_NEEDS_A_HEAP_THAT_FORKS();
     const TestSupport::ChildResult result = runInChild([] {
         std::atomic<bool> stop{false};
         std::vector<std::thread> busy;

@@ -95,9 +95,9 @@ TEST(ThreadTest, RunsAreStartedAndStoppedWithTheResultsOfTheirState)
     EXPECT_FALSE(thread.createThread());
     EXPECT_TRUE(log.contains(" CThread::CreateThread() thread:worker is still running!\n"));
     EXPECT_TRUE(thread.destroyThread());
+    EXPECT_TRUE(thread.isThreadOver());
     EXPECT_FALSE(thread.destroyThread());
     EXPECT_TRUE(log.contains(" CThread::DestroyThread() thread:worker has been destroyed!\n"));
-    EXPECT_TRUE(eventually([&] { return thread.isThreadOver(); }));
 
     EXPECT_TRUE(thread.createThread()); // waits for the end of the run before
     EXPECT_TRUE(thread.cancelThread());
@@ -452,6 +452,35 @@ TEST(LoadControllerTest, OnlyPercentagesAreTakenAndTheThreadLivesWhileOneIsLimit
         flipper.join();
     }
     EXPECT_TRUE(eventually([&] { return !controllerRuns(); }));
+}
+
+TEST(LoadControllerTest, ABusyMachineDoesNotPileUpPausesOnASmallStack)
+{
+    CLogCapture log;
+    CLoopThread thread("limited", CThread::priorBottom, CThread::policyNormal, 64 * 1024);
+    thread.enableStackSize();
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> burners;
+    for (int i = 0; i < 3; ++i) {
+        burners.emplace_back([&stop] {
+            while (!stop) {
+            }
+        });
+    }
+    std::atomic<int> rounds{0};
+    thread.onRound = [&rounds] {
+        if (rounds++ == 0) {
+            CThread::load(10);
+        }
+    };
+    EXPECT_TRUE(thread.startAndWait());
+    EXPECT_TRUE(eventually([&rounds] { return rounds > 20; }));
+    EXPECT_TRUE(thread.destroyThread());
+    EXPECT_TRUE(thread.isThreadOver());
+    stop = true;
+    for (std::thread& burner : burners) {
+        burner.join();
+    }
 }
 
 TEST(LoadControllerTest, AnotherHandlerForTheSignalEndsTheProcess)

@@ -16,6 +16,7 @@
 
 #include "Infra/Infra3/Error.h"
 #include "Infra3/LeafMutex.h"
+#include "Support/ChildProcess.h"
 #include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 #include "Support/SystemClock.h"
@@ -641,11 +642,13 @@ void forkWhileLocalTimeIsTaken()
 
 TEST(TimeTest, AChildOfAForkCanTakeTheLocalTime)
 {
+    INFRA_NEEDS_A_HEAP_THAT_FORKS();
     INFRA_IN_FRESH_PROCESS(forkWhileLocalTimeIsTaken);
 }
 
 TEST(TimeTest, AChildOfAForkFindsEveryLockFree)
 {
+    INFRA_NEEDS_A_HEAP_THAT_FORKS();
     INFRA_IN_FRESH_PROCESS(forkWhileLocksAreTaken);
 }
 

@@ -373,11 +373,13 @@ TEST(TimerPoolTest, WorkersGrowWithTheCallsAndAreTrimmedToTheLimit)
     for (int i = 0; i < calls; ++i) {
         gate.post();
     }
+    for (int i = 0; i < calls; ++i) { // all through the gate before any comes again
+        EXPECT_TRUE(callbacks[i].called());
+        timers[i]->stopAndWait();
+    }
     EXPECT_TRUE(eventually([] { return threadsNamed("[Pooled]").size() == 2; }));
     CTimerManager::instance()->limitIdlePooled(0);
     for (int i = 0; i < calls; ++i) {
-        EXPECT_TRUE(callbacks[i].called());
-        timers[i]->stopAndWait();
         EXPECT_TRUE(timers[i]->start(callbacks[i].proc(), 0, 0));
     }
     for (int i = 0; i < calls; ++i) {

@@ -687,6 +687,7 @@ TEST(PacketManagerExit, AThreadMayGoOnMakingPackets)
 
 TEST(PacketManagerFork, TheChildCanUseThePoolWhateverOtherThreadsDid)
 {
+    INFRA_NEEDS_A_HEAP_THAT_FORKS();
     inChild([] {
         usePool(1 << 20, 1024);
         std::atomic<bool> over{false};

@@ -135,7 +135,8 @@ INFRA_API int setLogPrinter(LogPrinterProc printer);
 /// Procedures are called on the logging thread, in the order attached, without a lock held: they
 /// may log, attach and detach.
 INFRA_API bool attachPrint(PrintProc proc);
-/// Removes `proc` from the print procedures; false when it is not there. Another thread may be
+/// Removes `proc` from the print procedures; false when it is not there, or when it is one of several
+/// and there is no memory for the list of the others. Another thread may be
 /// inside the procedure for the length of one more call.
 INFRA_API bool detachPrint(PrintProc proc);
 
