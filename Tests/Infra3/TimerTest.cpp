@@ -136,6 +136,11 @@ TEST(TimerScheduleTest, AgreesWithASortedListAtEveryStep)
         ASSERT_EQ(schedule.firstDue() != nullptr,
                   !model.empty() && model.front()->m_CallTime < now);
     }
+    size_t cleared = 0;
+    schedule.clear([&cleared](TimerInternal&) { ++cleared; });
+    EXPECT_EQ(cleared, model.size());
+    EXPECT_TRUE(schedule.isSound());
+    EXPECT_TRUE(schedule.sorted().empty());
 }
 
 TEST(TimerTest, AOneShotTimerCallsOnceAndLeavesTheSchedule)
