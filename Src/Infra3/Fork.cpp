@@ -67,7 +67,7 @@ void resumeChild()
             call(s_taken[rank]->child);
         }
     }
-    pthread_mutex_init(&s_forkMutex, nullptr);
+    pthread_mutex_unlock(&s_forkMutex); // this very thread took it
 }
 
 void registerHandlers()
