@@ -324,7 +324,12 @@ bool flow(const std::string& from, const std::string& to, Counters& counters)
     CReader reader(file, handOver, counters);
     CWriter writer(copy, handOver, counters);
     CProgress progress(counters, unknownSize ? 0 : size);
-    if (!writer.start() || !reader.start()) {
+    // The writer starts late, so that the pool runs dry at least once.
+    const bool reading = reader.start();
+    while (reading && !reader.done() && counters.dryTicks == 0) {
+        CThreadLite::sleep(1);
+    }
+    if (!reading || !writer.start()) {
         fprintf(stderr, "Flow: no threads to be had\n");
         return false;
     }
