@@ -26,8 +26,8 @@ namespace Tarsel
 namespace Infra
 {
 
-/// Always true: count(state) is 0 to INT_MAX, and waiters(state) is at least the number of threads
-/// asleep on the count.
+/// Always true: the count is 0 to INT_MAX, and the waiters are at least the threads that are asleep
+/// on it.
 struct SemaphoreInternal
 {
     std::atomic<uint64_t> state;

@@ -21,7 +21,7 @@ namespace Infra
 CRecursiveMutex& singletonMutex();
 
 /// Has `atExit` called when the process exits; a failure is logged as "atexit failed!\n" and
-/// otherwise left alone. Call it without a lock held.
+/// otherwise left alone.
 void registerExit(void (*atExit)());
 
 /// The one T of the process. `instance()` is one atomic load once T exists; safe from any thread.

@@ -25,11 +25,12 @@ struct ThreadInternal;
 /// | stopping | waits, then running| false, warning  | waits for the end, once     |
 ///
 /// Stopping is a request: threadProc() has to return when looping() turns false. destroyThread()
-/// called by the thread itself does not wait; createThread() or destruction by the thread itself
-/// would wait for ever.
+/// or destruction by the thread itself, which exit() brings about, does not wait; createThread() by
+/// the thread itself would wait for ever.
 /// Threads: safe from any thread, but for destruction.
 /// Ownership: a subclass whose threadProc() uses its own members must call destroyThread() in its
-/// own destructor: when the base's destructor runs, those members are gone.
+/// own destructor: when the base's destructor runs, those members are gone. Where somebody else may
+/// have called it first, it does not wait, and the destructor has to wait for isThreadOver().
 ///
 ///     class CReader : public CThread
 ///     {
