@@ -42,7 +42,7 @@ ROWS = [
     ]),
     ("Memory", [
         r"Memory/(Buffer|BuddyMath|CopyBytes|MemPool|RefCount|ScopedPtr)\.\w+",
-        r"Memory/((Old)?Packet\w*|SharePacketSeam)\.\w+",
+        r"Memory/((Old)?Packet\w*|PoolLock|SharePacketSeam)\.\w+",
     ]),
     ("Memory/ShareMem, packets", [r"Memory/(ShareMem/)?SharePacket\w*\.\w+"]),
     ("Component", [r"Component/.*"]),

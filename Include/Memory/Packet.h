@@ -3,7 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
+#include "Infra/Infra3/AtomicCount.h"
 #include "Infra/Infra3/Detail/Export.h"
 #include "Infra/Infra3/Function.h"
 
@@ -60,18 +62,40 @@ public:
     /// is not valid.
     CPacket(const CPacket& parent, size_t offset, size_t size, size_t extraSize);
 
-    CPacket(const CPacket& other);
+    CPacket(const CPacket& other) noexcept : m_internal(other.m_internal)
+    {
+        if (m_internal != nullptr) {
+            ++handlesOf(m_internal);
+        }
+    }
     /// Takes over; `other` is no longer valid.
     CPacket(CPacket&& other) noexcept : m_internal(other.m_internal) { other.m_internal = nullptr; }
     /// Shares `other`'s buffer. Its reference is taken first and the old buffer let go last, so a
     /// free function called on the way finds the handle whole, on the new buffer already. Handles
     /// of one buffer change nothing.
-    CPacket& operator=(const CPacket& other);
-    CPacket& operator=(CPacket&& other) noexcept;
-    virtual ~CPacket();
+    CPacket& operator=(const CPacket& other)
+    {
+        if (m_internal != other.m_internal) {
+            CPacket taken(other);
+            std::swap(m_internal, taken.m_internal);
+        }
+        return *this;
+    }
+    CPacket& operator=(CPacket&& other) noexcept
+    {
+        CPacket taken(std::move(other));
+        std::swap(m_internal, taken.m_internal);
+        return *this;
+    }
+    virtual ~CPacket()
+    {
+        if (m_internal != nullptr && handlesOf(m_internal).dropsLast()) {
+            destroy(m_internal);
+        }
+    }
 
     /// Lets go of the buffer; the handle is no longer valid.
-    void reset();
+    void reset() { CPacket taken(std::move(*this)); }
     bool valid() const { return m_internal != nullptr; }
 
     /// Appends as much of `data` as there is room for and returns how much that was; 0 when `data`
@@ -89,6 +113,15 @@ public:
 
 private:
     friend class PacketInternal;
+
+    /// How many handles there are. Every implementation keeps that right behind the pointer to its
+    /// table of functions, so copying a handle costs its atomic step and nothing else.
+    static Infra::CAtomicCount& handlesOf(PacketInternal* internal)
+    {
+        return *reinterpret_cast<Infra::CAtomicCount*>(reinterpret_cast<char*>(internal) +
+                                                       sizeof(void*));
+    }
+    static void destroy(PacketInternal* internal);
 
     PacketInternal* m_internal;
 };

@@ -49,7 +49,7 @@ public:
     static T* existing() { return s_object.load(std::memory_order_acquire); }
 
 private:
-    static T* make()
+    [[gnu::cold, gnu::noinline]] static T* make()
     {
         bool mine = false;
         T* const object = makeLocked(&mine);

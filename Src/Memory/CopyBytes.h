@@ -3,42 +3,42 @@
 
 // The one place where the library copies payload.
 
-#include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 
 namespace Tarsel
 {
 namespace Memory
 {
+namespace Detail
+{
+
+constexpr size_t mediumCopy = 512;
+constexpr size_t largeCopy = size_t{1} << 20;
+
+/// One of the ways to copy from mediumCopy to largeCopy bytes.
+typedef void CopyMedium(char* target, const char* source, size_t length);
+
+CopyMedium copyWithAvx2; ///< only where the processor has it
+CopyMedium copyInPieces;
+/// The best of them for this processor.
+CopyMedium copyMedium;
+
+} // namespace Detail
 
 /// Copies `length` bytes that do not overlap.
 ///
-/// From a few KB on the system's copy is the processor's string move. Where the destination lies 1
-/// to 31 bytes behind the source, modulo a page, that one drops to about 3 GB/s, a thirtieth of its
-/// speed: every load seems to depend on a store just made. Short copies use plain vector moves, so
-/// there the work is done in short pieces.
+/// The system's copy is the right one for the short, and for those beyond the caches, where it
+/// streams. In between it uses the processor's string move, which takes its time to start, and
+/// where the target lies 1 to 31 bytes behind the source, modulo a page, drops to a thirtieth of
+/// its speed, because every load seems to depend on a store just made. There vector moves are at
+/// least as fast at every distance.
 inline void copyBytes(void* target, const void* source, size_t length)
 {
-    if (length == 0) {
-        return; // perhaps of nothing to nothing, which memcpy may not be asked for
-    }
-    constexpr size_t pageSize = 4096;
-    constexpr size_t slowDistances = 31;
-    constexpr size_t longCopy = 2048;
-    constexpr size_t piece = 1024;
-
-    char* to = static_cast<char*>(target);
-    const char* from = static_cast<const char*>(source);
-    const size_t distance =
-        (reinterpret_cast<uintptr_t>(to) - reinterpret_cast<uintptr_t>(from)) % pageSize;
-    if (length < longCopy || distance - 1 >= slowDistances) {
-        memcpy(to, from, length);
-        return;
-    }
-    for (size_t done = 0; done < length; done += piece) {
-        memcpy(to + done, from + done, std::min(piece, length - done));
+    if (length >= Detail::mediumCopy && length <= Detail::largeCopy) {
+        Detail::copyMedium(static_cast<char*>(target), static_cast<const char*>(source), length);
+    } else if (length != 0) { // else perhaps from nowhere, which memcpy may not be asked for
+        memcpy(target, source, length);
     }
 }
 

@@ -29,24 +29,12 @@ constexpr size_t recordSize = sizeof(OldPacketInternal);
 constexpr size_t recordAlign = alignof(OldPacketInternal);
 static_assert(recordSize % recordAlign == 0 && sizeof(CPacket) % recordAlign == 0);
 
-bool fits(size_t first, size_t second)
-{
-    return first <= largestPacket && second <= largestPacket - first;
-}
-
 /// Bytes of the tail behind `extraSize`; SIZE_MAX when they cannot be counted.
 size_t tailSize(const PacketManagerInternal& manager, size_t extraSize)
 {
     const size_t content = Infra::saturatedSum(extraSize, recordSize);
     const size_t tail = manager.getAlignedSize(content);
     return tail < content ? SIZE_MAX : tail;
-}
-
-/// Whether payload and tail, rounded as they are laid out, make one block.
-bool isPossible(const PacketManagerInternal& manager, size_t size, size_t tail)
-{
-    return size <= largestPacket && fits(manager.getAlignedSize(size), tail) &&
-           fits(manager.getAlignedSize(size) + tail, recordAlign);
 }
 
 void* recordAt(uint8_t* blockEnd)
@@ -96,7 +84,7 @@ OldPacketInternal::OldPacketInternal(const Area& area, PacketType type)
 
 OldPacketInternal* OldPacketInternal::create(size_t size, size_t extraSize)
 {
-    const PacketManagerInternal& manager = *PacketManagerInternal::instance();
+    PacketManagerInternal& manager = *PacketManagerInternal::instance();
     const CPacketManager::Policy policy = manager.getPolicy();
     const bool inOneBlock =
         policy == CPacketManager::policySystem || policy == CPacketManager::policyPool;
@@ -104,24 +92,25 @@ OldPacketInternal* OldPacketInternal::create(size_t size, size_t extraSize)
         INFRA_LOG_DEBUG("tracepoint:\n");
         return nullptr;
     }
-    const size_t tail = tailSize(manager, extraSize);
-    return inOneBlock ? createInOneBlock(size, extraSize, tail)
-                      : createInTwoBlocks(size, extraSize, tail);
+    return inOneBlock ? createInOneBlock(manager, size, extraSize)
+                      : createInTwoBlocks(manager, size, extraSize);
 }
 
-OldPacketInternal* OldPacketInternal::createInOneBlock(size_t size, size_t extraSize, size_t tail)
+inline OldPacketInternal* OldPacketInternal::createInOneBlock(PacketManagerInternal& manager,
+                                                              size_t size, size_t extraSize)
 {
-    PacketManagerInternal& manager = *PacketManagerInternal::instance();
     const bool isPooled = manager.getPolicy() == CPacketManager::policyPool;
-    const bool canBe = isPossible(manager, size, tail);
+    const bool canBe = size <= largestPacket && extraSize <= largestPacket;
+    const size_t tail = manager.getAlignedSize(extraSize + recordSize);
     const size_t total = manager.getAlignedSize(size) + tail;
     // A pool's blocks end where a record may end; they are not asked for more.
     const size_t padding = isPooled ? 0 : Infra::roundUp(total, recordAlign) - total;
 
-    size_t granted = canBe ? total + padding : beyondEveryPool;
+    const bool isPossible = canBe && total <= largestPacket - recordAlign;
+    size_t granted = isPossible ? total + padding : beyondEveryPool;
     uint8_t* block = nullptr;
     // Primitives are not asked for what they cannot have; the pool is, for it says so.
-    if (canBe || isPooled) {
+    if (isPossible || isPooled) {
         block = static_cast<uint8_t*>(manager.malloc(&granted));
     }
     if (block == nullptr) {
@@ -133,9 +122,10 @@ OldPacketInternal* OldPacketInternal::createInOneBlock(size_t size, size_t extra
         OldPacketInternal({block, size, capacity, block + capacity, extraSize}, ptNormal);
 }
 
-OldPacketInternal* OldPacketInternal::createInTwoBlocks(size_t size, size_t extraSize, size_t tail)
+OldPacketInternal* OldPacketInternal::createInTwoBlocks(PacketManagerInternal& manager, size_t size,
+                                                        size_t extraSize)
 {
-    PacketManagerInternal& manager = *PacketManagerInternal::instance();
+    const size_t tail = tailSize(manager, extraSize);
     size_t granted = size <= largestPacket ? size : beyondEveryPool;
     uint8_t* payload = nullptr;
     if (size != 0) {
@@ -230,6 +220,21 @@ OldPacketInternal* OldPacketInternal::createApart(const Area& area, PacketType t
 
 // Ending ---------------------------------------------------------------------------------------
 
+/// What the packet owes to others: its parent's handle, the caller's function.
+inline OldPacketInternal::~OldPacketInternal()
+{
+    if (m_refBufFlag) {
+        std::free(m_extra);
+        if (m_buffer != nullptr && !m_refBufFun.empty()) {
+            m_refBufFun(m_refBufArg, m_capacity);
+        }
+    } else if (m_type == ptPacket && m_packet != nullptr) {
+        m_packet->~CPacket();
+    } else if (m_type == ptBuffer && !m_func.empty()) {
+        m_func(m_buffer, m_size);
+    }
+}
+
 void OldPacketInternal::destroy()
 {
     OldPacketInternal* ending = this;
@@ -287,22 +292,7 @@ OldPacketInternal* OldPacketInternal::dropHandle(PacketInternal* internal)
         return nullptr;
     }
     OldPacketInternal* old = static_cast<OldPacketInternal*>(internal);
-    return --old->m_refCount == 0 ? old : nullptr;
-}
-
-/// What the packet owes to others: its parent's handle, the caller's function.
-OldPacketInternal::~OldPacketInternal()
-{
-    if (m_refBufFlag) {
-        std::free(m_extra);
-        if (m_buffer != nullptr && !m_refBufFun.empty()) {
-            m_refBufFun(m_refBufArg, m_capacity);
-        }
-    } else if (m_type == ptPacket && m_packet != nullptr) {
-        m_packet->~CPacket();
-    } else if (m_type == ptBuffer && !m_func.empty()) {
-        m_func(m_buffer, m_size);
-    }
+    return old->m_refCount.dropsLast() ? old : nullptr;
 }
 
 // Payload --------------------------------------------------------------------------------------

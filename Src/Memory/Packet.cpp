@@ -2,8 +2,6 @@
 
 #include "Memory/Packet.h"
 
-#include <utility>
-
 #include "Infra3/LogFront.h"
 #include "Memory/PacketInternal.h"
 #include "Memory/PacketManagerInternal.h"
@@ -101,39 +99,9 @@ CPacket::CPacket(const CPacket& parent, size_t offset, size_t size, size_t extra
     : m_internal(PacketInternal::create(parent, offset, size, extraSize))
 {}
 
-CPacket::CPacket(const CPacket& other) : m_internal(other.m_internal)
+void CPacket::destroy(PacketInternal* internal)
 {
-    if (m_internal != nullptr) {
-        m_internal->addRef();
-    }
-}
-
-CPacket& CPacket::operator=(const CPacket& other)
-{
-    if (m_internal != other.m_internal) {
-        CPacket taken(other);
-        std::swap(m_internal, taken.m_internal);
-    }
-    return *this;
-}
-
-CPacket& CPacket::operator=(CPacket&& other) noexcept
-{
-    CPacket taken(std::move(other));
-    std::swap(m_internal, taken.m_internal);
-    return *this;
-}
-
-CPacket::~CPacket()
-{
-    if (m_internal != nullptr) {
-        m_internal->release();
-    }
-}
-
-void CPacket::reset()
-{
-    CPacket taken(std::move(*this));
+    internal->destroy();
 }
 
 size_t CPacket::putBuffer(void* data, size_t len)

@@ -15,6 +15,8 @@ namespace Tarsel
 namespace Memory
 {
 
+class PacketManagerInternal;
+
 /// The implementation behind CPacket. It lives from its creation, with one reference, to the
 /// `release` that drops the last one, which runs `destroy` on that thread.
 class PacketInternal
@@ -86,7 +88,7 @@ public:
     void addRef() override { ++m_refCount; }
     void release() override
     {
-        if (--m_refCount == 0) {
+        if (m_refCount.dropsLast()) {
             destroy();
         }
     }
@@ -122,8 +124,10 @@ private:
     OldPacketInternal(const OldPacketInternal&) = delete;
     OldPacketInternal& operator=(const OldPacketInternal&) = delete;
 
-    static OldPacketInternal* createInOneBlock(size_t size, size_t extraSize, size_t tail);
-    static OldPacketInternal* createInTwoBlocks(size_t size, size_t extraSize, size_t tail);
+    static OldPacketInternal* createInOneBlock(PacketManagerInternal& manager, size_t size,
+                                               size_t extraSize);
+    static OldPacketInternal* createInTwoBlocks(PacketManagerInternal& manager, size_t size,
+                                                size_t extraSize);
     static OldPacketInternal* createApart(const Area& area, PacketType type);
     OldPacketInternal* destroyOne();
     static OldPacketInternal* dropHandle(PacketInternal* internal);

@@ -10,9 +10,10 @@
 // Pool:      one block of sm_memop's, cut into chunks, run as a binary buddy allocator. It is made
 //            when it is needed and not there: right after the manager, and again after exit, where
 //            it is given back if nothing is handed out.
-// Locks:     m_Mutex guards marks, lists and counters of the pool. It is a leaf: no log line, no
-//            memory primitive and nothing else of the application is called while it is held, nor
-//            while any other lock of the library is.
+// Locks:     m_lock (PoolLock.h) guards marks, lists and counters of the pool; m_Mutex is where
+//            those wait who find it held. It is a leaf: no log line, no memory primitive and
+//            nothing else of the application is called while it is held, nor while any other lock
+//            of the library is.
 // Failures:  a dry pool is a warning and null; a block that is not one of ours ends the process.
 
 #include <atomic>
@@ -21,8 +22,11 @@
 
 #include "Infra/Infra3/Mutex.h"
 #include "Infra3/Arithmetic.h"
+#include "Infra3/PlainShared.h"
 #include "Infra3/Singleton.h"
+#include "Memory/CopyBytes.h"
 #include "Memory/PacketManager.h"
+#include "Memory/PoolLock.h"
 
 namespace Tarsel
 {
@@ -31,7 +35,7 @@ namespace Memory
 
 /// Where packet memory comes from; see CPacketManager for what callers see.
 ///
-/// Always true while m_Mutex is free:
+/// Always true while m_lock is free and its word does not note a block that is back:
 ///  (1) the blocks, free or handed out, cover every chunk exactly once (BuddyMath.h: the marks);
 ///  (2) a free block of order k is on list k and on no other;
 ///  (3) bit k of m_nonEmpty is set exactly when list k has a block;
@@ -52,10 +56,14 @@ public:
     }
 
     /// A block of at least `*size` bytes, or null; `*size` becomes what was granted.
-    void* malloc(size_t* size) { return (this->*m_malloc)(size); }
-    void free(void* p) { (this->*m_free)(p); }
+    void* malloc(size_t* size) { return isPooled() ? Pool_Malloc(size) : (this->*m_malloc)(size); }
+    void free(void* p) { isPooled() ? Pool_Free(p) : (this->*m_free)(p); }
     void* memcpy(void* dest, const void* src, size_t len)
     {
+        if (m_systemCopy) { // then all hooks copy alike
+            copyBytes(dest, src, len);
+            return dest;
+        }
         return (this->*m_memcpy)(dest, src, len);
     }
 
@@ -103,8 +111,13 @@ private:
     static void onCreated(PacketManagerInternal* manager);
     static bool staysInUse(PacketManagerInternal* manager);
 
-    static bool hasPool() { return isPoolPolicy(sm_policy); }
-    static bool isPoolPolicy(Policy policy);
+    static bool hasPool()
+    {
+        return sm_policy == CPacketManager::policyPool ||
+               sm_policy == CPacketManager::policyPoolSystem;
+    }
+    /// The same, of the hooks in force: known without a call through them.
+    bool isPooled() const { return m_BufferListCount != 0; }
 
     void* Sys_Malloc(size_t* size);
     void Sys_Free(void* p);
@@ -113,15 +126,15 @@ private:
     void Pool_Free(void* p);
     void* Pool_Memcpy(void* dest, const void* src, size_t len);
 
-    /// The list primitives; m_Mutex is held.
+    /// The list primitives; m_lock is held.
     void deleteNode(ChunkNode* node);
     void insertNode(ChunkNode* node, int order);
     static uint64_t unlink(ChunkNode* node);
     /// Takes the first block of list `from`, gives back lower halves down to order `to`, and
-    /// returns the index of the block handed out. m_Mutex is held.
+    /// returns the index of the block handed out. m_lock is held.
     int split(int from, int to);
     /// Frees the block at `idx`, `order` being the mark of that chunk, and merges it as far as it
-    /// goes. m_Mutex is held.
+    /// goes. m_lock is held.
     void merge(int idx, int order);
     void PrintNodeInfo();
 
@@ -135,7 +148,15 @@ private:
     void takeBackPool();
     void logPool() const;
 
+    class CListGuard;
+    void* mallocFromLists(int order, size_t* size);
     void* handOut(int order, size_t* size, bool* isAway);
+    void freeToLists(ptrdiff_t id);
+    void takeIn(int idx, int order);
+    void settle(CPoolNote note);
+    uint64_t freeChunks() const;
+    size_t bytesOf(uint64_t units) const { return units << m_ChunkNodeLog2; }
+    uint8_t* addressOf(uint64_t idx) const { return Infra::loadPlain(m_pBuffer) + bytesOf(idx); }
     void* reportNoSpace();
     bool isInPool(const void* p) const;
     void addFreeChunks(int64_t count);
@@ -169,8 +190,11 @@ private:
     bool m_systemCopy;         ///< the copy primitive is the system's own
     std::atomic<int> m_makers; ///< pools that are being made at this moment, by all threads
 
-    alignas(64) uint64_t m_nonEmpty;    ///< bit k: list k has a block; guarded by m_Mutex
-    std::atomic<uint64_t> m_freeChunks; ///< written under m_Mutex, read by anyone
+    alignas(64) CPoolLock m_lock;       ///< of marks, lists and the two below; m_Mutex is its gate
+    uint64_t m_nonEmpty;                ///< bit k: list k has a block
+    std::atomic<uint64_t> m_freeChunks; ///< written under m_lock, read by anyone
+
+    static thread_local int t_making; ///< pools that the calling thread is making
 };
 
 } // namespace Memory

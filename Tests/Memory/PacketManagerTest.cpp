@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "Infra/Infra3/PrintLog.h"
+#include "Infra3/CpuFeatures.h"
 #include "Memory/CopyBytes.h"
 #include "Memory/FailingHeap.h"
 #include "Memory/Packet.h"
@@ -476,7 +477,9 @@ TEST(PacketPool, EveryStepIsThatOfTheNaiveAllocator)
                     ASSERT_EQ(granted, size_t{2048} << order);
                     held.emplace_back(idx, order);
                 } else {
-                    const size_t which = random() % held.size();
+                    // The one taken last is the commonest to go first.
+                    const size_t which =
+                        random() % 2 == 0 ? held.size() - 1 : random() % held.size();
                     model.give(held[which].first, held[which].second);
                     manager().free(const_cast<uint8_t*>(base) + size_t{held[which].first} * 2048);
                     held.erase(held.begin() + static_cast<ptrdiff_t>(which));
@@ -597,20 +600,29 @@ TEST(PacketPool, CopiesInsideThePoolAreThePrimitives)
 
 TEST(PacketPool, EveryByteIsCopiedAtEveryDistance)
 {
-    Tarsel::Memory::copyBytes(nullptr, nullptr, 0); // what an empty buffer may come to
+    using namespace Tarsel::Memory;
+    copyBytes(nullptr, nullptr, 0); // what an empty buffer may come to
     std::vector<uint8_t> memory(96 * 1024);
-    for (size_t length : {0u, 1u, 2047u, 2048u, 3000u, 20001u}) {
-        for (size_t distance : {0u, 1u, 16u, 31u, 32u, 4095u}) {
-            uint8_t* from = memory.data();
-            uint8_t* to = from + 40960 + distance;
-            for (size_t i = 0; i < length; ++i) {
-                from[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    const bool hasAvx2 = Tarsel::Infra::cpuFeatures().has(Tarsel::Infra::CpuFeature::avx2);
+    const auto check = [&memory](auto copy, size_t length, size_t distance) {
+        uint8_t* from = memory.data() + 3;
+        uint8_t* to = from + 40960 + distance;
+        for (size_t i = 0; i < length; ++i) {
+            from[i] = static_cast<uint8_t>(i * 7 + i / 251);
+        }
+        memset(to - 1, 0xEE, length + 2);
+        copy(reinterpret_cast<char*>(to), reinterpret_cast<const char*>(from), length);
+        ASSERT_TRUE(std::equal(from, from + length, to)) << length << ' ' << distance;
+        ASSERT_EQ(to[-1], 0xEE);
+        ASSERT_EQ(to[length], 0xEE);
+    };
+    for (size_t distance : {0u, 1u, 16u, 31u, 32u, 2047u, 2048u, 4000u, 4095u}) {
+        for (size_t length : {1u, 1535u, 1536u, 1537u, 1663u, 1664u, 3000u, 20001u}) {
+            check(copyBytes, length, distance);
+            if (length >= Detail::mediumCopy) {
+                check(Detail::copyInPieces, length, distance);
+                check(hasAvx2 ? Detail::copyWithAvx2 : Detail::copyInPieces, length, distance);
             }
-            memset(to - 1, 0xEE, length + 2);
-            Tarsel::Memory::copyBytes(to, from, length);
-            ASSERT_TRUE(std::equal(from, from + length, to)) << length << ' ' << distance;
-            ASSERT_EQ(to[-1], 0xEE);
-            ASSERT_EQ(to[length], 0xEE);
         }
     }
 }

@@ -23,6 +23,13 @@ public:
 
     int operator++() noexcept { return __atomic_add_fetch(&value_, 1, __ATOMIC_ACQ_REL); }
     int operator--() noexcept { return __atomic_sub_fetch(&value_, 1, __ATOMIC_ACQ_REL); }
+    /// Takes one away and tells whether that was the last. Only for counts of owners: where there is
+    /// one owner left nobody else can change the count, so that one needs no atomic step; the count
+    /// then stays as it is.
+    bool dropsLast() noexcept
+    {
+        return __atomic_load_n(&value_, __ATOMIC_ACQUIRE) == 1 || --*this == 0;
+    }
     int value() const noexcept { return __atomic_load_n(&value_, __ATOMIC_RELAXED); }
     operator int() const noexcept { return value(); }
 
