@@ -197,7 +197,7 @@ inline void PacketManagerInternal::addFreeChunks(int64_t count)
                        std::memory_order_relaxed);
 }
 
-// The lists; m_Mutex is held ---------------------------------------------------------------------
+// The lists; m_lock is held ----------------------------------------------------------------------
 
 void PacketManagerInternal::appendNode(ChunkNode* node, int order)
 {
