@@ -20,7 +20,7 @@ namespace Tarsel
 {
 namespace Memory
 {
-namespace Buddy
+namespace BuddyMath
 {
 
 /// An order that no memory has.
@@ -36,10 +36,16 @@ constexpr uint64_t unitsOf(int order)
     return uint64_t{1} << order;
 }
 
+/// The smallest order whose blocks hold more than `units` units.
+constexpr int orderOfUnits(uint64_t units)
+{
+    return units == 0 ? 0 : log2Floor(units) + 1;
+}
+
 /// The smallest order whose blocks hold `sizeBytes`, with units of 2^unitLog2 bytes; noOrder for 0.
 constexpr int orderFor(uint64_t sizeBytes, int unitLog2)
 {
-    return sizeBytes == 0 ? noOrder : log2Floor((sizeBytes - 1) >> unitLog2 << 1);
+    return sizeBytes == 0 ? noOrder : orderOfUnits((sizeBytes - 1) >> unitLog2);
 }
 
 /// How many orders `units` units have: from 0 to that of the largest block that fits.
@@ -105,9 +111,10 @@ constexpr void seed(uint64_t units, Visit visit)
 
 static_assert(orderFor(1, 10) == 0 && orderFor(1024, 10) == 0 && orderFor(1025, 10) == 1);
 static_assert(orderFor(2048, 10) == 1 && orderFor(2049, 10) == 2 && orderFor(4097, 10) == 3);
+static_assert(orderFor(SIZE_MAX, 0) == 64 && orderFor((uint64_t{1} << 43) + 1, 12) == 32);
 static_assert(ordersOf(2048) == 12 && ordersOf(3072) == 12 && ordersOf(1) == 1);
 
-} // namespace Buddy
+} // namespace BuddyMath
 } // namespace Memory
 } // namespace Tarsel
 

@@ -144,7 +144,7 @@ PacketManagerInternal::PacketManagerInternal()
         m_ChunkMask = static_cast<int>(sm_param.chunkSize - 1);
         m_ChunkNodeLog2 = Infra::log2Floor(sm_param.chunkSize);
         m_ChunkCount = static_cast<int>(sm_param.totalSize / sm_param.chunkSize);
-        m_BufferListCount = Buddy::ordersOf(m_ChunkCount);
+        m_BufferListCount = BuddyMath::ordersOf(m_ChunkCount);
         m_freeChunks = static_cast<uint64_t>(m_ChunkCount);
     }
 }

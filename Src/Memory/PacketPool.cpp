@@ -154,10 +154,10 @@ void PacketManagerInternal::seedPool()
     }
     for (int order = 0; order < m_BufferListCount; ++order) {
         ChunkNode& head = m_pBufferList[order].head;
-        head.order = Buddy::freeMark(order);
+        head.order = BuddyMath::freeMark(order);
         head.pre = head.next = &head;
     }
-    Buddy::seed(m_ChunkCount,
+    BuddyMath::seed(m_ChunkCount,
                 [this](uint64_t idx, int order) { appendNode(&m_pChunkHead[idx], order); });
 }
 
@@ -202,7 +202,7 @@ inline void PacketManagerInternal::addFreeChunks(int64_t count)
 void PacketManagerInternal::appendNode(ChunkNode* node, int order)
 {
     ChunkNode& head = m_pBufferList[order].head;
-    node->order = Buddy::freeMark(order);
+    node->order = BuddyMath::freeMark(order);
     node->pre = head.pre;
     node->next = &head;
     head.pre->next = node; // NOLINT(clang-analyzer-core.NullDereference): a ring, never null
@@ -213,7 +213,7 @@ void PacketManagerInternal::appendNode(ChunkNode* node, int order)
 inline void PacketManagerInternal::insertNode(ChunkNode* node, int order)
 {
     ChunkNode& head = m_pBufferList[order].head;
-    node->order = Buddy::freeMark(order);
+    node->order = BuddyMath::freeMark(order);
     node->pre = &head;
     node->next = head.next;
     head.next->pre = node;
@@ -231,7 +231,7 @@ void PacketManagerInternal::deleteNode(ChunkNode* node)
 inline uint64_t PacketManagerInternal::unlink(ChunkNode* node)
 {
     const uint64_t emptied =
-        node->pre == node->next ? uint64_t{1} << Buddy::orderOfMark(node->order) : 0;
+        node->pre == node->next ? uint64_t{1} << BuddyMath::orderOfMark(node->order) : 0;
     node->order = 0;
     node->pre->next = node->next;
     node->next->pre = node->pre;
@@ -248,14 +248,14 @@ inline int PacketManagerInternal::split(int from, int to)
     for (int order = from; order > to;) {
         --order;
         ChunkNode& head = lists[order].head;
-        half->order = Buddy::freeMark(order);
+        half->order = BuddyMath::freeMark(order);
         half->pre = half->next = &head;
         head.pre = head.next = half;
-        half += Buddy::unitsOf(order);
+        half += BuddyMath::unitsOf(order);
     }
     // Orders lie below 64. NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult)
     m_nonEmpty |= (uint64_t{1} << from) - (uint64_t{1} << to);
-    half->order = Buddy::takenMark(to);
+    half->order = BuddyMath::takenMark(to);
     return static_cast<int>(half - chunks);
 }
 
@@ -264,18 +264,18 @@ inline void PacketManagerInternal::merge(int idx, int order)
     ChunkNode* const chunks = m_pChunkHead;
     const uint64_t chunkCount = static_cast<uint64_t>(m_ChunkCount);
     const int top = m_BufferListCount - 1;
-    int k = Buddy::orderOfMark(order);
+    int k = BuddyMath::orderOfMark(order);
     uint64_t block = static_cast<uint64_t>(idx);
     uint64_t emptied = 0;
 
     chunks[block].order = 0;
     for (; k < top; ++k) {
-        const uint64_t buddy = Buddy::buddyOf(block, k);
-        if (buddy >= chunkCount || chunks[buddy].order != Buddy::freeMark(k)) {
+        const uint64_t buddy = BuddyMath::buddyOf(block, k);
+        if (buddy >= chunkCount || chunks[buddy].order != BuddyMath::freeMark(k)) {
             break;
         }
         emptied |= unlink(&chunks[buddy]);
-        block = Buddy::pairHead(block, k);
+        block = BuddyMath::pairHead(block, k);
     }
     m_nonEmpty &= ~emptied;
     insertNode(&chunks[block], k);
@@ -285,23 +285,23 @@ inline void PacketManagerInternal::merge(int idx, int order)
 inline void PacketManagerInternal::takeIn(int idx, int order)
 {
     merge(idx, order);
-    addFreeChunks(static_cast<int64_t>(Buddy::unitsOf(Buddy::orderOfMark(order))));
+    addFreeChunks(static_cast<int64_t>(BuddyMath::unitsOf(BuddyMath::orderOfMark(order))));
 }
 
 /// Enters into the lists that a block is back.
 void PacketManagerInternal::settle(CPoolNote note)
 {
-    takeIn(static_cast<int>(note.index()), Buddy::takenMark(note.order()));
+    takeIn(static_cast<int>(note.index()), BuddyMath::takenMark(note.order()));
 }
 
 // The pool's hooks -------------------------------------------------------------------------------
 
 void* PacketManagerInternal::Pool_Malloc(size_t* size)
 {
-    const int order = Buddy::orderFor(*size, m_ChunkNodeLog2);
+    const int order = BuddyMath::orderFor(*size, m_ChunkNodeLog2);
     uint64_t index = 0;
     if (m_lock.takeBack(order, &index)) {
-        *size = bytesOf(Buddy::unitsOf(order));
+        *size = bytesOf(BuddyMath::unitsOf(order));
         return addressOf(index);
     }
     return mallocFromLists(order, size);
@@ -310,10 +310,10 @@ void* PacketManagerInternal::Pool_Malloc(size_t* size)
 /// Null without a block of that order or above; `*isAway` tells that the pool is not there at all.
 inline void* PacketManagerInternal::handOut(int order, size_t* size, bool* isAway)
 {
-    const uint64_t units = Buddy::unitsOf(order);
+    const uint64_t units = BuddyMath::unitsOf(order);
     CListGuard guard(*this);
-    const int found = Buddy::firstOrderFrom(m_nonEmpty, order);
-    if (found == Buddy::noOrder) {
+    const int found = BuddyMath::firstOrderFrom(m_nonEmpty, order);
+    if (found == BuddyMath::noOrder) {
         *isAway = m_pBufferList == nullptr;
         return nullptr;
     }
@@ -327,7 +327,7 @@ inline void* PacketManagerInternal::handOut(int order, size_t* size, bool* isAwa
 void* PacketManagerInternal::mallocFromLists(int order, size_t* size)
 {
     // A pool with too little left has no block, and everyone may see that.
-    while (Buddy::unitsOf(order) <= freeChunks()) {
+    while (BuddyMath::unitsOf(order) <= freeChunks()) {
         bool isAway = false;
         if (void* block = handOut(order, size, &isAway)) {
             return block;
@@ -345,7 +345,7 @@ void* PacketManagerInternal::mallocFromLists(int order, size_t* size)
 uint64_t PacketManagerInternal::freeChunks() const
 {
     const CPoolNote note = m_lock.note();
-    const uint64_t back = note.isBack() ? Buddy::unitsOf(note.order()) : 0;
+    const uint64_t back = note.isBack() ? BuddyMath::unitsOf(note.order()) : 0;
     return back + m_freeChunks.load(std::memory_order_relaxed);
 }
 
@@ -376,11 +376,11 @@ void PacketManagerInternal::freeToLists(ptrdiff_t id)
     {
         CListGuard guard(*this);
         order = m_pChunkHead[id].order;
-        if (Buddy::isTaken(order)) {
+        if (BuddyMath::isTaken(order)) {
             takeIn(static_cast<int>(id), order);
         }
     }
-    INFRA_ASSERT_TEXT(Buddy::isTaken(order), "chunk[id].order < 0");
+    INFRA_ASSERT_TEXT(BuddyMath::isTaken(order), "chunk[id].order < 0");
 }
 
 void* PacketManagerInternal::Pool_Memcpy(void* dest, const void* src, size_t len)
@@ -462,19 +462,19 @@ bool PacketManagerInternal::isListSound(int order, uint64_t* chunks) const
 {
     const ChunkNode& head = m_pBufferList[order].head;
     const bool marked = (m_nonEmpty >> order & 1) != 0;
-    if (head.order != Buddy::freeMark(order) || marked != (head.next != &head)) {
+    if (head.order != BuddyMath::freeMark(order) || marked != (head.next != &head)) {
         return false;
     }
     for (const ChunkNode* node = head.next; node != &head; node = node->next) {
-        const uint64_t buddy = Buddy::buddyOf(node->idx, order);
+        const uint64_t buddy = BuddyMath::buddyOf(node->idx, order);
         const bool unmerged = order + 1 < m_BufferListCount &&
                               buddy < static_cast<uint64_t>(m_ChunkCount) &&
-                              m_pChunkHead[buddy].order == Buddy::freeMark(order);
-        if (node->order != Buddy::freeMark(order) || node->pre->next != node ||
+                              m_pChunkHead[buddy].order == BuddyMath::freeMark(order);
+        if (node->order != BuddyMath::freeMark(order) || node->pre->next != node ||
             node->next->pre != node || unmerged) {
             return false;
         }
-        *chunks += Buddy::unitsOf(order);
+        *chunks += BuddyMath::unitsOf(order);
     }
     return true;
 }
@@ -485,7 +485,7 @@ bool PacketManagerInternal::isCoverSound() const
     uint64_t freeChunks = 0;
     while (idx < static_cast<uint64_t>(m_ChunkCount)) {
         const int mark = m_pChunkHead[idx].order;
-        const uint64_t units = mark == 0 ? 0 : Buddy::unitsOf(Buddy::orderOfMark(mark));
+        const uint64_t units = mark == 0 ? 0 : BuddyMath::unitsOf(BuddyMath::orderOfMark(mark));
         if (units == 0 || idx % units != 0) {
             return false;
         }
@@ -494,7 +494,7 @@ bool PacketManagerInternal::isCoverSound() const
                 return false;
             }
         }
-        freeChunks += Buddy::isTaken(mark) ? 0 : units;
+        freeChunks += BuddyMath::isTaken(mark) ? 0 : units;
         idx += units;
     }
     return freeChunks == m_freeChunks;

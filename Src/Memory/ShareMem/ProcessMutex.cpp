@@ -1,0 +1,184 @@
+// ProcessMutex.cpp: mutexes that processes share, and what happens when an owner dies.
+//
+// They are robust: the system tells the next owner that the last one died inside. That one repairs
+// what the mutex guards before it declares the mutex consistent, lets it go and takes it again like
+// anybody else. Dying in a repair is no different: the next one repairs.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+
+#include "Infra3/AssertFront.h"
+#include "Infra3/PlainShared.h"
+#include "Memory/ShareMem/Common.h"
+#include "Memory/ShareMem/Publish.h"
+#include "Memory/ShareMem/Report.h"
+
+using ShareMem::report;
+
+namespace
+{
+
+constexpr timespec pollPause = {0, 1000 * 1000}; // 1 ms
+
+constinit ProcessMutex* s_handles[processMutexCount] = {};
+constinit pthread_mutex_t s_handlesMutex = PTHREAD_MUTEX_INITIALIZER; // guards the making of them
+
+constinit std::atomic<void (*)()> s_repair{nullptr};
+constinit std::atomic<uint64_t> s_epoch{0}; // changed under mutex 0
+
+// Lock and unlock ------------------------------------------------------------------------------
+
+void repairAfterDeath(const ProcessMutex* mutex)
+{
+    report("[%s:%d]process exit with lock.[%d]\n", "lock", __LINE__, static_cast<int>(getpid()));
+    void (*const repair)() = s_repair.load(std::memory_order_acquire);
+    if (repair != nullptr && mutex == s_handles[0]) {
+        repair();
+    }
+}
+
+int unlock(ProcessMutex* mutex)
+{
+    INFRA_SYSTEM_ASSERT_TEXT(mutex != nullptr && mutex->internal != nullptr,
+                             "mutex != ((void *)0) && mutex->internal != ((void *)0)");
+    if (pthread_mutex_unlock(&mutex->internal->m_lock) == 0) {
+        ShareMem::releaseReports();
+    }
+    return 0;
+}
+
+int lock(ProcessMutex* mutex)
+{
+    INFRA_SYSTEM_ASSERT_TEXT(mutex != nullptr && mutex->internal != nullptr,
+                             "mutex != ((void *)0) && mutex->internal != ((void *)0)");
+    pthread_mutex_t* const own = &mutex->internal->m_lock;
+    int result = pthread_mutex_lock(own);
+    while (result == EOWNERDEAD) {
+        ShareMem::holdReports();
+        repairAfterDeath(mutex);
+        pthread_mutex_consistent(own);
+        unlock(mutex);
+        result = pthread_mutex_lock(own);
+    }
+    if (result == 0) {
+        ShareMem::holdReports();
+        s_epoch.store(s_epoch.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    return result;
+}
+
+// Making ---------------------------------------------------------------------------------------
+
+// While one process makes the mutexes, the zone's flag says which.
+constexpr uint32_t claimBit = 0x40000000; // not in zoneReady; process ids stay below it
+static_assert((zoneReady & claimBit) == 0);
+
+bool isBeingMade(uint32_t flag)
+{
+    const pid_t maker = static_cast<pid_t>(flag & ~claimBit);
+    return (flag & claimBit) != 0 && maker != getpid() && (kill(maker, 0) == 0 || errno == EPERM);
+}
+
+/// False when the mutexes are there; true when it is for this process to make them.
+bool claimZone(ZoneHead* head)
+{
+    const uint32_t claim = claimBit | static_cast<uint32_t>(getpid());
+    for (;;) {
+        uint32_t flag = __atomic_load_n(&head->initFlag, __ATOMIC_ACQUIRE);
+        if (flag == zoneReady) {
+            return false;
+        }
+        if (isBeingMade(flag)) {
+            nanosleep(&pollPause, nullptr);
+        } else if (__atomic_compare_exchange_n(&head->initFlag, &flag, claim, false,
+                                               __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+            return true;
+        }
+    }
+}
+
+ProcessMutexInternal* mutexesOf(ZoneHead* head)
+{
+    return reinterpret_cast<ProcessMutexInternal*>(head->zoneData);
+}
+
+bool makeMutexes(ProcessMutexInternal* mutexes)
+{
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    int result = 0;
+    for (size_t i = 0; i < processMutexCount && result == 0; ++i) {
+        result = pthread_mutex_init(&mutexes[i].m_lock, &attributes);
+        if (result != 0) {
+            report("%s : %d, process mutex pthread_mutex_init error(errno:%d)!\n", __FILE__,
+                   __LINE__, result);
+        }
+    }
+    pthread_mutexattr_destroy(&attributes);
+    return result == 0;
+}
+
+int openZone(ZoneHead* head)
+{
+    if (!claimZone(head)) {
+        return 0;
+    }
+    const bool made = makeMutexes(mutexesOf(head));
+    publish(head->initFlag, made ? zoneReady : 0);
+    return made ? 0 : -1;
+}
+
+/// Handles are kept for good: whoever has one may still use it after the pool it was made for went.
+int openHandles(ZoneHead* head)
+{
+    for (size_t i = 0; i < processMutexCount; ++i) {
+        if (s_handles[i] == nullptr) {
+            s_handles[i] =
+                static_cast<ProcessMutex*>(gloMemOperation.allocMem(sizeof(ProcessMutex)));
+        }
+        if (s_handles[i] == nullptr) {
+            report("%s : %d, malloc process mutex failed!\n", __FILE__, __LINE__);
+            return -1;
+        }
+        *s_handles[i] = {lock, unlock, &mutexesOf(head)[i]};
+    }
+    return 0;
+}
+
+} // namespace
+
+int initProcessMutex(ZoneHead* head)
+{
+    INFRA_SYSTEM_ASSERT_TEXT(head != nullptr, "head != ((void *)0)");
+    pthread_mutex_lock(&s_handlesMutex);
+    const int result = openZone(head) == 0 ? openHandles(head) : -1;
+    pthread_mutex_unlock(&s_handlesMutex);
+    return result;
+}
+
+ProcessMutex* getProcessMutex(size_t id)
+{
+    if (id >= processMutexCount) {
+        report("%s : %d, get process mutex failed, id:%d > 3!\n", __FILE__, __LINE__,
+               static_cast<int>(id));
+        return nullptr;
+    }
+    return s_handles[id];
+}
+
+void setProcessMutexRepair(void (*repair)())
+{
+    s_repair.store(repair, std::memory_order_release);
+}
+
+uint64_t processMutexEpoch()
+{
+    return s_epoch.load(std::memory_order_relaxed);
+}

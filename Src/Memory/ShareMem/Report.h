@@ -1,0 +1,22 @@
+#ifndef INFRA_SRC_MEMORY_SHAREMEM_REPORT_H
+#define INFRA_SRC_MEMORY_SHAREMEM_REPORT_H
+
+// The lines of the shared-memory layer on standard output.
+//
+// Standard output may be a pipe that nobody empties. A process that prints while it holds the mutex
+// of all would then stop them all, so such lines are kept, in order, until it has let it go.
+
+namespace ShareMem
+{
+
+/// Prints a line, or keeps it while this thread holds lines back. A thread keeps up to 4 KB; what
+/// comes beyond that is lost, and a line says so.
+__attribute__((format(printf, 1, 2))) void report(const char* format, ...);
+
+/// Brackets a time in which this thread's lines are kept; may be nested. The last release prints.
+void holdReports();
+void releaseReports();
+
+} // namespace ShareMem
+
+#endif

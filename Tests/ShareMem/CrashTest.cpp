@@ -1,0 +1,252 @@
+// A process may be killed at any instruction. Here a child does one thing to a pool, step by step;
+// after every instruction that changed the memory, a copy of the memory is what a survivor would
+// have found. It is repaired and looked over.
+
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ShareMem/MiniPool.h"
+
+using Tarsel::TestSupport::CMiniPool;
+using Tarsel::TestSupport::PoolShape;
+
+namespace
+{
+
+typedef std::function<void(CMiniPool&)> Action;
+
+/// Runs `action` in a child, one instruction after the other, and calls `changed` after each that
+/// changed the pool's memory. The result is the number of instructions; -1 without permission.
+long stepThrough(CMiniPool& pool, const Action& action,
+                 const std::function<void(pid_t dead)>& changed)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) {
+            _exit(2);
+        }
+        raise(SIGSTOP);
+        action(pool);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFSTOPPED(status)) {
+        return -1;
+    }
+    std::vector<uint8_t> last(pool.memory(), pool.memory() + pool.memorySize());
+    long steps = 0;
+    for (;; ++steps) {
+        ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr);
+        waitpid(child, &status, 0);
+        if (!WIFSTOPPED(status)) {
+            break;
+        }
+        if (memcmp(last.data(), pool.memory(), last.size()) != 0) {
+            memcpy(last.data(), pool.memory(), last.size());
+            changed(child);
+        }
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return steps;
+}
+
+/// What the survivor holds: blocks with a pattern in them.
+struct Held
+{
+    size_t offset;
+    size_t size;
+};
+
+void fill(CMiniPool& pool, const Held& held)
+{
+    memset(pool.layout().data + held.offset, static_cast<int>(held.offset / 64 % 251 + 1),
+           held.size);
+}
+
+bool isWhole(const CMiniPool& pool, const Held& held)
+{
+    const uint8_t* const bytes = pool.layout().data + held.offset;
+    for (size_t i = 0; i < held.size; ++i) {
+        if (bytes[i] != held.offset / 64 % 251 + 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+class CScene
+{
+public:
+    explicit CScene(const PoolShape& shape) : pool(shape), m_total(pool.freeSize())
+    {
+        const size_t page = shape.pageSize;
+        for (const size_t size : {page, 2 * page, page, 3 * page, page}) {
+            const Held held = {pool.take(size), size};
+            if (held.offset != noOffset) {
+                fill(pool, held);
+                this->held.push_back(held);
+            }
+        }
+        // A hand-over of the second block is on its way, and it has two references.
+        pool.refer()->incDeliverRef(pool.refer(), held[1].offset);
+        pool.refer()->addRefer(pool.refer(), held[1].offset);
+    }
+
+    /// What a survivor finds: nothing of what it holds is hurt, and when the dead process's
+    /// references and its own are dropped everything is free.
+    void expectRepaired(CMiniPool& found, pid_t dead, const std::string& where) const
+    {
+        found.repair();
+        ASSERT_EQ(found.faults(), "") << where;
+        MemRefer* const refer = found.refer();
+        for (const Held& one : held) {
+            ASSERT_TRUE(isWhole(found, one)) << where;
+            const int expected = one.offset == held[1].offset ? 2 : 1;
+            ASSERT_GE(refer->getReferCnt(refer, one.offset), expected) << where;
+        }
+        // Hand-overs on their way expire when nobody holds the block.
+        for (int i = 0; i < 3; ++i) {
+            refer->releaseByPid(refer, getpid());
+            refer->releaseByPid(refer, dead);
+            refer->releaseByPid(refer, deadBefore);
+        }
+        refer->expireClean(refer);
+        refer->expireClean(refer);
+        ASSERT_EQ(found.faults(), "") << where;
+        ASSERT_EQ(found.freeSize(), m_total) << where;
+        ASSERT_EQ(list_empty(found.layout().nodes()), 1) << where;
+        ASSERT_EQ(list_empty(found.layout().smallPages()), 1) << where;
+    }
+
+    CMiniPool pool;
+    std::vector<Held> held;
+    pid_t deadBefore = 0;
+
+private:
+    size_t m_total;
+};
+
+// ThreadSanitizer's and AddressSanitizer's own instructions make a step many; the plain build does
+// this everywhere.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define INFRA_NEEDS_PLAIN_CODE() GTEST_SKIP() << "stepping through a sanitizer's code"
+#else
+#define INFRA_NEEDS_PLAIN_CODE()
+#endif
+
+const PoolShape shapes[] = {
+    {1024, 64, 0}, {64, 301, 0}, {256, 77, 4}, {2048, 33, 0}, {4096, 40, 3},
+};
+
+const struct
+{
+    const char* name;
+    void (*prepare)(CMiniPool& pool, const std::vector<Held>& held); ///< may be null
+    void (*action)(CMiniPool& pool, const std::vector<Held>& held);
+} actions[] = {
+    {"take one page", nullptr, [](CMiniPool& pool, const std::vector<Held>&) { pool.take(1); }},
+    {"take three pages", nullptr,
+     [](CMiniPool& pool, const std::vector<Held>&) {
+         pool.take(3 * pool.layout().info->config.pageSize);
+     }},
+    {"take until small objects need a page", nullptr,
+     [](CMiniPool& pool, const std::vector<Held>&) {
+         for (int i = 0; i < 9; ++i) {
+             pool.take(1);
+         }
+     }},
+    {"take and give back", nullptr,
+     [](CMiniPool& pool, const std::vector<Held>&) { pool.give(pool.take(1)); }},
+    {"give back the middle one of three", nullptr,
+     [](CMiniPool& pool, const std::vector<Held>&) {
+         pool.take(1);
+         const size_t middle = pool.take(1);
+         pool.take(1);
+         pool.give(middle);
+     }},
+    {"share a block of another and let go", nullptr,
+     [](CMiniPool& pool, const std::vector<Held>& held) {
+         pool.refer()->addRefer(pool.refer(), held[2].offset);
+         pool.give(held[2].offset);
+     }},
+    {"take over a hand-over", nullptr,
+     [](CMiniPool& pool, const std::vector<Held>& held) {
+         pool.refer()->addRefer(pool.refer(), held[1].offset);
+         pool.refer()->decDeliverRef(pool.refer(), held[1].offset);
+         pool.refer()->incDeliverRef(pool.refer(), held[0].offset);
+     }},
+    {"reclaim a dead process",
+     [](CMiniPool& pool, const std::vector<Held>&) {
+         const pid_t other = fork();
+         if (other == 0) {
+             for (int i = 0; i < 5; ++i) {
+                 pool.take(1);
+             }
+             _exit(0);
+         }
+         waitpid(other, nullptr, 0);
+         // Its number is handed on in memory that a fork shares.
+         memcpy(pool.layout().syncZone->zoneData, &other, sizeof(other));
+     },
+     [](CMiniPool& pool, const std::vector<Held>&) {
+         pid_t other = 0;
+         memcpy(&other, pool.layout().syncZone->zoneData, sizeof(other));
+         pool.refer()->releaseByPid(pool.refer(), other);
+     }},
+    {"let hand-overs expire",
+     [](CMiniPool& pool, const std::vector<Held>&) {
+         for (int i = 0; i < 3; ++i) {
+             const size_t offset = pool.take(1);
+             pool.refer()->incDeliverRef(pool.refer(), offset);
+             pool.give(offset);
+         }
+         pool.refer()->expireClean(pool.refer());
+     },
+     [](CMiniPool& pool, const std::vector<Held>&) {
+         ExpirePass pass;
+         while (expireCleanPart(pool.refer(), &pass) == 1) {
+         }
+     }},
+};
+
+TEST(ShareMemCrash, ADeathAtAnyInstructionHurtsNobodyElse)
+{
+    INFRA_NEEDS_PLAIN_CODE();
+    long deaths = 0;
+    for (const PoolShape& shape : shapes) {
+        for (const auto& one : actions) {
+            CScene scene(shape);
+            if (one.prepare != nullptr) {
+                one.prepare(scene.pool, scene.held);
+            }
+            memcpy(&scene.deadBefore, scene.pool.layout().syncZone->zoneData, sizeof(pid_t));
+            const std::string where =
+                std::string(one.name) + ", pages of " + std::to_string(shape.pageSize);
+            long point = 0;
+            const long steps = stepThrough(
+                scene.pool, [&](CMiniPool& pool) { one.action(pool, scene.held); },
+                [&](pid_t dead) {
+                    ++point;
+                    CMiniPool found(scene.pool);
+                    scene.expectRepaired(found, dead, where + ", store " + std::to_string(point));
+                });
+            ASSERT_GT(steps, 0) << where;
+            ASSERT_GT(point, 0) << where;
+            deaths += point;
+        }
+    }
+    printf("deaths: %ld\n", deaths);
+}
+
+} // namespace
