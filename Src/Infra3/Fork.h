@@ -21,6 +21,8 @@ enum class ForkRank
     timers,
     loadController,
     threads,
+    shareBlocks,
+    sharePool,
     packets,
     values, ///< the leaf locks (LeafMutex.h)
     count
