@@ -394,6 +394,61 @@ TEST(TimerPoolTest, WorkersGrowWithTheCallsAndAreTrimmedToTheLimit)
     EXPECT_TRUE(eventually([] { return threadsNamed("[Pooled]").size() == calls; }));
 }
 
+TEST(TimerPoolTest, CallsDueAtTheSameTimeMayWaitForEachOther)
+{
+    constexpr int calls = 100;
+    std::atomic<int> inside{0};
+    std::vector<std::unique_ptr<CTimer>> timers;
+    Callback callback;
+    callback.action = [&] {
+        ++inside;
+        EXPECT_TRUE(eventually([&] { return inside >= calls; }));
+    };
+    for (int i = 0; i < calls; ++i) {
+        timers.push_back(std::make_unique<CTimer>("meets"));
+        EXPECT_TRUE(timers.back()->start(callback.proc(), 20, 0));
+    }
+    EXPECT_TRUE(callback.called(calls));
+    callback.action = nullptr; // and now short ones, of which one worker runs many
+    for (int round = 2; round <= 10; ++round) {
+        for (const auto& timer : timers) {
+            timer->stopAndWait();
+            EXPECT_TRUE(timer->start(callback.proc(), 1, 0));
+        }
+        EXPECT_TRUE(callback.called(round * calls));
+    }
+}
+
+TEST(TimerPoolTest, TheSchedulerMakesWorkersFasterAndFasterWhileNoCallIsTaken)
+{
+    const auto made = [](WorkerPace& pace) {
+        int count = 0;
+        while (pace.mayMakeWorker()) {
+            ++count;
+        }
+        return count;
+    };
+    WorkerPace pace;
+    EXPECT_EQ(made(pace), 2);
+    const struct
+    {
+        size_t before;
+        size_t after;
+        int made;
+    } pauses[] = {
+        {1000, 1000, 1}, {999, 999, 2}, {997, 997, 4}, // nobody comes back
+        {993, 943, 0},                                 // 50 in one pause: 943 in 19
+        {943, 900, 1},                                 // 43: 900 would take 21
+        {899, 905, 2},                                 // more have fallen due
+        {1, 0, 0},       {1, 1, 1},
+    };
+    for (const auto& pause : pauses) {
+        pace.beginPause(pause.before);
+        pace.endPause(pause.after);
+        EXPECT_EQ(made(pace), pause.made) << pause.before << " to " << pause.after;
+    }
+}
+
 void callWithoutNewThreads()
 {
     CLogCapture log;
