@@ -5,10 +5,16 @@
 // poster never reads the word again. So a thread that took the last count may destroy the semaphore
 // at once: the wake-up that may still follow names an address only, and a wake-up on an address
 // where nobody waits does nothing. (The scheme of the system library's own sem_t.)
+//
+// To wake a thread on another core takes tens of microseconds. So a thread that waits on a semaphore
+// whose waits have lately been short, and were ended from another core, looks at it for a moment
+// before it sleeps. Each semaphore learns by itself whether that pays: where waits are long, or end
+// from the waiter's own core, nobody looks; where looking does not help, it gets rare.
 
 #include "Infra/Infra3/Semaphore.h"
 
 #include <linux/futex.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -31,6 +37,12 @@ namespace Infra
 struct SemaphoreInternal
 {
     std::atomic<uint64_t> state;
+
+    // How waiting went lately: guesses, which two threads may write at once.
+    std::atomic<int> wakerCore{-1}; ///< where the last post ran that found a waiter
+    std::atomic<uint32_t> goodWaits{
+        0}; ///< waits in a row that spinning would have ended, up to a few
+    std::atomic<uint32_t> vainWaits{0}; ///< waits in a row that spinning has not ended
 };
 
 namespace
@@ -84,7 +96,58 @@ int takeOne(SemaphoreInternal& internal, uint64_t withIt = 0)
     return -1;
 }
 
-int waitAndTake(SemaphoreInternal& internal, const timespec* deadline)
+// Spinning. Its times are counts of the processor's time stamp, 2 to 5 in a nanosecond: they bound
+// what is burnt, and nobody is promised anything by them.
+
+constexpr uint64_t spinTicks = 125000;      // 25 to 60 microseconds: a thread wakes in less
+constexpr uint64_t shortWaitTicks = 300000; // two wake-ups and a little
+constexpr uint32_t goodWaitsToSpin = 4;
+constexpr uint32_t mostWaitsBetweenSpins = 256;
+
+/// False where the one who posts could only run when the spinning thread has stopped.
+bool hasOtherCore()
+{
+    cpu_set_t allowed;
+    return sched_getaffinity(0, sizeof(allowed), &allowed) != 0 || CPU_COUNT(&allowed) > 1;
+}
+
+/// After spins in vain it takes 1, 2, 4, ... waits to the next one.
+bool isSpinPromising(const SemaphoreInternal& internal)
+{
+    if (internal.goodWaits.load(std::memory_order_relaxed) < goodWaitsToSpin) {
+        return false;
+    }
+    const uint32_t vain =
+        internal.vainWaits.load(std::memory_order_relaxed) % mostWaitsBetweenSpins;
+    return (vain & (vain - 1)) == 0 && hasOtherCore();
+}
+
+/// takeOne() for as long as spinning may last.
+int spinAndTake(SemaphoreInternal& internal, uint64_t begin)
+{
+    do {
+        __builtin_ia32_pause();
+        const int left = takeOne(internal);
+        if (left >= 0) {
+            return left;
+        }
+    } while (__builtin_ia32_rdtsc() - begin < spinTicks);
+    return -1;
+}
+
+void learnFromSleep(SemaphoreInternal& internal, uint64_t ticks)
+{
+    const uint32_t good = internal.goodWaits.load(std::memory_order_relaxed);
+    const int waker = internal.wakerCore.load(std::memory_order_relaxed);
+    if (ticks > shortWaitTicks || waker == sched_getcpu()) {
+        internal.goodWaits.store(0, std::memory_order_relaxed);
+    } else if (good < goodWaitsToSpin) {
+        internal.goodWaits.store(good + 1, std::memory_order_relaxed);
+    }
+    internal.vainWaits.fetch_add(1, std::memory_order_relaxed);
+}
+
+int sleepAndTake(SemaphoreInternal& internal, const timespec* deadline)
 {
     internal.state.fetch_add(oneWaiter, std::memory_order_relaxed);
     for (;;) {
@@ -97,6 +160,21 @@ int waitAndTake(SemaphoreInternal& internal, const timespec* deadline)
             return -1;
         }
     }
+}
+
+int waitAndTake(SemaphoreInternal& internal, const timespec* deadline)
+{
+    const uint64_t begin = __builtin_ia32_rdtsc();
+    if (isSpinPromising(internal)) {
+        const int left = spinAndTake(internal, begin);
+        if (left >= 0) {
+            internal.vainWaits.store(0, std::memory_order_relaxed);
+            return left;
+        }
+    }
+    const int left = sleepAndTake(internal, deadline);
+    learnFromSleep(internal, __builtin_ia32_rdtsc() - begin);
+    return left;
 }
 
 timespec later(timespec now, uint32_t milliSeconds)
@@ -148,6 +226,9 @@ int CSemaphore::post()
 {
     uint32_t* const word = countWord(*m_internal);
     uint64_t state = m_internal->state.load(std::memory_order_relaxed);
+    if (hasWaiters(state)) {
+        m_internal->wakerCore.store(sched_getcpu(), std::memory_order_relaxed);
+    }
     do {
         if (countOf(state) == INT_MAX) {
             return -1;
