@@ -5,19 +5,10 @@
 // poster never reads the word again. So a thread that took the last count may destroy the semaphore
 // at once: the wake-up that may still follow names an address only, and a wake-up on an address
 // where nobody waits does nothing. (The scheme of the system library's own sem_t.)
-//
-// To wake a thread on another core takes tens of microseconds. So a thread that waits on a semaphore
-// whose waits have lately been short, and were ended from another core, looks at it for a moment
-// before it sleeps. Each semaphore learns by itself whether that pays: where waits are long, or end
-// from the waiter's own core, nobody looks; where looking does not help, it gets rare.
 
 #include "Infra/Infra3/Semaphore.h"
 
-#include <linux/futex.h>
-#include <sched.h>
-#include <sys/syscall.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -25,6 +16,7 @@
 #include <new>
 
 #include "Infra3/AssertFront.h"
+#include "Infra3/FutexWait.h"
 #include "Infra3/LogFront.h"
 
 namespace Tarsel
@@ -37,12 +29,7 @@ namespace Infra
 struct SemaphoreInternal
 {
     std::atomic<uint64_t> state;
-
-    // How waiting went lately: guesses, which two threads may write at once.
-    std::atomic<int> wakerCore{-1}; ///< where the last post ran that found a waiter
-    std::atomic<uint32_t> goodWaits{
-        0}; ///< waits in a row that spinning would have ended, up to a few
-    std::atomic<uint32_t> vainWaits{0}; ///< waits in a row that spinning has not ended
+    CSpinHistory spinning;
 };
 
 namespace
@@ -67,21 +54,6 @@ uint32_t* countWord(SemaphoreInternal& internal)
     return reinterpret_cast<uint32_t*>(&internal.state);
 }
 
-/// Sleeps while the count is 0. False when `deadline` (monotonic, null for none) has passed or the
-/// system refuses; true when it is worth looking at the count again.
-bool sleepWhileEmpty(SemaphoreInternal& internal, const timespec* deadline)
-{
-    const long result =
-        syscall(SYS_futex, countWord(internal), FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, 0, deadline,
-                nullptr, FUTEX_BITSET_MATCH_ANY);
-    return result == 0 || errno == EAGAIN || errno == EINTR;
-}
-
-void wakeOne(uint32_t* word)
-{
-    syscall(SYS_futex, word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
-}
-
 /// Takes one, and `withIt` more of the word, if the count is above 0. The result is the count left,
 /// or -1.
 int takeOne(SemaphoreInternal& internal, uint64_t withIt = 0)
@@ -96,57 +68,6 @@ int takeOne(SemaphoreInternal& internal, uint64_t withIt = 0)
     return -1;
 }
 
-// Spinning. Its times are counts of the processor's time stamp, 2 to 5 in a nanosecond: they bound
-// what is burnt, and nobody is promised anything by them.
-
-constexpr uint64_t spinTicks = 125000;      // 25 to 60 microseconds: a thread wakes in less
-constexpr uint64_t shortWaitTicks = 300000; // two wake-ups and a little
-constexpr uint32_t goodWaitsToSpin = 4;
-constexpr uint32_t mostWaitsBetweenSpins = 256;
-
-/// False where the one who posts could only run when the spinning thread has stopped.
-bool hasOtherCore()
-{
-    cpu_set_t allowed;
-    return sched_getaffinity(0, sizeof(allowed), &allowed) != 0 || CPU_COUNT(&allowed) > 1;
-}
-
-/// After spins in vain it takes 1, 2, 4, ... waits to the next one.
-bool isSpinPromising(const SemaphoreInternal& internal)
-{
-    if (internal.goodWaits.load(std::memory_order_relaxed) < goodWaitsToSpin) {
-        return false;
-    }
-    const uint32_t vain =
-        internal.vainWaits.load(std::memory_order_relaxed) % mostWaitsBetweenSpins;
-    return (vain & (vain - 1)) == 0 && hasOtherCore();
-}
-
-/// takeOne() for as long as spinning may last.
-int spinAndTake(SemaphoreInternal& internal, uint64_t begin)
-{
-    do {
-        __builtin_ia32_pause();
-        const int left = takeOne(internal);
-        if (left >= 0) {
-            return left;
-        }
-    } while (__builtin_ia32_rdtsc() - begin < spinTicks);
-    return -1;
-}
-
-void learnFromSleep(SemaphoreInternal& internal, uint64_t ticks)
-{
-    const uint32_t good = internal.goodWaits.load(std::memory_order_relaxed);
-    const int waker = internal.wakerCore.load(std::memory_order_relaxed);
-    if (ticks > shortWaitTicks || waker == sched_getcpu()) {
-        internal.goodWaits.store(0, std::memory_order_relaxed);
-    } else if (good < goodWaitsToSpin) {
-        internal.goodWaits.store(good + 1, std::memory_order_relaxed);
-    }
-    internal.vainWaits.fetch_add(1, std::memory_order_relaxed);
-}
-
 int sleepAndTake(SemaphoreInternal& internal, const timespec* deadline)
 {
     internal.state.fetch_add(oneWaiter, std::memory_order_relaxed);
@@ -155,7 +76,7 @@ int sleepAndTake(SemaphoreInternal& internal, const timespec* deadline)
         if (left >= 0) {
             return left;
         }
-        if (!sleepWhileEmpty(internal, deadline)) {
+        if (!futexWait(countWord(internal), 0, deadline)) {
             internal.state.fetch_sub(oneWaiter, std::memory_order_relaxed);
             return -1;
         }
@@ -164,16 +85,13 @@ int sleepAndTake(SemaphoreInternal& internal, const timespec* deadline)
 
 int waitAndTake(SemaphoreInternal& internal, const timespec* deadline)
 {
-    const uint64_t begin = __builtin_ia32_rdtsc();
-    if (isSpinPromising(internal)) {
-        const int left = spinAndTake(internal, begin);
-        if (left >= 0) {
-            internal.vainWaits.store(0, std::memory_order_relaxed);
-            return left;
-        }
+    const uint64_t begin = CSpinHistory::ticks();
+    int left = -1;
+    if (internal.spinning.spin(begin, [&] { return (left = takeOne(internal)) >= 0; })) {
+        return left;
     }
-    const int left = sleepAndTake(internal, deadline);
-    learnFromSleep(internal, __builtin_ia32_rdtsc() - begin);
+    left = sleepAndTake(internal, deadline);
+    internal.spinning.learnFromSleep(begin);
     return left;
 }
 
@@ -227,7 +145,7 @@ int CSemaphore::post()
     uint32_t* const word = countWord(*m_internal);
     uint64_t state = m_internal->state.load(std::memory_order_relaxed);
     if (hasWaiters(state)) {
-        m_internal->wakerCore.store(sched_getcpu(), std::memory_order_relaxed);
+        m_internal->spinning.noteWaker();
     }
     do {
         if (countOf(state) == INT_MAX) {
@@ -236,7 +154,7 @@ int CSemaphore::post()
     } while (!m_internal->state.compare_exchange_weak(state, state + 1, std::memory_order_release,
                                                       std::memory_order_relaxed));
     if (hasWaiters(state)) {
-        wakeOne(word);
+        futexWake(word, 1);
     }
     return countOf(state) + 1;
 }

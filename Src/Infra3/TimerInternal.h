@@ -109,7 +109,7 @@ private:
     TimerManagerInternal& m_manager;
 };
 
-/// How many workers the scheduler may make for the calls that fall due in one tick.
+/// How many workers the scheduler may set going for the calls that fall due in one tick.
 ///
 /// The first ones at once; then as many as pauses go by in which the workers at hand have not taken
 /// enough of the due calls, each time twice as many. Enough is what would empty the due list within
@@ -120,16 +120,16 @@ class WorkerPace
 public:
     static constexpr long pauseMicroSeconds = 100;
 
-    /// True when a worker may be made now, which is then counted.
-    bool mayMakeWorker();
+    /// True when a worker may be added now, which is then counted.
+    bool mayAddWorker();
     void beginPause(size_t dueCount);
     void endPause(size_t dueCount);
 
 private:
-    static constexpr size_t madeAtOnce = 2;
+    static constexpr size_t addedAtOnce = 2;
     static constexpr size_t mostPauses = 20;
 
-    size_t m_allowed = madeAtOnce;
+    size_t m_allowed = addedAtOnce;
     size_t m_growth = 1;
     size_t m_dueBefore = 0;
 };
@@ -155,8 +155,8 @@ public:
     void dumpTimers();
     void limitIdlePooled(int count);
 
-    /// Ends the call that `worker` has run. True when the worker has been given another one to run at
-    /// once; else it is idle.
+    /// Ends the call that `worker` has run. True when the worker has been given another one to run
+    /// at once; else it is idle.
     bool endCall(CTimerThread* worker, uint64_t usedMicroSeconds);
 
     static bool staysInUse(TimerManagerInternal* manager);
@@ -173,6 +173,7 @@ public:
 private:
     void tick();
     bool handOutNext(WorkerPace& pace);
+    bool areIdleWorkersEnoughLocked() const;
     bool takeDueLocked(CTimerThread* worker);
     bool runLocked(TimerInternal& timer, bool retry, CTimerThread* worker = nullptr);
     void handOverLocked(TimerInternal& timer, CTimerThread* worker);

@@ -5,11 +5,12 @@
 // worker and posts its semaphore: no system call but the wake-up. A worker that ends a call while
 // others are due takes the next one itself.
 //
-// No call may wait for another to end, so each needs a worker of its own in the worst case; but calls
-// are mostly over before the next thread would have been made. So when many fall due at once, the
-// scheduler makes a few workers, then pauses and looks: while the due list shrinks fast enough it
-// makes no more, else twice as many as the time before (WorkerPace). A thousand callbacks that block
-// all run within some milliseconds, each on its own thread; a thousand that do not need a handful.
+// No call may wait for another to end, so each needs a worker of its own in the worst case; but
+// calls are mostly over before the next thread is awake, or made. So when more calls are due than
+// workers are idle, the scheduler sets a few workers going, then pauses and looks: while the due
+// list shrinks fast enough it adds none, else twice as many as the time before (WorkerPace). A
+// thousand callbacks that block all run within some milliseconds, each on its own thread; a
+// thousand that do not block need a handful.
 
 #include <time.h>
 
@@ -60,7 +61,7 @@ void pauseScheduler()
 
 } // namespace
 
-bool WorkerPace::mayMakeWorker()
+bool WorkerPace::mayAddWorker()
 {
     if (m_allowed == 0) {
         return false;
@@ -159,7 +160,7 @@ bool TimerManagerInternal::handOutNext(WorkerPace& pace)
         if (timer == nullptr) {
             return false;
         }
-        if (timer->isRunning() || m_headPooled != nullptr || pace.mayMakeWorker()) {
+        if (timer->isRunning() || areIdleWorkersEnoughLocked() || pace.mayAddWorker()) {
             runLocked(*timer, /*retry*/ true);
             return m_schedule.firstDue() != nullptr;
         }
@@ -169,6 +170,11 @@ bool TimerManagerInternal::handOutNext(WorkerPace& pace)
     CRecursiveGuard guard(sm_mutex());
     pace.endPause(m_schedule.dueCount());
     return true;
+}
+
+bool TimerManagerInternal::areIdleWorkersEnoughLocked() const
+{
+    return m_schedule.dueCount() <= static_cast<size_t>(m_idleThreadCount);
 }
 
 /// Hands the first due call that is not dropped to a worker that has just ended another. False when
@@ -186,8 +192,8 @@ bool TimerManagerInternal::takeDueLocked(CTimerThread* worker)
 // Calls.
 
 /// Hands out a call of the timer and moves it on. `retry`: a one-shot timer for which no worker
-/// could be had is tried again at the next tick. `worker`: the one to use, which is in no list; null
-/// for one of the pool.
+/// could be had is tried again at the next tick. `worker`: a busy one that is to run it; null for
+/// one of the pool.
 bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry, CTimerThread* worker)
 {
     removeIfStartedLocked(timer);
@@ -207,6 +213,7 @@ bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry, CTimerThr
     if (worker != nullptr) {
         handOverLocked(timer, worker);
         if (!isReturning) {
+            linkBusyLocked(worker);
             worker->m_semaphore.post();
         }
         return true;
@@ -231,7 +238,6 @@ void TimerManagerInternal::handOverLocked(TimerInternal& timer, CTimerThread* wo
     worker->m_bStatistic = timer.m_bStatistic.load(std::memory_order_relaxed);
     worker->m_caller = &timer;
     timer.m_thread.store(worker, std::memory_order_release);
-    linkBusyLocked(worker);
 }
 
 bool TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSeconds)
@@ -246,10 +252,10 @@ bool TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSecon
         worker->m_caller = nullptr;
         timer->notifyWaitersLocked();
     }
-    unlinkBusyLocked(worker);
     if (takeDueLocked(worker)) {
         return true;
     }
+    unlinkBusyLocked(worker);
     putTimerThreadLocked(worker);
     return false;
 }

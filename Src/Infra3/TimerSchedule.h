@@ -27,8 +27,8 @@ struct TimerInternal;
 /// back to the front, which keeps that order. A slot of level 0 holds one millisecond.
 ///
 /// Always true between calls: (1) a timer is in the due list if its time is below the wheel's time,
-/// else in the wheel, in the slot above; (2) the due list is sorted and has `m_dueCount` timers; (3) a bit in `m_occupied` is
-/// set if and only if its slot is not empty.
+/// else in the wheel, in the slot above; (2) the due list is sorted and has `m_dueCount` timers;
+/// (3) a bit in `m_occupied` is set if and only if its slot is not empty.
 ///
 /// Threads: none; the owner locks. Ownership: none; the timers' own links are used.
 class CTimerSchedule

@@ -419,22 +419,22 @@ TEST(TimerPoolTest, CallsDueAtTheSameTimeMayWaitForEachOther)
     }
 }
 
-TEST(TimerPoolTest, TheSchedulerMakesWorkersFasterAndFasterWhileNoCallIsTaken)
+TEST(TimerPoolTest, TheSchedulerAddsWorkersFasterAndFasterWhileNoCallIsTaken)
 {
-    const auto made = [](WorkerPace& pace) {
+    const auto added = [](WorkerPace& pace) {
         int count = 0;
-        while (pace.mayMakeWorker()) {
+        while (pace.mayAddWorker()) {
             ++count;
         }
         return count;
     };
     WorkerPace pace;
-    EXPECT_EQ(made(pace), 2);
+    EXPECT_EQ(added(pace), 2);
     const struct
     {
         size_t before;
         size_t after;
-        int made;
+        int added;
     } pauses[] = {
         {1000, 1000, 1}, {999, 999, 2}, {997, 997, 4}, // nobody comes back
         {993, 943, 0},                                 // 50 in one pause: 943 in 19
@@ -445,7 +445,7 @@ TEST(TimerPoolTest, TheSchedulerMakesWorkersFasterAndFasterWhileNoCallIsTaken)
     for (const auto& pause : pauses) {
         pace.beginPause(pause.before);
         pace.endPause(pause.after);
-        EXPECT_EQ(made(pace), pause.made) << pause.before << " to " << pause.after;
+        EXPECT_EQ(added(pace), pause.added) << pause.before << " to " << pause.after;
     }
 }
 
