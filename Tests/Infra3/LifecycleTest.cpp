@@ -293,7 +293,7 @@ TEST(ExitTest, APrinterMayExitOnAnyOfTheLibrarysThreads)
         std::function<void()> provoke;
     } cases[] = {
         {"scheduler", "Enter name:TimerManager", [] { CTimer timer("one"); }},
-        {"worker", "Enter name:one",
+        {"worker", ", prior:N64, stack", // named after the timer by now, or not yet
          [] {
              static CTimer s_timer("one");
              s_timer.start(onTimer, 0, 0);
