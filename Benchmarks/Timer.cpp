@@ -231,10 +231,10 @@ public:
     void restart(size_t i, uint32_t delayMs) { m_owners[i]->line->delayMs += delayMs; }
 
 private:
-    struct alignas(64) Line
+    struct Line
     {
         uint64_t delayMs = 0;
-        char rest[3 * 64 - sizeof(uint64_t)] = {};
+        char rest[160 - sizeof(uint64_t)] = {};
     };
     struct Owner
     {

@@ -51,8 +51,9 @@ struct TimerWaiter
 };
 
 /// Everything is guarded by the timer lock; the atomics may also be read without it. What start()
-/// and stop() touch comes first: with many timers each line of the cache is a miss.
-struct alignas(64) TimerInternal
+/// and stop() touch comes first: with many timers each line of the cache is a miss, and so would be
+/// the room between aligned records.
+struct TimerInternal
 {
     explicit TimerInternal(const char* name);
 
