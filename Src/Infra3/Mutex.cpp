@@ -41,20 +41,5 @@ CMutex::~CMutex()
     delete m_internal;
 }
 
-bool CMutex::enter()
-{
-    return pthread_mutex_lock(&m_internal->mutex) == 0;
-}
-
-bool CMutex::tryEnter()
-{
-    return pthread_mutex_trylock(&m_internal->mutex) == 0;
-}
-
-bool CMutex::leave()
-{
-    return pthread_mutex_unlock(&m_internal->mutex) == 0;
-}
-
 } // namespace Infra
 } // namespace Tarsel
