@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Infra/Infra3/PrintLog.h"
-#include "Memory/FailingHeap.h"
+#include "Support/FailingHeap.h"
 #include "Support/LogCapture.h"
 
 namespace

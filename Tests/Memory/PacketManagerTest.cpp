@@ -20,7 +20,7 @@
 
 #include "Infra/Infra3/PrintLog.h"
 #include "Memory/CopyBytes.h"
-#include "Memory/FailingHeap.h"
+#include "Support/FailingHeap.h"
 #include "Memory/Packet.h"
 #include "Memory/PacketManagerInternal.h"
 #include "Support/ChildProcess.h"

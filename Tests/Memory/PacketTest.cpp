@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "Infra/Infra3/PrintLog.h"
-#include "Memory/FailingHeap.h"
+#include "Support/FailingHeap.h"
 #include "Memory/PacketInternal.h"
 #include "Memory/PacketManager.h"
 #include "Memory/SharePacketSeam.h"
