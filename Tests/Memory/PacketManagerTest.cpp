@@ -20,10 +20,10 @@
 
 #include "Infra/Infra3/PrintLog.h"
 #include "Memory/CopyBytes.h"
-#include "Support/FailingHeap.h"
 #include "Memory/Packet.h"
 #include "Memory/PacketManagerInternal.h"
 #include "Support/ChildProcess.h"
+#include "Support/FailingHeap.h"
 
 using Tarsel::Memory::CPacket;
 using Tarsel::Memory::CPacketManager;
