@@ -101,10 +101,13 @@ void runThread()
         });
         EXPECT_TRUE(thread.destroyThread());
     }
+    CThread::load(50);
+    CThread::load(100);
 }
 
 TEST(ShortageTest, ThreadsRunOrAreRefusedAtTheirMaking)
 {
+    const COrdinaryThreads ordinary;
     expectToSurviveShortage({nothing, [] { managed(runThread); },
                              [] {
                                  const int before = s_calls;
@@ -366,23 +369,6 @@ TEST(RefusedThreadTest, TheLoadControllerIsMadeAtTheNextRequest)
     EXPECT_TRUE(eventually([] { return isRegistered("ThreadLoadingControl"); }));
     CThread::load(100);
     EXPECT_FALSE(isRegistered("ThreadLoadingControl"));
-}
-
-TEST(RefusedThreadTest, APeriodicTimerGoesOnWhenItsWorkerCanBeMade)
-{
-    CLogCapture log;
-    s_calls = 0;
-    CTimer timer("starved");
-    {
-        const CFailingThreads failing;
-        EXPECT_FALSE(timer.start(onTimer, 0, 5));
-        EXPECT_TRUE(timer.isStarted());
-        EXPECT_TRUE(eventually([&] {
-            return TestSupport::countOf(log.text(), " pthread create failed, errno:11\n") > 2;
-        })) << log.text();
-        EXPECT_EQ(s_calls, 0);
-    }
-    EXPECT_TRUE(eventually([] { return s_calls > 2; }));
 }
 
 // The load limiter --------------------------------------------------------------------------------

@@ -23,7 +23,6 @@
 #include "Infra/Infra3/Time.h"
 #include "Support/ChildProcess.h"
 #include "Support/Eventually.h"
-#include "Support/FailingThreads.h"
 #include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 
@@ -186,19 +185,6 @@ TEST(ThreadTest, AnUnknownPolicyWarnsWithoutLineEndAndRunsNormally)
     EXPECT_TRUE(log.contains(" CThread::CreateThread policy isn't set properly, policy:7"));
     EXPECT_FALSE(log.contains("policy:7\n"));
     logWarn("\n");
-}
-
-TEST(ThreadTest, ARefusedSystemThreadLeavesTheObjectUsable)
-{
-    CLogCapture log;
-    CLoopThread thread("refused");
-    {
-        TestSupport::CFailingThreads failing;
-        EXPECT_FALSE(thread.createThread());
-    }
-    EXPECT_TRUE(log.contains(" pthread create failed, errno:11\n"));
-    EXPECT_TRUE(thread.isThreadOver());
-    EXPECT_TRUE(thread.startAndWait());
 }
 
 TEST(ThreadTest, AThreadMayStopItself)
