@@ -104,9 +104,11 @@ void waitForCallLocked(TimerInternal& timer, const CTimer* owner)
     }
 }
 
-CTimer::CTimer(const char* name) : m_internal(new TimerInternal(name))
+CTimer::CTimer(const char* name) : m_internal(nullptr)
 {
+    // It may be made here, and throw for want of memory: nothing is held yet.
     CTimerManager::instance();
+    m_internal = new TimerInternal(name);
 }
 
 CTimer::~CTimer()
