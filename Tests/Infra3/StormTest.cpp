@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Infra/Infra3/Error.h"
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Signal.h"
@@ -27,6 +28,7 @@
 #include "Memory/Packet.h"
 #include "Support/ChildProcess.h"
 #include "Support/Eventually.h"
+#include "Support/FailingThreads.h"
 
 namespace Tarsel
 {
@@ -135,16 +137,20 @@ void askingPrinter(const char* text)
     ++s_printed;
 }
 
-TEST(StormTest, ThreadsAreMadeStoppedAndEndedOnSharedObjects)
+class CThreadStorm
 {
-    const CPrinter printer{LogPrinterProc(askingPrinter)};
-    setPrintLogLevel(5);
-    std::vector<TSlot<CBusyThread>> slots(3);
-    for (TSlot<CBusyThread>& slot : slots) {
-        slot.exchange(std::make_shared<CBusyThread>());
+public:
+    CThreadStorm() : m_slots(3)
+    {
+        for (TSlot<CBusyThread>& slot : m_slots) {
+            slot.exchange(std::make_shared<CBusyThread>());
+        }
     }
-    storm(4, 200, [&slots](int, std::mt19937& random) {
-        TSlot<CBusyThread>& slot = slots[random() % slots.size()];
+
+    /// Does one thing to one of the threads.
+    void step(std::mt19937& random)
+    {
+        TSlot<CBusyThread>& slot = m_slots[random() % m_slots.size()];
         const std::shared_ptr<CBusyThread> thread = slot.get();
         switch (random() % 8) {
         case 0:
@@ -172,8 +178,20 @@ TEST(StormTest, ThreadsAreMadeStoppedAndEndedOnSharedObjects)
             EXPECT_FALSE(CThreadManager::instance()->hasThread(-1));
             break;
         }
-    });
-    slots.clear();
+    }
+
+private:
+    std::vector<TSlot<CBusyThread>> m_slots;
+};
+
+TEST(StormTest, ThreadsAreMadeStoppedAndEndedOnSharedObjects)
+{
+    const CPrinter printer{LogPrinterProc(askingPrinter)};
+    setPrintLogLevel(5);
+    {
+        CThreadStorm threads;
+        storm(4, 200, [&threads](int, std::mt19937& random) { threads.step(random); });
+    }
     setPrintLogLevel(4);
     EXPECT_GT(s_printed, 0);
     std::list<CThreadManager::ThreadInfo> infos;
@@ -311,18 +329,37 @@ TEST(StormTest, TimersOfEveryKindChangeEachOtherFromCallsAndThreads)
     EXPECT_GT(timers.calls(), 0);
 }
 
+/// What else an application does while its process exits.
+void useTheRest(std::mt19937& random)
+{
+    const int code = static_cast<int>(random() % 10);
+    setErrMsg(code, getErrorMessage(code).size() > 9 ? "" : "a text");
+    CThread::load(random() % 2 == 0 ? 50 : 100);
+    const Memory::CPacket packet(random() % 5000, 8);
+    const Memory::CPacket part(packet, 0, packet.size(), 0);
+    logWarn("%zu\n", part.size());
+}
+
 TEST(StormTest, TheProcessMayExitInTheMiddle)
 {
     for (int round = 0; round < 6; ++round) {
         const TestSupport::ChildResult result = TestSupport::runInChild([round] {
             TestSupport::forgetLeaks(); // what the stacks of the others point to
-            setLogPrinter(LogPrinterProc(discard));
+            static TestSupport::COrdinaryThreads* const s_ordinary =
+                new TestSupport::COrdinaryThreads;
+            (void)s_ordinary;
+            setLogPrinter(LogPrinterProc(askingPrinter));
             static CTimerStorm* const s_timers = new CTimerStorm;
-            for (int t = 0; t < 3; ++t) {
-                std::thread([t] {
-                    std::mt19937 random(static_cast<unsigned>(t));
+            static CThreadStorm* const s_threads = new CThreadStorm;
+            static const std::function<void(std::mt19937&)> s_steps[] = {
+                [](std::mt19937& random) { s_timers->step(0, random); },
+                [](std::mt19937& random) { s_timers->step(0, random); },
+                [](std::mt19937& random) { s_threads->step(random); }, useTheRest};
+            for (const auto& step : s_steps) {
+                std::thread([&step] {
+                    std::mt19937 random;
                     for (;;) {
-                        s_timers->step(0, random);
+                        step(random);
                     }
                 }).detach();
             }
