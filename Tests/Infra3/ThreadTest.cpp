@@ -187,14 +187,23 @@ TEST(ThreadTest, AnUnknownPolicyWarnsWithoutLineEndAndRunsNormally)
     logWarn("\n");
 }
 
-TEST(ThreadTest, AThreadMayStopItself)
+TEST(ThreadTest, AThreadMayStopItselfAndNotStartItselfAgain)
 {
+    CLogCapture log;
     CLoopThread thread("self");
-    std::atomic<bool> result{false};
-    thread.onRound = [&] { result = thread.destroyThread(); };
+    std::atomic<bool> stopped{false};
+    std::atomic<bool> started{true};
+    thread.onRound = [&] {
+        stopped = thread.destroyThread();
+        started = thread.createThread();
+    };
     EXPECT_TRUE(thread.createThread());
     EXPECT_TRUE(eventually([&] { return thread.isThreadOver(); }));
-    EXPECT_TRUE(result);
+    EXPECT_TRUE(stopped);
+    EXPECT_FALSE(started);
+    EXPECT_TRUE(log.contains(" CThread::CreateThread() thread:self is still running!\n"));
+    thread.onRound = nullptr;
+    EXPECT_TRUE(thread.startAndWait());
 }
 
 TEST(ThreadTest, WatchdogDeadlines)
