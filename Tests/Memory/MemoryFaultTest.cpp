@@ -18,9 +18,7 @@ using Tarsel::Memory::CBuffer;
 using Tarsel::Memory::CPacket;
 using Tarsel::Memory::CPacketManager;
 using Tarsel::Memory::PacketManagerInternal;
-using Tarsel::TestSupport::CMemoryShortage;
 using Tarsel::TestSupport::expectToSurviveShortage;
-using Tarsel::TestSupport::Shortage;
 
 namespace
 {
