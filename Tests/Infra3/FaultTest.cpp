@@ -135,7 +135,10 @@ TEST(ShortageTest, ATimersCallWaitsForMemoryAndIsNotLost)
 {
     static Timers* s_timers = nullptr;
     expectToSurviveShortage(
-        {[] { s_timers = new Timers; },
+        {[] {
+             s_calls = 0;
+             s_timers = new Timers;
+         },
          [] {
              s_timers->soon.start(onTimer, 0, 0);
              EXPECT_TRUE(s_timers->once.start(callsOfOnce, 1, 0));
@@ -192,7 +195,7 @@ TEST(ShortageTest, TimersAreMadeAndUsedOrRefusedWhole)
 TEST(ShortageTest, SignalsCallWhoTheyTook)
 {
     static std::unique_ptr<TSignal1<int>> s_signal;
-    expectToSurviveShortage({nothing,
+    expectToSurviveShortage({[] { s_calls = 0; },
                              [] {
                                  managed([] { s_signal = std::make_unique<TSignal1<int>>(4); });
                                  if (s_signal == nullptr) {
