@@ -4,10 +4,10 @@
 #include "Infra/Infra3/Mutex.h"
 
 #include <cerrno>
-#include <new>
 
 #include "Infra3/AssertFront.h"
 #include "Infra3/LogFront.h"
+#include "Infra3/MemoryTrial.h"
 #include "Infra3/MutexInternal.h"
 
 namespace Tarsel
@@ -21,7 +21,7 @@ void initMutex(MutexInternal& internal)
     INFRA_ASSERT(ret == 0);
 }
 
-CMutex::CMutex() : m_internal(new (std::nothrow) MutexInternal)
+CMutex::CMutex() : m_internal(newInternal<MutexInternal>())
 {
     INFRA_ASSERT(m_internal);
     initMutex(*m_internal);

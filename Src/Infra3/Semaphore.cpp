@@ -13,11 +13,11 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <new>
 
 #include "Infra3/AssertFront.h"
 #include "Infra3/FutexWait.h"
 #include "Infra3/LogFront.h"
+#include "Infra3/MemoryTrial.h"
 
 namespace Tarsel
 {
@@ -106,7 +106,7 @@ timespec later(timespec now, uint32_t milliSeconds)
 
 } // namespace
 
-CSemaphore::CSemaphore(int initialCount) : m_internal(new (std::nothrow) SemaphoreInternal)
+CSemaphore::CSemaphore(int initialCount) : m_internal(newInternal<SemaphoreInternal>())
 {
     INFRA_ASSERT(m_internal);
     INFRA_SYSTEM_ASSERT(initialCount >= 0);

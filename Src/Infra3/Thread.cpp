@@ -358,14 +358,16 @@ bool CThread::createThread()
     ThreadInternal& record = *m_internal;
     const CLogHold hold;
     CGuard guard(record.m_mutex);
+    // A body would wait for its own end for ever.
+    const bool fromItself = currentThreadRecord() == &record;
     for (uint64_t round = 0; record.m_running.load(std::memory_order_acquire) != 0 &&
-                             !record.m_bLoop.load(std::memory_order_acquire);
+                             !record.m_bLoop.load(std::memory_order_acquire) && !fromItself;
          ++round) {
         record.m_mutex.leave();
         waitABit(round);
         record.m_mutex.enter();
     }
-    if (record.m_bLoop.load(std::memory_order_acquire)) {
+    if (record.m_bLoop.load(std::memory_order_acquire) || fromItself) {
         INFRA_LOG_WARN("this:%p CThread::CreateThread() thread:%s is still running!\n",
                        static_cast<void*>(this), record.m_Name);
         return false;

@@ -27,6 +27,7 @@
 #include "Infra3/Fork.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LogFront.h"
+#include "Infra3/MemoryTrial.h"
 #include "Infra3/Singleton.h"
 #include "Infra3/TimerInternal.h"
 
@@ -412,6 +413,7 @@ CTimerThread* TimerManagerInternal::getTimerThreadLocked()
         return worker;
     }
     try {
+        const CMemoryTrial trial;
         std::unique_ptr<CTimerThread> worker = std::make_unique<CTimerThread>(*this);
         return worker->createThread() ? worker.release() : nullptr;
     } catch (const std::bad_alloc&) {
