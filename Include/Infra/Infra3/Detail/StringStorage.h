@@ -39,8 +39,10 @@ namespace Detail
 [[noreturn]] INFRA_API void throwStringLength();
 [[noreturn]] INFRA_API void throwStringMemory();
 
-/// A block from malloc with room for `bytes`: the same one where it has that, else a moved one. One
-/// that grows gets a little more than it asks for, because it will ask again.
+/// A block from malloc with room for `bytes` and a little more, because its string will ask again.
+INFRA_API void* growingStringBlock(size_t bytes);
+/// The block with room for `bytes`: the same one where it has that, else a moved one, which has a
+/// little more too if it grows.
 INFRA_API void* resizeStringBlock(void* block, size_t bytes, bool grows);
 
 /// A check of a string's own soundness; a function and not assert(), because the same inline code
@@ -162,11 +164,59 @@ inline int compareViews(std::basic_string_view<E, T> a, std::basic_string_view<E
     }
 }
 
+/// 0 when two words in memory are the same.
+template <typename Word>
+inline Word wordDifference(const char* a, const char* b) noexcept
+{
+    Word left = 0;
+    Word right = 0;
+    memcpy(&left, a, sizeof(Word));
+    memcpy(&right, b, sizeof(Word));
+    return static_cast<Word>(left ^ right);
+}
+
+/// Compares `count` bytes, at least one word and at most two.
+template <typename Word>
+inline bool sameEnds(const char* a, const char* b, size_t count) noexcept
+{
+    const size_t last = count - sizeof(Word);
+    return (wordDifference<Word>(a, b) | wordDifference<Word>(a + last, b + last)) == 0;
+}
+
+/// compareBytes() == 0, for less because no order has to be found.
+inline bool sameBytes(const char* a, const char* b, size_t count) noexcept
+{
+    if (count > 32) {
+        return memcmp(a, b, count) == 0;
+    }
+    if (count > 16) {
+        return sameEnds<uint64_t>(a, b, 16) &&
+               sameEnds<uint64_t>(a + count - 16, b + count - 16, 16);
+    }
+    if (count >= 8) {
+        return sameEnds<uint64_t>(a, b, count);
+    }
+    if (count >= 4) {
+        return sameEnds<uint32_t>(a, b, count);
+    }
+    if (count >= 2) {
+        return sameEnds<uint16_t>(a, b, count);
+    }
+    return count == 0 || *a == *b;
+}
+
 /// True when both are the same; most different texts differ in length already.
 template <typename E, typename T>
 inline bool sameViews(std::basic_string_view<E, T> a, std::basic_string_view<E, T> b) noexcept
 {
-    return a.size() == b.size() && compareViews(a, b) == 0;
+    if (a.size() != b.size()) {
+        return false;
+    }
+    if constexpr (std::is_same<T, std::char_traits<char>>::value) {
+        return sameBytes(a.data(), b.data(), a.size());
+    } else {
+        return a == b;
+    }
 }
 
 /// The head of a block; the characters begin with `buffer_` and go on behind it.
@@ -210,6 +260,12 @@ struct MallocStringMemory
         return static_cast<Block*>(memory);
     }
 
+    /// For a text that has begun to grow.
+    static Block* allocateGrowing(size_t capacity)
+    {
+        return static_cast<Block*>(growingStringBlock(bytes(capacity)));
+    }
+
     static void release(Block* block, size_t) noexcept { free(block); }
 
     /// True when a block of capacity `from` has the room for capacity `to` as it is.
@@ -240,6 +296,8 @@ struct AllocatorStringMemory
     static_assert(std::is_empty<Allocator>::value, "a string has no room for an allocator's state");
 
     static Block* allocate(size_t capacity) { return Allocator().allocate(blocks(capacity)); }
+
+    static Block* allocateGrowing(size_t capacity) { return allocate(capacity); }
 
     static void release(Block* block, size_t capacity) noexcept
     {
@@ -307,14 +365,12 @@ public:
     static Data* make(const E* text, size_type size, size_type capacity)
     {
         Detail::stringCheck(size <= capacity, "size <= cap");
-        if (capacity == 0) {
-            return none();
-        }
-        Data* const block = Memory::allocate(capacity);
-        block->pEndOfMem_ = block->buffer_ + capacity;
-        Detail::moveText(block->buffer_, text, size);
-        block->setSize(size);
-        return block;
+        return capacity == 0 ? none() : fill(Memory::allocate(capacity), text, size, capacity);
+    }
+    /// The same for a text that has begun to grow.
+    static Data* makeGrowing(const E* text, size_type size, size_type capacity)
+    {
+        return fill(Memory::allocateGrowing(capacity), text, size, capacity);
     }
 
     size_type size() const noexcept { return block().size(); }
@@ -398,6 +454,14 @@ private:
     const Data& block() const noexcept
     {
         return NullWhenEmpty && pData_ == nullptr ? emptyString_ : *pData_;
+    }
+
+    static Data* fill(Data* block, const E* text, size_type size, size_type capacity) noexcept
+    {
+        block->pEndOfMem_ = block->buffer_ + capacity;
+        Detail::moveText(block->buffer_, text, size);
+        block->setSize(size);
+        return block;
     }
 
     static constexpr Data* none() noexcept { return NullWhenEmpty ? nullptr : &emptyString_; }
