@@ -30,7 +30,7 @@ ROWS = [
     ("Infra3, values", [
         r"(Infra/)?Infra3/(Function|Signal)\.\w+",
         r"(Infra/)?Infra3/(Detail/(FlexString|SmallStringOpt|StringStorage)|String)\.\w+",
-        r"(Infra/)?Infra3/(Time|TimeFormat|TimeInternal|TimeSet|TimeZone|[Uu]tc)\.\w+",
+        r"(Infra/)?Infra3/(Time|TimeFormat|TimeParse|TimeInternal|TimeSet|TimeZone|[Uu]tc)\.\w+",
         r"(Infra/)?Infra3/Version\w*\.\w+",
     ]),
     ("Infra3, services", [
