@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "Infra/Infra3/Detail/ShortBytes.h"
 #include "Infra3/Digits.h"
 
 namespace Tarsel
@@ -35,7 +36,7 @@ public:
     CTextWriter& text(std::string_view piece)
     {
         const size_t taken = take(piece.size());
-        memcpy(m_at, piece.data(), taken);
+        copy(piece.data(), taken);
         m_at += taken;
         return *this;
     }
@@ -98,6 +99,22 @@ public:
 
 private:
     size_t room() const { return static_cast<size_t>(m_last - m_at); }
+
+    /// Most pieces are so short that a call would cost more than they do.
+    void copy(const char* piece, size_t length)
+    {
+        if (length > 16) {
+            memcpy(m_at, piece, length);
+        } else if (length >= 8) {
+            Detail::moveEnds<8>(m_at, piece, length);
+        } else if (length >= 4) {
+            Detail::moveEnds<4>(m_at, piece, length);
+        } else if (length != 0) {
+            m_at[0] = piece[0];
+            m_at[length / 2] = piece[length / 2];
+            m_at[length - 1] = piece[length - 1];
+        }
+    }
 
     /// What there is room for of `count` characters; the others are lost.
     size_t take(size_t count)
