@@ -2,12 +2,12 @@
 
 #include "Infra3/MessageFormat.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -23,7 +23,7 @@ namespace
 struct Made
 {
     int result;
-    std::string bytes; ///< the whole buffer, what lies behind the terminator too
+    std::string bytes; ///< what has been written, the terminator too
 
     bool operator==(const Made&) const = default;
 };
@@ -38,7 +38,7 @@ Made format(Formatter formatter, size_t room, const char* text, ...)
     errno = ENOENT;
     const int result = formatter(buffer.data(), room, text, arguments);
     va_end(arguments);
-    buffer.resize(result < 0 ? 0 : strlen(buffer.c_str()) + 1); // both terminate
+    buffer.resize(result < 0 ? 0 : std::min(room, static_cast<size_t>(result) + 1));
     return {result, buffer};
 }
 

@@ -10,8 +10,8 @@
 // A storage is the base class of flex_string. What it offers: size, capacity, data (always
 // terminated), reserve, setSize, append, push_back, shrink, swap, copying and moving. Growth is
 // exact: a capacity is never more than was asked for. What keeps growing character by character
-// cheap is that blocks are cut in the system allocator's own steps, so that most growth stays in
-// its block.
+// cheap is that blocks are cut in the system allocator's own steps, and that one which grows gets
+// some headroom, so that most growth stays in its block.
 
 #include <cstddef>
 #include <cstdint>
