@@ -61,14 +61,6 @@ bool isResetDue(bool colored)
     return hasLineEnded() && (colored || loadPlain(s_setConsoleColorComplete) == 0);
 }
 
-/// Words that threads share are written only where they change: most lines leave them alone.
-void storeIfOther(int& variable, int value)
-{
-    if (loadPlain(variable) != value) {
-        storePlain(variable, value);
-    }
-}
-
 /// Lays out the prefix of one line, by the options of the moment.
 class CPrefixWriter
 {
@@ -188,11 +180,6 @@ private:
 
 } // namespace
 
-bool hasLineEnded()
-{
-    return loadPlain(Infra_returned) != 0;
-}
-
 LogMoment currentMoment()
 {
     timeval now;
@@ -239,13 +226,6 @@ LogText formatLine(char* buffer, int room, const LogOrigin& origin, const LogMom
     return {length, message < left && left > 1, false};
 }
 
-bool noteLineEnd(const char* buffer, int length)
-{
-    const bool ended = length > lineRoom || (length > 0 && buffer[length - 1] == '\n');
-    storeIfOther(Infra_returned, ended ? 1 : 0);
-    return ended;
-}
-
 void writeLine(char* text, int level, bool beginsLine, bool mayReset)
 {
     char* begin = text;
@@ -259,7 +239,7 @@ void writeLine(char* text, int level, bool beginsLine, bool mayReset)
     if (!mayReset || !isResetDue(colored)) {
         fwrite(begin, 1, static_cast<size_t>(end - begin), stdout);
         if (begin != text) {
-            storeIfOther(s_setConsoleColorComplete, 0);
+            changePlain(s_setConsoleColorComplete, 0);
         }
         return;
     }
@@ -269,14 +249,14 @@ void writeLine(char* text, int level, bool beginsLine, bool mayReset)
     memcpy(end, resetSequence, resetLength);
     fwrite(begin, 1, static_cast<size_t>(end - begin) + resetLength, stdout);
     memcpy(end, behind, resetLength);
-    storeIfOther(s_setConsoleColorComplete, 1);
+    changePlain(s_setConsoleColorComplete, 1);
 }
 
 void writeColor(int level)
 {
     if (isColored()) {
         fputs(faceOf(level).color.data(), stdout);
-        storeIfOther(s_setConsoleColorComplete, 0);
+        changePlain(s_setConsoleColorComplete, 0);
     }
 }
 
@@ -284,7 +264,7 @@ void writeDueReset()
 {
     if (isResetDue(isColored())) {
         fputs(resetSequence, stdout);
-        storeIfOther(s_setConsoleColorComplete, 1);
+        changePlain(s_setConsoleColorComplete, 1);
     }
 }
 

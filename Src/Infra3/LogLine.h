@@ -82,9 +82,17 @@ __attribute__((format(printf, 5, 0))) LogText formatLine(char* buffer, int room,
 
 /// Notes, and returns, whether a text of length n in `buffer` ended its line; the next text asks
 /// for it.
-bool noteLineEnd(const char* buffer, int length);
+inline bool noteLineEnd(const char* buffer, int length)
+{
+    const bool ended = length > lineRoom || (length > 0 && buffer[length - 1] == '\n');
+    changePlain(Infra_returned, ended ? 1 : 0);
+    return ended;
+}
 /// The last text printed ended its line.
-bool hasLineEnded();
+inline bool hasLineEnded()
+{
+    return loadPlain(Infra_returned) != 0;
+}
 
 /// Room around a line, so that colour before it and reset behind it go out in the same write.
 template <int Room>
