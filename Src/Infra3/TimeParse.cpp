@@ -77,22 +77,20 @@ struct ParseRule
 struct LastParseRule
 {
     ParseRule rule;
-    char format[40]; ///< "" while there is none
+    char format[40]; ///< "" where that text is too long to be kept
 };
 
 constinit thread_local LastParseRule s_lastRule = {};
 
-ParseRule parseRuleOf(const char* format)
+/// Valid until the thread's next call.
+const ParseRule& parseRuleOf(const char* format)
 {
-    if (*format != '\0' && strcmp(s_lastRule.format, format) == 0) {
-        return s_lastRule.rule;
+    if (*format == '\0' || strcmp(s_lastRule.format, format) != 0) {
+        s_lastRule.rule = {dateOrderOf(format), contains(format, 'h')};
+        const bool fits = strnlen(format, sizeof(s_lastRule.format)) < sizeof(s_lastRule.format);
+        copyText(s_lastRule.format, fits ? format : "");
     }
-    const ParseRule rule = {dateOrderOf(format), contains(format, 'h')};
-    if (strnlen(format, sizeof(s_lastRule.format)) < sizeof(s_lastRule.format)) {
-        s_lastRule.rule = rule;
-        copyText(s_lastRule.format, format);
-    }
-    return rule;
+    return s_lastRule.rule;
 }
 
 void setDate(SystemTime& time, const SixNumbers& numbers, CTime::DateFormat order)
@@ -145,7 +143,7 @@ const char* readTime(SystemTime& time, const char* text, const char* format)
     if (numbers.count < 6) {
         return "CTime parser input information is not enough.\n";
     }
-    const ParseRule rule = parseRuleOf(format);
+    const ParseRule& rule = parseRuleOf(format);
     if (rule.order) {
         setDate(time, numbers, *rule.order);
     }
