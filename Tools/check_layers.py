@@ -20,8 +20,8 @@ from sources import include_lines, own_sources, resolve, shown
 # from Include or Src on, so a folder's special files stand before the folder's general pattern.
 ROWS = [
     ("Infra3, frame", [
-        r"Infra/Infra3/Detail/(Export|LockRecords|StandardString)\.h",
-        r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|AssertFront|AssertionFailed|BoundedText|Digits|Immortal)\.\w+",
+        r"Infra/Infra3/Detail/(Export|LockRecords|ShortBytes|StandardString)\.h",
+        r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|AssertFront|AssertionFailed|BoundedText|Digits|TextWriter|MessageFormat|Immortal)\.\w+",
         r"(Infra/)?Infra3/(C?PrintLog|DumpHex|LogLine|LogFront|LogSink|PlainShared)\.\w+",
         r"(Infra/)?Infra3/(Mutex\w*|LeafMutex|RecursiveMutex|ReadWriteMutex|Semaphore|Guard)\.\w+",
         r"(Infra/)?Infra3/(ThreadSpecific|ThreadId|LocalTime|MemoryTrial|SystemCall|Fork|Singleton|Cpu\w*|Futex\w*)\.\w+",
@@ -30,7 +30,7 @@ ROWS = [
     ("Infra3, values", [
         r"(Infra/)?Infra3/(Function|Signal)\.\w+",
         r"(Infra/)?Infra3/(Detail/(FlexString|SmallStringOpt|StringStorage)|String)\.\w+",
-        r"(Infra/)?Infra3/(Time|TimeFormat|TimeInternal|TimeSet|TimeZone|[Uu]tc)\.\w+",
+        r"(Infra/)?Infra3/(Time|TimeFormat|TimeParse|TimeInternal|TimeSet|TimeZone|[Uu]tc)\.\w+",
         r"(Infra/)?Infra3/Version\w*\.\w+",
     ]),
     ("Infra3, services", [
