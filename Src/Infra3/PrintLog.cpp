@@ -186,8 +186,8 @@ int printedLevelOf(int level)
     return level == logLevelDebug ? static_cast<int>(logLevelTrace) : level;
 }
 
-/// A call that has passed the filter; `origin` as its caller gave it. Out of line, so that one which does not costs its callers no
-/// register more than the test needs.
+/// A call that has passed the filter; `origin` as its caller gave it. Out of line, so that one that
+/// does not pass costs no register more than the test needs.
 [[gnu::noinline]] int logPassed(LogOrigin origin, const char* format, va_list arguments)
 {
     const CNesting nesting;
