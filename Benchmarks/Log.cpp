@@ -7,6 +7,7 @@
 //   fprintf(floor)           the same text with only the two arguments to format
 // log_filtered/call          logFilter() below the print level
 //   variadic call            a function of a shared library that compares a level and returns
+//   spdlog                   its template, which tests the level before anything is a call
 // log_filtered/front_end     the test that the library's own macro makes in front of the call
 //   inline test              the same with a plain variable
 
@@ -128,6 +129,17 @@ void filteredVariadicCall(benchmark::State& state)
     }
 }
 
+void filteredCallOfSpdlog(benchmark::State& state)
+{
+    spdlog::logger& logger = spdlogLogger<CUnflushedSink>();
+    int count = 0;
+    for (auto _ : state) {
+        logger.log(spdlog::source_loc{__FILE__, __LINE__, __func__}, spdlog::level::trace,
+                   "this:{} started, {} pending", static_cast<void*>(&s_object), ++count);
+        benchmark::ClobberMemory();
+    }
+}
+
 void filteredFrontEndOfInfra(benchmark::State& state)
 {
     int count = 0;
@@ -165,6 +177,7 @@ void addCases()
     }
     Bench::add("log_filtered/call", Bench::infra, filteredCallOfInfra);
     Bench::add("log_filtered/call", "variadic call", filteredVariadicCall);
+    Bench::add("log_filtered/call", "spdlog", filteredCallOfSpdlog);
     Bench::add("log_filtered/front_end", Bench::infra, filteredFrontEndOfInfra);
     Bench::add("log_filtered/front_end", "inline test", filteredInlineTest);
 }

@@ -2,6 +2,7 @@
 //
 // string_construct/N   from N characters with a terminator, and destroyed
 // string_copy/N        copied and destroyed
+//   malloc+memcpy(floor)  the block and the bytes of a text that does not fit into the object
 // string_equal/N       == of two equal texts
 // string_compare/N     compare() of two equal texts
 // string_append/N      N characters, one push_back each, from an empty string
@@ -12,6 +13,8 @@
 
 #include "Infra/Infra3/String.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "Benchmarks/Support/Cases.h"
@@ -53,6 +56,19 @@ void copy(benchmark::State& state, size_t length)
         benchmark::DoNotOptimize(source);
         S made(source);
         benchmark::DoNotOptimize(made);
+    }
+}
+
+void copyByHand(benchmark::State& state, size_t length)
+{
+    const std::string source = sample(length);
+    const char* text = source.c_str();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(text);
+        void* const made = malloc(length + 1);
+        memcpy(made, text, length + 1);
+        benchmark::DoNotOptimize(made);
+        free(made);
     }
 }
 
@@ -127,5 +143,6 @@ int main(int argc, char** argv)
 {
     addContender<CString>(Bench::infra);
     addContender<std::string>("std::string");
+    Bench::add("string_copy/100", "malloc+memcpy(floor)", copyByHand, size_t{100});
     return Bench::run(argc, argv, "std::string of the compiler's library");
 }

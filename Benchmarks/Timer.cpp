@@ -2,6 +2,8 @@
 //
 // timer_start_stop/N   one timer started and stopped, beside N armed ones
 // timer_restart/N      one of N armed timers started anew, each time another one
+//   one line           the floor: an object of the caller's leads to another, of which one line of
+//                      the cache is written. With many of them each step of the way is a miss
 // timer_call_now       from start() with no delay to the callback on an idle worker: by the clock
 //   asio               from a post to the callback on an idle thread of a pool
 // timer_burst/1000     1000 timers due at the same moment: from the first callback to the last, by
@@ -216,6 +218,33 @@ private:
     size_t m_calls = 0;
 };
 
+/// Objects that lie as timers do, of which a restart writes one cache line.
+class CLines
+{
+public:
+    explicit CLines(size_t count)
+    {
+        for (size_t i = 0; i < count; ++i) {
+            m_owners.push_back(std::make_unique<Owner>());
+        }
+    }
+    void restart(size_t i, uint32_t delayMs) { m_owners[i]->line->delayMs += delayMs; }
+
+private:
+    struct Line
+    {
+        uint64_t delayMs = 0;
+        char rest[160 - sizeof(uint64_t)] = {};
+    };
+    struct Owner
+    {
+        virtual ~Owner() = default;
+        std::unique_ptr<Line> line = std::make_unique<Line>();
+    };
+
+    std::vector<std::unique_ptr<Owner>> m_owners;
+};
+
 template <typename Timers>
 void armAll(Timers& timers, size_t count, CDelays& delays)
 {
@@ -381,6 +410,14 @@ void addTimers(const char* contender)
     }
 }
 
+void addFloor()
+{
+    for (const size_t count : {10, 1000, 10000, 100000}) {
+        Bench::add(Bench::label("timer_restart", count), "one line (floor)", restart<CLines>,
+                   count);
+    }
+}
+
 void addCalls()
 {
     Bench::add("timer_call_now", Bench::infra, callNowInfra)->UseManualTime()->Iterations(100);
@@ -403,6 +440,7 @@ int main(int argc, char** argv)
     addTimers<CUvTimers>("libuv (one thread)");
     addTimers<CEventTimers>("libevent");
     addTimers<CAsioTimers>("asio");
+    addFloor();
     addCalls();
     return Bench::run(argc, argv,
                       std::string("libuv ") + uv_version_string() + ", libevent " +

@@ -20,28 +20,28 @@ from sources import include_lines, own_sources, resolve, shown
 # from Include or Src on, so a folder's special files stand before the folder's general pattern.
 ROWS = [
     ("Infra3, frame", [
-        r"Infra/Infra3/Detail/(Export|StandardString)\.h",
-        r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|AssertFront|AssertionFailed|BoundedText|Digits|Immortal)\.\w+",
+        r"Infra/Infra3/Detail/(Export|LockRecords|ShortBytes|StandardString)\.h",
+        r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|AssertFront|AssertionFailed|BoundedText|Digits|TextWriter|MessageFormat|Immortal)\.\w+",
         r"(Infra/)?Infra3/(C?PrintLog|DumpHex|LogLine|LogFront|LogSink|PlainShared)\.\w+",
         r"(Infra/)?Infra3/(Mutex\w*|LeafMutex|RecursiveMutex|ReadWriteMutex|Semaphore|Guard)\.\w+",
-        r"(Infra/)?Infra3/(ThreadSpecific|ThreadId|LocalTime|SystemCall|Fork|Singleton|Cpu\w*|Futex\w*)\.\w+",
+        r"(Infra/)?Infra3/(ThreadSpecific|ThreadId|LocalTime|MemoryTrial|SystemCall|Fork|Singleton|Cpu\w*|Futex\w*)\.\w+",
     ]),
     ("Utils", [r"Utils/.*"]),
     ("Infra3, values", [
         r"(Infra/)?Infra3/(Function|Signal)\.\w+",
         r"(Infra/)?Infra3/(Detail/(FlexString|SmallStringOpt|StringStorage)|String)\.\w+",
-        r"(Infra/)?Infra3/(Time|TimeFormat|TimeInternal|TimeSet|TimeZone|[Uu]tc)\.\w+",
+        r"(Infra/)?Infra3/(Time|TimeFormat|TimeParse|TimeInternal|TimeSet|TimeZone|[Uu]tc)\.\w+",
         r"(Infra/)?Infra3/Version\w*\.\w+",
     ]),
     ("Infra3, services", [
         r"(Infra/)?Infra3/(LogFilter|LogFile|File|Timer|Thread)\w*\.\w+",
     ]),
     ("Memory/ShareMem, pool", [
-        r"Memory/(ShareMemory|MemoryBlock)\.h",
+        r"Memory/(BuddyMath|ShareMemory|MemoryBlock)\.h",
         r"Memory/ShareMem/(?!SharePacket).*",
     ]),
     ("Memory", [
-        r"Memory/(Buffer|BuddyMath|CopyBytes|MemPool|RefCount|ScopedPtr)\.\w+",
+        r"Memory/(Buffer|CopyBytes|MemPool|RefCount|ScopedPtr)\.\w+",
         r"Memory/((Old)?Packet\w*|PoolLock|SharePacketSeam)\.\w+",
     ]),
     ("Memory/ShareMem, packets", [r"Memory/(ShareMem/)?SharePacket\w*\.\w+"]),

@@ -1,22 +1,25 @@
 // LogLine.cpp: prefix, message, colours and the one write.
 //
-// The prefix is put together by hand: printf would spend more on nine small pieces than everything
-// else here takes. The local time is converted once a second and thread (LocalTime.h), for the
-// conversion takes a process-wide lock.
+// Prefix and message are put together by hand (TextWriter.h, MessageFormat.h): the system's printf
+// would spend more on them than everything else here takes. The local time is converted once a
+// second and thread (LocalTime.h), for the conversion takes a process-wide lock. What is left is the
+// clock, about a quarter of a line, and the copy into the stream.
 
 #include "Infra3/LogLine.h"
 
 #include <sys/time.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstring>
+#include <string_view>
 
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/LocalTime.h"
+#include "Infra3/MessageFormat.h"
 #include "Infra3/PlainShared.h"
+#include "Infra3/TextWriter.h"
 #include "Infra3/ThreadId.h"
 
 namespace Tarsel
@@ -28,8 +31,8 @@ namespace
 
 struct LevelFace
 {
-    const char* word;
-    const char* color;
+    std::string_view word;
+    std::string_view color;
 };
 
 constexpr LevelFace levelFaces[] = {
@@ -42,179 +45,140 @@ constexpr int levelCount = sizeof(levelFaces) / sizeof(levelFaces[0]);
 /// 1 when the colour reset has been written since the last colour.
 constinit int s_setConsoleColorComplete = 1;
 
-int levelIndex(int level)
+const LevelFace& faceOf(int level)
 {
-    return std::clamp(level, 0, levelCount - 1);
-}
-
-bool isSet(unsigned char Infra_PrintOptions::*option)
-{
-    return loadPlain(Infra_getPrintOption()->*option) != 0;
+    return levelFaces[std::clamp(level, 0, levelCount - 1)];
 }
 
 bool isColored()
 {
-    return !isSet(&Infra_PrintOptions::color);
+    return loadPlain(Infra_getPrintOption()->color) == 0;
 }
 
 /// The reset is owed once a line has ended; with colours off only if one is still outstanding.
-bool isResetDue()
+bool isResetDue(bool colored)
 {
-    return hasLineEnded() && (isColored() || loadPlain(s_setConsoleColorComplete) == 0);
+    return hasLineEnded() && (colored || loadPlain(s_setConsoleColorComplete) == 0);
 }
 
-void noteColorWritten()
-{
-    storePlain(s_setConsoleColorComplete, 0);
-}
-
-void noteResetWritten()
-{
-    storePlain(s_setConsoleColorComplete, 1);
-}
-
-/// Appends to a fixed buffer, keeps it terminated by finish(), and silently cuts at its end.
-class CLineWriter
+/// Lays out the prefix of one line, by the options of the moment.
+class CPrefixWriter
 {
 public:
-    /// `room` bytes at `buffer`, the terminator included.
-    CLineWriter(char* buffer, int room) : m_begin(buffer), m_at(buffer), m_last(buffer + room - 1)
+    CPrefixWriter(char* buffer, int room, const LogOrigin& origin)
+        : m_out(buffer, static_cast<size_t>(room)),
+          m_options(*Infra_getPrintOption()),
+          m_origin(origin)
     {}
 
-    CLineWriter& text(const char* piece) { return text(piece, strlen(piece)); }
-
-    CLineWriter& text(const char* piece, size_t length)
+    /// Returns the length.
+    int write(const Infra_SystemTimeEx& time)
     {
-        const size_t taken = std::min(length, static_cast<size_t>(m_last - m_at));
-        memcpy(m_at, piece, taken);
-        m_at += taken;
-        return *this;
-    }
-
-    CLineWriter& character(char piece) { return text(&piece, 1); }
-
-    /// A number in at least `width` digits, filled with zeros.
-    CLineWriter& number(int value, int width = 1)
-    {
-        char digits[12];
-        char* const end = digits + sizeof(digits);
-        char* begin = end;
-        unsigned rest =
-            value < 0 ? 0U - static_cast<unsigned>(value) : static_cast<unsigned>(value);
-        do {
-            *--begin = static_cast<char>('0' + rest % 10);
-            rest /= 10;
-        } while (rest != 0);
-        while (end - begin < width) {
-            *--begin = '0';
+        const bool tagged = isSet(m_options.style);
+        m_out.text(tagged ? "[|T: " : "[");
+        if (isSet(m_options.date)) {
+            date(time);
         }
-        if (value < 0) {
-            *--begin = '-';
+        timeOfDay(time);
+        if (tagged) {
+            taggedFields();
+        } else {
+            plainFields();
         }
-        return text(begin, static_cast<size_t>(end - begin));
-    }
-
-    int finish()
-    {
-        *m_at = '\0';
-        return static_cast<int>(m_at - m_begin);
+        m_out.character(']');
+        return static_cast<int>(m_out.finish());
     }
 
 private:
-    char* const m_begin;
-    char* m_at;
-    char* const m_last;
+    static bool isSet(const unsigned char& option) { return loadPlain(option) != 0; }
+
+    void date(const Infra_SystemTimeEx& time)
+    {
+        m_out.number(time.year, 4).character('-').pair(time.month).character('-');
+        m_out.pair(time.day).character('T');
+    }
+
+    void timeOfDay(const Infra_SystemTimeEx& time)
+    {
+        if (!isSet(m_options.time)) {
+            m_out.pair(time.hour).character(':').pair(time.minute).character(':').pair(time.second);
+            if (isSet(m_options.millisecond)) {
+                m_out.character('.').number(time.millisecond, 3);
+            }
+        }
+        m_out.character(' ');
+    }
+
+    void plainFields()
+    {
+        if (!isSet(m_options.level)) {
+            m_out.text(faceOf(m_origin.level).word);
+        }
+        if (!isSet(m_options.libName)) {
+            m_out.text(shownText(m_origin.module));
+        }
+        plainRevision();
+        if (!isSet(m_options.thread)) {
+            m_out.number(currentThreadId()).character(' ');
+        }
+        if (!isSet(m_options.file)) {
+            m_out.text(shownText(m_origin.file)).character(':');
+        }
+        if (!isSet(m_options.line)) {
+            m_out.number(m_origin.line);
+        }
+        if (isSet(m_options.function)) {
+            m_out.character(' ').text(shownText(m_origin.function));
+        }
+    }
+
+    void plainRevision()
+    {
+        if (isSet(m_options.version)) {
+            if (!isSet(m_options.libName)) {
+                m_out.character(' ');
+            }
+            return;
+        }
+        const std::string_view revision = textOrEmpty(m_origin.revision);
+        if (!revision.empty() && revision != "Unknown") {
+            m_out.character(':').text(revision);
+        }
+        m_out.character(' ');
+    }
+
+    void taggedFields()
+    {
+        if (!isSet(m_options.level)) {
+            m_out.text("L:").text(faceOf(m_origin.level).word).character('|');
+        }
+        if (!isSet(m_options.libName)) {
+            m_out.character('[').text(shownText(m_origin.module)).text("] ");
+        }
+        if (!isSet(m_options.version)) {
+            m_out.text("[ver:").text(textOrEmpty(m_origin.revision)).text("] ");
+        }
+        if (!isSet(m_options.thread)) {
+            m_out.text("tid:").number(currentThreadId()).character(' ');
+        }
+        if (!isSet(m_options.file)) {
+            m_out.text("F:").text(shownText(m_origin.file)).character('|');
+        }
+        if (!isSet(m_options.line)) {
+            m_out.text("l:").number(m_origin.line).character('|');
+        }
+        if (isSet(m_options.function)) {
+            m_out.text("f:").text(shownText(m_origin.function)).character('|');
+        }
+        m_out.text("m:");
+    }
+
+    CTextWriter m_out;
+    const Infra_PrintOptions& m_options;
+    const LogOrigin& m_origin;
 };
 
-void writeDate(CLineWriter& out, const Infra_SystemTimeEx& time)
-{
-    out.number(time.year, 4).character('-').number(time.month, 2).character('-');
-    out.number(time.day, 2).character('T');
-}
-
-void writeTime(CLineWriter& out, const Infra_SystemTimeEx& time)
-{
-    if (isSet(&Infra_PrintOptions::time)) {
-        out.character(' ');
-        return;
-    }
-    out.number(time.hour, 2).character(':').number(time.minute, 2).character(':');
-    out.number(time.second, 2);
-    if (isSet(&Infra_PrintOptions::millisecond)) {
-        out.character('.').number(time.millisecond, 3);
-    }
-    out.character(' ');
-}
-
-void writePlainRevision(CLineWriter& out, const char* revision)
-{
-    if (isSet(&Infra_PrintOptions::version)) {
-        if (!isSet(&Infra_PrintOptions::libName)) {
-            out.character(' ');
-        }
-        return;
-    }
-    if (revision[0] != '\0' && strcmp(revision, "Unknown") != 0) {
-        out.character(':').text(revision);
-    }
-    out.character(' ');
-}
-
-void writePlainFields(CLineWriter& out, const LogOrigin& origin, const char* revision)
-{
-    if (!isSet(&Infra_PrintOptions::level)) {
-        out.text(levelFaces[levelIndex(origin.level)].word);
-    }
-    if (!isSet(&Infra_PrintOptions::libName)) {
-        out.text(shownText(origin.module));
-    }
-    writePlainRevision(out, revision);
-    if (!isSet(&Infra_PrintOptions::thread)) {
-        out.number(currentThreadId()).character(' ');
-    }
-    if (!isSet(&Infra_PrintOptions::file)) {
-        out.text(shownText(origin.file)).character(':');
-    }
-    if (!isSet(&Infra_PrintOptions::line)) {
-        out.number(origin.line);
-    }
-    if (isSet(&Infra_PrintOptions::function)) {
-        out.character(' ').text(shownText(origin.function));
-    }
-}
-
-void writeTaggedFields(CLineWriter& out, const LogOrigin& origin, const char* revision)
-{
-    if (!isSet(&Infra_PrintOptions::level)) {
-        out.text("L:").text(levelFaces[levelIndex(origin.level)].word).character('|');
-    }
-    if (!isSet(&Infra_PrintOptions::libName)) {
-        out.character('[').text(shownText(origin.module)).text("] ");
-    }
-    if (!isSet(&Infra_PrintOptions::version)) {
-        out.text("[ver:").text(revision).text("] ");
-    }
-    if (!isSet(&Infra_PrintOptions::thread)) {
-        out.text("tid:").number(currentThreadId()).character(' ');
-    }
-    if (!isSet(&Infra_PrintOptions::file)) {
-        out.text("F:").text(shownText(origin.file)).character('|');
-    }
-    if (!isSet(&Infra_PrintOptions::line)) {
-        out.text("l:").number(origin.line).character('|');
-    }
-    if (isSet(&Infra_PrintOptions::function)) {
-        out.text("f:").text(shownText(origin.function)).character('|');
-    }
-    out.text("m:");
-}
-
 } // namespace
-
-bool hasLineEnded()
-{
-    return loadPlain(Infra_returned) != 0;
-}
 
 LogMoment currentMoment()
 {
@@ -239,26 +203,11 @@ int buildPrefix(char* buffer, int room, const LogOrigin& origin, const LogMoment
     if (room <= 0) {
         return 0;
     }
-    CLineWriter out(buffer, room);
-    if (moment.beginsLine) {
-        const bool tagged = isSet(&Infra_PrintOptions::style);
-        out.character('[');
-        if (tagged) {
-            out.text("|T: ");
-        }
-        if (isSet(&Infra_PrintOptions::date)) {
-            writeDate(out, moment.time);
-        }
-        writeTime(out, moment.time);
-        const char* const revision = textOrEmpty(origin.revision);
-        if (tagged) {
-            writeTaggedFields(out, origin, revision);
-        } else {
-            writePlainFields(out, origin, revision);
-        }
-        out.character(']');
+    if (!moment.beginsLine) {
+        *buffer = '\0';
+        return 0;
     }
-    return out.finish();
+    return CPrefixWriter(buffer, room, origin).write(moment.time);
 }
 
 LogText formatLine(char* buffer, int room, const LogOrigin& origin, const LogMoment& moment,
@@ -267,7 +216,7 @@ LogText formatLine(char* buffer, int room, const LogOrigin& origin, const LogMom
     const int prefix = buildPrefix(buffer, room, origin, moment);
     const int left = room - prefix;
     const int message =
-        vsnprintf(buffer + prefix, static_cast<size_t>(left), textOrEmpty(format), arguments);
+        formatMessage(buffer + prefix, static_cast<size_t>(left), textOrEmpty(format), arguments);
     if (message < 0) {
         buffer[prefix] = '\0';
         return {prefix, left > 1, false};
@@ -277,26 +226,21 @@ LogText formatLine(char* buffer, int room, const LogOrigin& origin, const LogMom
     return {length, message < left && left > 1, false};
 }
 
-bool noteLineEnd(const char* buffer, int length)
-{
-    const bool ended = length > lineRoom || (length > 0 && buffer[length - 1] == '\n');
-    storePlain(Infra_returned, ended ? 1 : 0);
-    return ended;
-}
-
 void writeLine(char* text, int level, bool beginsLine, bool mayReset)
 {
     char* begin = text;
     char* const end = text + strlen(text);
-    if (beginsLine && isColored()) {
-        const char* const color = levelFaces[levelIndex(level)].color;
-        const size_t length = strlen(color);
-        begin -= length;
-        memcpy(begin, color, length);
-        noteColorWritten();
+    const bool colored = isColored();
+    if (beginsLine && colored) {
+        const std::string_view color = faceOf(level).color;
+        begin -= color.size();
+        memcpy(begin, color.data(), color.size());
     }
-    if (!mayReset || !isResetDue()) {
+    if (!mayReset || !isResetDue(colored)) {
         fwrite(begin, 1, static_cast<size_t>(end - begin), stdout);
+        if (begin != text) {
+            changePlain(s_setConsoleColorComplete, 0);
+        }
         return;
     }
     // The text is handed on after this: what the reset overwrites is put back.
@@ -305,22 +249,22 @@ void writeLine(char* text, int level, bool beginsLine, bool mayReset)
     memcpy(end, resetSequence, resetLength);
     fwrite(begin, 1, static_cast<size_t>(end - begin) + resetLength, stdout);
     memcpy(end, behind, resetLength);
-    noteResetWritten();
+    changePlain(s_setConsoleColorComplete, 1);
 }
 
 void writeColor(int level)
 {
     if (isColored()) {
-        fputs(levelFaces[levelIndex(level)].color, stdout);
-        noteColorWritten();
+        fputs(faceOf(level).color.data(), stdout);
+        changePlain(s_setConsoleColorComplete, 0);
     }
 }
 
 void writeDueReset()
 {
-    if (isResetDue()) {
+    if (isResetDue(isColored())) {
         fputs(resetSequence, stdout);
-        noteResetWritten();
+        changePlain(s_setConsoleColorComplete, 1);
     }
 }
 
@@ -329,23 +273,6 @@ void flushBehind(int level, bool lineEnded)
     if (lineEnded && (level == logLevelFatal || level == logLevelError)) {
         fflush(stdout);
     }
-}
-
-bool isLevelOpen(int level)
-{
-    return level <= loadPlain(Infra_printLogLevel) && loadPlain(Infra_openLog) != CLOSE_LOG;
-}
-
-CErrnoKeeper::CErrnoKeeper() : m_errno(errno) {}
-
-CErrnoKeeper::~CErrnoKeeper()
-{
-    errno = m_errno;
-}
-
-void CErrnoKeeper::restore() const
-{
-    errno = m_errno;
 }
 
 } // namespace Infra

@@ -16,11 +16,13 @@
 // Stack: an ordinary line takes about 1 KB, so that threads with 16 KB stacks can log; only a long
 // one takes the 8 KB of the full buffer.
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 
 #include "Infra/Infra3/CPrintLog.h"
+#include "Infra3/PlainShared.h"
 
 namespace Tarsel
 {
@@ -80,9 +82,17 @@ __attribute__((format(printf, 5, 0))) LogText formatLine(char* buffer, int room,
 
 /// Notes, and returns, whether a text of length n in `buffer` ended its line; the next text asks
 /// for it.
-bool noteLineEnd(const char* buffer, int length);
+inline bool noteLineEnd(const char* buffer, int length)
+{
+    const bool ended = length > lineRoom || (length > 0 && buffer[length - 1] == '\n');
+    changePlain(Infra_returned, ended ? 1 : 0);
+    return ended;
+}
 /// The last text printed ended its line.
-bool hasLineEnded();
+inline bool hasLineEnded()
+{
+    return loadPlain(Infra_returned) != 0;
+}
 
 /// Room around a line, so that colour before it and reset behind it go out in the same write.
 template <int Room>
@@ -105,18 +115,21 @@ void writeDueReset();
 void flushBehind(int level, bool lineEnded);
 
 /// The filter by level and by the switch for all.
-bool isLevelOpen(int level);
+inline bool isLevelOpen(int level)
+{
+    return level <= loadPlain(Infra_printLogLevel) && loadPlain(Infra_openLog) != CLOSE_LOG;
+}
 
 /// Saves the caller's errno: who logs a failure still wants to read it.
 class CErrnoKeeper
 {
 public:
-    CErrnoKeeper();
-    ~CErrnoKeeper();
+    CErrnoKeeper() : m_errno(errno) {}
+    ~CErrnoKeeper() { errno = m_errno; }
     CErrnoKeeper(const CErrnoKeeper&) = delete;
     CErrnoKeeper& operator=(const CErrnoKeeper&) = delete;
     /// Puts the caller's errno back for a "%m".
-    void restore() const;
+    void restore() const { errno = m_errno; }
 
 private:
     int m_errno;

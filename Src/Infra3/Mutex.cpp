@@ -4,10 +4,10 @@
 #include "Infra/Infra3/Mutex.h"
 
 #include <cerrno>
-#include <new>
 
 #include "Infra3/AssertFront.h"
 #include "Infra3/LogFront.h"
+#include "Infra3/MemoryTrial.h"
 #include "Infra3/MutexInternal.h"
 
 namespace Tarsel
@@ -21,7 +21,7 @@ void initMutex(MutexInternal& internal)
     INFRA_ASSERT(ret == 0);
 }
 
-CMutex::CMutex() : m_internal(new (std::nothrow) MutexInternal)
+CMutex::CMutex() : m_internal(newInternal<MutexInternal>())
 {
     INFRA_ASSERT(m_internal);
     initMutex(*m_internal);
@@ -39,21 +39,6 @@ CMutex::~CMutex()
     }
     INFRA_ASSERT(ret == 0);
     delete m_internal;
-}
-
-bool CMutex::enter()
-{
-    return pthread_mutex_lock(&m_internal->mutex) == 0;
-}
-
-bool CMutex::tryEnter()
-{
-    return pthread_mutex_trylock(&m_internal->mutex) == 0;
-}
-
-bool CMutex::leave()
-{
-    return pthread_mutex_unlock(&m_internal->mutex) == 0;
 }
 
 } // namespace Infra

@@ -3,7 +3,7 @@
 
 // Process-wide settings that the interface fixes as plain variables (C linkage, public records) are
 // read and written by many threads without a lock. Inside the library every access goes through
-// these two, so that it is a relaxed atomic one: no tearing, no data race, no cost.
+// these, so that it is a relaxed atomic one: no tearing, no data race, no cost.
 
 namespace Tarsel
 {
@@ -22,6 +22,15 @@ template <typename T>
 inline void storePlain(T& variable, T value)
 {
     __atomic_store(&variable, &value, __ATOMIC_RELAXED);
+}
+
+/// Stores only another value, so that threads which agree do not pull the word back and forth.
+template <typename T>
+inline void changePlain(T& variable, T value)
+{
+    if (loadPlain(variable) != value) {
+        storePlain(variable, value);
+    }
 }
 
 } // namespace Infra

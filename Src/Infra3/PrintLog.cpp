@@ -73,7 +73,7 @@ Receivers& receivers()
     return immortal<Receivers, Receivers>();
 }
 
-/// Who gets a text now. Empty, and asked for without the lock, on the usual path.
+/// Who gets a text now.
 struct Audience
 {
     LogPrinterProc printer;
@@ -82,9 +82,6 @@ struct Audience
 
 Audience currentAudience()
 {
-    if (!s_hasReceivers.load(std::memory_order_acquire)) {
-        return {};
-    }
     CGuard guard(receivers().receiverMutex);
     return {receivers().printer, receivers().procedures};
 }
@@ -111,12 +108,11 @@ const char* lastPathPart(const char* file)
 }
 
 /// Printer or standard output, then the procedures, then the colour reset that is due.
-void deliver(char* text, const LogOrigin& origin, bool beginsLine)
+[[gnu::noinline]] void deliverToReceivers(char* text, const LogOrigin& origin, bool beginsLine)
 {
     const Audience audience = currentAudience();
-    const bool handedOn = !audience.printer.empty() || audience.procedures != nullptr;
     if (audience.printer.empty()) {
-        writeLine(text, origin.level, beginsLine, /*mayReset*/ !handedOn);
+        writeLine(text, origin.level, beginsLine, /*mayReset*/ false);
     } else {
         if (beginsLine) {
             writeColor(origin.level);
@@ -128,8 +124,16 @@ void deliver(char* text, const LogOrigin& origin, bool beginsLine)
             procedure(text);
         }
     }
-    if (handedOn) {
-        writeDueReset();
+    writeDueReset();
+}
+
+/// On the usual path there is standard output alone, and no lock.
+void deliver(char* text, const LogOrigin& origin, bool beginsLine)
+{
+    if (s_hasReceivers.load(std::memory_order_acquire)) {
+        deliverToReceivers(text, origin, beginsLine);
+    } else {
+        writeLine(text, origin.level, beginsLine, /*mayReset*/ true);
     }
 }
 
@@ -173,42 +177,63 @@ void setLogStatistics(bool on)
     s_statisticsOn.store(on, std::memory_order_relaxed);
 }
 
-int logFilterEx(int level, const char* module, const char* file, const char* func, int line,
-                const char* svnversion, const char* fmt, va_list ap)
+namespace
 {
-    const int printedLevel = level == logLevelDebug ? static_cast<int>(logLevelTrace) : level;
-    if (!isLevelOpen(printedLevel) || isModuleOff(module)) {
-        return 0;
-    }
+
+/// What a level prints as: debug messages are trace messages.
+int printedLevelOf(int level)
+{
+    return level == logLevelDebug ? static_cast<int>(logLevelTrace) : level;
+}
+
+/// A call that has passed the filter; `origin` as its caller gave it. Out of line, so that one that
+/// does not pass costs no register more than the test needs.
+[[gnu::noinline]] int logPassed(LogOrigin origin, const char* format, va_list arguments)
+{
     const CNesting nesting;
-    if (nesting.tooDeep()) {
+    if (isModuleOff(origin.module) || nesting.tooDeep()) {
         return 0;
     }
     const CErrnoKeeper keeper;
-    const bool withRevision = svnversion != nullptr && loadPlain(s_options.version) == 0;
-    const LogOrigin origin = {printedLevel, module, lastPathPart(file),
-                              func,         line,   withRevision ? svnversion : ""};
+    origin.file = lastPathPart(origin.file);
+    if (origin.revision == nullptr || loadPlain(s_options.version) != 0) {
+        origin.revision = "";
+    }
     const LogMoment moment = currentMoment();
     int length = 0;
-    formatAndDeliver(origin, moment, keeper, fmt, ap, [&](char* text, LogText made) {
+    formatAndDeliver(origin, moment, keeper, format, arguments, [&](char* text, LogText made) {
         deliver(text, origin, moment.beginsLine);
-        flushBehind(printedLevel, made.ended);
+        flushBehind(origin.level, made.ended);
         length = made.length > lineRoom ? cutLineLength : made.length;
         writeToFile(text, length, moment.time);
-        countBytes(module, length);
+        countBytes(origin.module, length);
     });
     return length;
+}
+
+} // namespace
+
+int logFilterEx(int level, const char* module, const char* file, const char* func, int line,
+                const char* svnversion, const char* fmt, va_list ap)
+{
+    const int printedLevel = printedLevelOf(level);
+    if (!isLevelOpen(printedLevel)) {
+        return 0;
+    }
+    return logPassed({printedLevel, module, file, func, line, svnversion}, fmt, ap);
 }
 
 int logFilter(int level, const char* module, const char* file, const char* func, int line,
               const char* svnversion, const char* fmt, ...)
 {
-    if (level != logLevelDebug && level > loadPlain(Infra_printLogLevel)) {
+    const int printedLevel = printedLevelOf(level);
+    if (!isLevelOpen(printedLevel)) {
         return 0;
     }
     va_list arguments;
     va_start(arguments, fmt);
-    const int length = logFilterEx(level, module, file, func, line, svnversion, fmt, arguments);
+    const int length =
+        logPassed({printedLevel, module, file, func, line, svnversion}, fmt, arguments);
     va_end(arguments);
     return length;
 }

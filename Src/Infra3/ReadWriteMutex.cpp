@@ -1,4 +1,5 @@
-// ReadWriteMutex.cpp: CReadWriteMutex over the system's read-write lock.
+// ReadWriteMutex.cpp: CReadWriteMutex over the system's read-write lock. Making, ending and failing;
+// entering and leaving stand in the header.
 
 #include "Infra/Infra3/ReadWriteMutex.h"
 
@@ -15,15 +16,6 @@ namespace Tarsel
 {
 namespace Infra
 {
-
-struct RWMutexInternal
-{
-    explicit RWMutexInternal(CReadWriteMutex::RWPriority priority);
-    ~RWMutexInternal();
-
-    CReadWriteMutex::RWPriority markRWPriority; ///< the priority in force
-    pthread_rwlock_t* m_lock;                   ///< from malloc
-};
 
 namespace
 {
@@ -81,29 +73,14 @@ CReadWriteMutex::~CReadWriteMutex()
     delete m_internal;
 }
 
-bool CReadWriteMutex::enterReading()
+bool CReadWriteMutex::reportFailure(const char* function, const char* call, int code)
 {
-    return pthread_rwlock_rdlock(m_internal->m_lock) == 0;
-}
-
-bool CReadWriteMutex::enterWriting()
-{
-    const int ret = pthread_rwlock_wrlock(m_internal->m_lock);
-    if (ret != 0) {
-        INFRA_LOG_WARN("this:%p pthread_rwlock_wrlock called failed for errmsg:%s\n",
-                       static_cast<void*>(this), strerrordesc_np(ret));
+    if (isLevelPrinted(logLevelWarn)) {
+        logFront(logLevelWarn, {__FILE__, function, __LINE__},
+                 "this:%p %s called failed for errmsg:%s\n", static_cast<void*>(this), call,
+                 strerrordesc_np(code));
     }
-    return ret == 0;
-}
-
-bool CReadWriteMutex::leave()
-{
-    const int ret = pthread_rwlock_unlock(m_internal->m_lock);
-    if (ret != 0) {
-        INFRA_LOG_WARN("this:%p pthread_rwlock_unlock called failed for errmsg:%s\n",
-                       static_cast<void*>(this), strerrordesc_np(ret));
-    }
-    return ret == 0;
+    return false;
 }
 
 } // namespace Infra

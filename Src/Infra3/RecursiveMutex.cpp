@@ -37,15 +37,5 @@ CRecursiveMutex::~CRecursiveMutex()
     delete m_internal;
 }
 
-bool CRecursiveMutex::enter()
-{
-    return pthread_mutex_lock(&m_internal->mutex) == 0;
-}
-
-bool CRecursiveMutex::leave()
-{
-    return pthread_mutex_unlock(&m_internal->mutex) == 0;
-}
-
 } // namespace Infra
 } // namespace Tarsel

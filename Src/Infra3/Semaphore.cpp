@@ -8,18 +8,16 @@
 
 #include "Infra/Infra3/Semaphore.h"
 
-#include <linux/futex.h>
-#include <sys/syscall.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <new>
 
 #include "Infra3/AssertFront.h"
+#include "Infra3/FutexWait.h"
 #include "Infra3/LogFront.h"
+#include "Infra3/MemoryTrial.h"
 
 namespace Tarsel
 {
@@ -31,6 +29,7 @@ namespace Infra
 struct SemaphoreInternal
 {
     std::atomic<uint64_t> state;
+    CSpinHistory spinning;
 };
 
 namespace
@@ -55,21 +54,6 @@ uint32_t* countWord(SemaphoreInternal& internal)
     return reinterpret_cast<uint32_t*>(&internal.state);
 }
 
-/// Sleeps while the count is 0. False when `deadline` (monotonic, null for none) has passed or the
-/// system refuses; true when it is worth looking at the count again.
-bool sleepWhileEmpty(SemaphoreInternal& internal, const timespec* deadline)
-{
-    const long result =
-        syscall(SYS_futex, countWord(internal), FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, 0, deadline,
-                nullptr, FUTEX_BITSET_MATCH_ANY);
-    return result == 0 || errno == EAGAIN || errno == EINTR;
-}
-
-void wakeOne(uint32_t* word)
-{
-    syscall(SYS_futex, word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
-}
-
 /// Takes one, and `withIt` more of the word, if the count is above 0. The result is the count left,
 /// or -1.
 int takeOne(SemaphoreInternal& internal, uint64_t withIt = 0)
@@ -84,7 +68,7 @@ int takeOne(SemaphoreInternal& internal, uint64_t withIt = 0)
     return -1;
 }
 
-int waitAndTake(SemaphoreInternal& internal, const timespec* deadline)
+int sleepAndTake(SemaphoreInternal& internal, const timespec* deadline)
 {
     internal.state.fetch_add(oneWaiter, std::memory_order_relaxed);
     for (;;) {
@@ -92,11 +76,23 @@ int waitAndTake(SemaphoreInternal& internal, const timespec* deadline)
         if (left >= 0) {
             return left;
         }
-        if (!sleepWhileEmpty(internal, deadline)) {
+        if (!futexWait(countWord(internal), 0, deadline)) {
             internal.state.fetch_sub(oneWaiter, std::memory_order_relaxed);
             return -1;
         }
     }
+}
+
+int waitAndTake(SemaphoreInternal& internal, const timespec* deadline)
+{
+    const uint64_t begin = CSpinHistory::ticks();
+    int left = -1;
+    if (internal.spinning.spin(begin, [&] { return (left = takeOne(internal)) >= 0; })) {
+        return left;
+    }
+    left = sleepAndTake(internal, deadline);
+    internal.spinning.learnFromSleep(begin);
+    return left;
 }
 
 timespec later(timespec now, uint32_t milliSeconds)
@@ -110,7 +106,7 @@ timespec later(timespec now, uint32_t milliSeconds)
 
 } // namespace
 
-CSemaphore::CSemaphore(int initialCount) : m_internal(new (std::nothrow) SemaphoreInternal)
+CSemaphore::CSemaphore(int initialCount) : m_internal(newInternal<SemaphoreInternal>())
 {
     INFRA_ASSERT(m_internal);
     INFRA_SYSTEM_ASSERT(initialCount >= 0);
@@ -148,6 +144,9 @@ int CSemaphore::post()
 {
     uint32_t* const word = countWord(*m_internal);
     uint64_t state = m_internal->state.load(std::memory_order_relaxed);
+    if (hasWaiters(state)) {
+        m_internal->spinning.noteWaker();
+    }
     do {
         if (countOf(state) == INT_MAX) {
             return -1;
@@ -155,7 +154,7 @@ int CSemaphore::post()
     } while (!m_internal->state.compare_exchange_weak(state, state + 1, std::memory_order_release,
                                                       std::memory_order_relaxed));
     if (hasWaiters(state)) {
-        wakeOne(word);
+        futexWake(word, 1);
     }
     return countOf(state) + 1;
 }

@@ -3,15 +3,18 @@
 //
 // A string's capacity is exact, so a text that is put together piece by piece asks for more room
 // with every piece. Two things keep that from copying it each time: the block's real size, which
-// malloc knows, and a headroom of one cache line in a block that has had to move. So the price of
-// exactness is at most 64 bytes a grown string, and a move for every 64 characters appended, which
-// the system makes without copying where the block is large.
+// malloc knows, and a headroom in a block that has had to grow. So the price of exactness is a
+// quarter of a grown string, between 96 bytes and a page; one that is made at once has none.
+// Blocks up to a page are moved by hand, because realloc passes by the allocator's caches; larger
+// ones may be moved by the system without copying.
 
 #include "Infra/Infra3/String.h"
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 
@@ -26,20 +29,44 @@ namespace Detail
 namespace
 {
 
-constexpr size_t headroomBytes = 64;
+constexpr size_t largestMovedByHand = 4096;
+
+constexpr size_t headroomOf(size_t bytes)
+{
+    return std::clamp(bytes / 4, size_t{96}, size_t{4096});
+}
+
+void* checkedBlock(void* block)
+{
+    if (block == nullptr) {
+        throwStringMemory();
+    }
+    return block;
+}
 
 } // namespace
 
+void* growingStringBlock(size_t bytes)
+{
+    return checkedBlock(malloc(bytes + headroomOf(bytes)));
+}
+
 void* resizeStringBlock(void* block, size_t bytes, bool grows)
 {
-    if (grows && malloc_usable_size(block) >= bytes) {
+    if (!grows) {
+        return checkedBlock(realloc(block, bytes));
+    }
+    const size_t present = malloc_usable_size(block);
+    if (present >= bytes) {
         return block;
     }
-    void* const resized = realloc(block, grows ? bytes + headroomBytes : bytes);
-    if (resized == nullptr) {
-        throwStringMemory();
+    if (present > largestMovedByHand) {
+        return checkedBlock(realloc(block, bytes + headroomOf(bytes)));
     }
-    return resized;
+    void* const moved = growingStringBlock(bytes);
+    memcpy(moved, block, present);
+    free(block);
+    return moved;
 }
 
 void stringCheckFailed(const char* text, const char* file, long line)

@@ -7,11 +7,13 @@
 #include <sys/resource.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/Time.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/FutexWait.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/ThreadId.h"
 #include "Infra3/ThreadInternal.h"
@@ -25,10 +27,12 @@ namespace
 {
 
 constexpr int leastStackSize = 16384;
-constexpr uint32_t stopPollMs = 50;
 constexpr uint64_t waitsBetweenNotes = 100;
 /// A body that has been told to end is often gone within these; after them it is worth sleeping.
 constexpr int yieldingWaits = 200;
+
+/// Waits for the ends of threads, of all together: each thread ends once.
+constinit CSpinHistory s_endings;
 
 constinit thread_local ThreadInternal* t_record = nullptr;
 
@@ -63,7 +67,6 @@ void* threadBody(void* argument)
     }
     {
         CGuard guard(record.m_mutex);
-        record.m_running.store(1, std::memory_order_relaxed);
         record.m_ID.store(currentThreadId(), std::memory_order_relaxed);
     }
     record.m_manager->addThread(&record);
@@ -89,7 +92,7 @@ void* threadBody(void* argument)
     if (record.m_destroyBlock.load(std::memory_order_relaxed)) {
         record.m_cSemaphore.post();
     }
-    record.m_running.store(0, std::memory_order_release);
+    record.endRun();
     return nullptr;
 }
 
@@ -265,6 +268,40 @@ void ThreadInternal::copyName(char (&name)[32])
     memcpy(name, m_Name, sizeof(name));
 }
 
+/// The exchange is the last access to the record: who sees the 0 may free it.
+void ThreadInternal::endRun()
+{
+    const void* const word = &m_running;
+    if (m_running.load(std::memory_order_relaxed) == runningAwaited) {
+        s_endings.noteWaker();
+    }
+    if (m_running.exchange(0, std::memory_order_acq_rel) == runningAwaited) {
+        futexWake(word, INT_MAX);
+    }
+}
+
+bool ThreadInternal::isRunDestroyed() const
+{
+    return m_running.load(std::memory_order_acquire) != 0 &&
+           m_destroyed.load(std::memory_order_relaxed);
+}
+
+void ThreadInternal::waitForEnd()
+{
+    const uint64_t begin = CSpinHistory::ticks();
+    if (!isRunDestroyed() || s_endings.spin(begin, [this] { return !isRunDestroyed(); })) {
+        return;
+    }
+    while (isRunDestroyed()) {
+        int running = 1;
+        if (m_running.compare_exchange_strong(running, runningAwaited) ||
+            running == runningAwaited) {
+            futexWait(&m_running, runningAwaited, nullptr);
+        }
+    }
+    s_endings.learnFromSleep(begin);
+}
+
 void ThreadInternal::setTimeout(int milliSeconds, uint64_t now)
 {
     // A negative time lies in the past.
@@ -321,14 +358,16 @@ bool CThread::createThread()
     ThreadInternal& record = *m_internal;
     const CLogHold hold;
     CGuard guard(record.m_mutex);
+    // A body would wait for its own end for ever.
+    const bool fromItself = currentThreadRecord() == &record;
     for (uint64_t round = 0; record.m_running.load(std::memory_order_acquire) != 0 &&
-                             !record.m_bLoop.load(std::memory_order_acquire);
+                             !record.m_bLoop.load(std::memory_order_acquire) && !fromItself;
          ++round) {
         record.m_mutex.leave();
         waitABit(round);
         record.m_mutex.enter();
     }
-    if (record.m_bLoop.load(std::memory_order_acquire)) {
+    if (record.m_bLoop.load(std::memory_order_acquire) || fromItself) {
         INFRA_LOG_WARN("this:%p CThread::CreateThread() thread:%s is still running!\n",
                        static_cast<void*>(this), record.m_Name);
         return false;
@@ -370,20 +409,7 @@ bool CThread::destroyThread()
         record.m_destroyBlock.store(false, std::memory_order_relaxed);
         return true;
     }
-    // The body ends without a post when it was cancelled before, or a new run has begun: hence the
-    // regular look.
-    while (record.m_running.load(std::memory_order_acquire) != 0 &&
-           record.m_destroyed.load(std::memory_order_relaxed)) {
-        if (record.m_cSemaphore.pend(stopPollMs) >= 0) {
-            break;
-        }
-    }
-    // The body posts a moment before it is over.
-    for (uint64_t round = 0; record.m_running.load(std::memory_order_acquire) != 0 &&
-                             record.m_destroyed.load(std::memory_order_relaxed);
-         ++round) {
-        waitABit(round);
-    }
+    record.waitForEnd();
     return true;
 }
 

@@ -18,7 +18,7 @@
 // Locks: the manager's m_mutex, then a record's m_mutex, never the other way round. createThread()
 // holds m_mutex from before the system thread exists until m_running is 1, which keeps the new
 // body, whose first act is to take it, from ending before it counts as running. The end: the body's
-// last access to the record is m_running = 0; whoever waits for that may free it.
+// last access to the record sets m_running to 0; whoever waits for that may free it.
 
 #include <pthread.h>
 
@@ -43,8 +43,11 @@ struct ThreadInternal
     ThreadInternal(const ThreadInternal&) = delete;
     ThreadInternal& operator=(const ThreadInternal&) = delete;
 
+    /// In m_running: somebody sleeps until it is 0.
+    static constexpr int runningAwaited = 2;
+
     pthread_t m_handle;
-    std::atomic<int> m_running; ///< 1 while the body runs
+    std::atomic<int> m_running; ///< 1 or runningAwaited while the body runs
     int m_policy;
     int m_nPriority;
     int m_dwStackSize;
@@ -73,6 +76,12 @@ struct ThreadInternal
         return m_running.load(std::memory_order_acquire) == 0 &&
                !m_bLoop.load(std::memory_order_acquire);
     }
+    /// The body is over.
+    void endRun();
+    /// The body runs, and destroyThread() has been called for this run.
+    bool isRunDestroyed() const;
+    /// Waits until it is over, or a new run has begun.
+    void waitForEnd();
     void setName(const char* name);
     void copyName(char (&name)[32]);
     void setTimeout(int milliSeconds, uint64_t now);

@@ -1,28 +1,27 @@
-// TimeFormat.cpp: calendar time as text.
+// TimeFormat.cpp: calendar time written as text, and the process-wide settings of that.
 //
-// A format text is walked twice: once to count its date letters, because the count over the whole
-// text says how year, month and day are written, and once to write. Nothing is allocated; the
-// digits go straight into the caller's buffer.
+// A format text is read into pieces (CFormatReader), and pieces are written (CTimeWriter). Reading
+// takes twice as long as writing, and threads write one format over and over, so each thread keeps
+// the pieces of its last format. A format that is too long for that goes through in portions.
+// Nothing is allocated; the digits go straight into the caller's buffer.
 //
 // The date letters of a format only mark places: the process-wide date order says what stands in
 // the first, the second and the third of them. That is how one text serves every country.
 
-#include <array>
 #include <atomic>
-#include <climits>
-#include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <string>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Time.h"
-#include "Infra/Infra3/Utc.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/Digits.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
+#include "Infra3/TimeInternal.h"
 
 namespace Tarsel
 {
@@ -80,50 +79,6 @@ DateLetter dateLetterOf(char letter)
                            : noLetter;
 }
 
-constexpr int sequenceOf(DateLetter first, DateLetter second, DateLetter third)
-{
-    return (first * 8 + second) * 8 + third;
-}
-
-/// The date order by the first 'y', 'M' and 'd' of `format`, if all are there in one of the three.
-std::optional<CTime::DateFormat> dateOrderOf(const char* format)
-{
-    int seen = noLetter;
-    int sequence = 0;
-    for (; *format != '\0' && seen != allLetters; ++format) {
-        const DateLetter letter = dateLetterOf(*format);
-        if ((letter & ~seen) != 0) {
-            seen |= letter;
-            sequence = sequence * 8 + letter;
-        }
-    }
-    switch (sequence) {
-    case sequenceOf(yearLetter, monthLetter, dayLetter):
-        return CTime::ymd;
-    case sequenceOf(monthLetter, dayLetter, yearLetter):
-        return CTime::mdy;
-    case sequenceOf(dayLetter, monthLetter, yearLetter):
-        return CTime::dmy;
-    default:
-        return std::nullopt;
-    }
-}
-
-bool contains(const char* text, char letter)
-{
-    return strchr(text, letter) != nullptr;
-}
-
-/// "00" to "99".
-constexpr std::array<char, 200> digitPairs = [] {
-    std::array<char, 200> pairs = {};
-    for (size_t value = 0; value < 100; ++value) {
-        pairs[value * 2] = static_cast<char>('0' + value / 10);
-        pairs[value * 2 + 1] = static_cast<char>('0' + value % 10);
-    }
-    return pairs;
-}();
-
 /// For fields that a caller set to something that is no date.
 [[gnu::cold, gnu::noinline]] char* appendAnyNumber(char* out, int number, int digits)
 {
@@ -134,80 +89,73 @@ constexpr std::array<char, 200> digitPairs = [] {
 }
 
 /// Writes `number` with no less than `digits` digits: 1, 2 or 4.
-char* appendNumber(char* out, int number, int digits)
+inline char* appendNumber(char* out, int number, int digits)
 {
     const auto value = static_cast<unsigned>(number);
-    if (value < 100 && digits <= 2) {
-        const bool one = value < 10 && digits == 1;
+    if (digits <= 2 && value < 100) {
+        const bool one = digits == 1 && value < 10;
         memcpy(out, &digitPairs[value * 2 + (one ? 1 : 0)], 2);
         return out + (one ? 1 : 2);
     }
-    if (value < 10000 && digits == 4) {
-        memcpy(out, &digitPairs[value / 100 * 2], 2);
-        memcpy(out + 2, &digitPairs[value % 100 * 2], 2);
-        return out + 4;
+    if (digits == 4 && value < 10000) {
+        return writePair(writePair(out, value / 100), value % 100);
     }
     return appendAnyNumber(out, number, digits);
 }
 
-/// How often each date letter stands in a format, wherever. More than countMax are not needed.
+/// How often each date letter stands in a format, wherever.
 struct LetterCounts
 {
-    unsigned year;
-    unsigned month;
-    unsigned day;
+    size_t year;
+    size_t month;
+    size_t day;
 };
-
-/// The three counts share one word while they are taken, so that a letter costs one addition.
-constexpr unsigned countBits = 20;
-constexpr size_t countMax = (size_t{1} << countBits) - 1;
-
-constexpr std::array<uint64_t, 256> countWeights = [] {
-    std::array<uint64_t, 256> weights = {};
-    weights['y'] = 1;
-    weights['M'] = uint64_t{1} << countBits;
-    weights['d'] = uint64_t{1} << (2 * countBits);
-    return weights;
-}();
 
 LetterCounts countDateLetters(const char* format)
 {
-    uint64_t sum = 0;
-    for (size_t idx = 0; format[idx] != '\0' && idx < countMax; ++idx) {
-        sum += countWeights[static_cast<unsigned char>(format[idx])];
+    LetterCounts counts = {};
+    for (; *format != '\0'; ++format) {
+        const DateLetter letter = dateLetterOf(*format);
+        counts.year += letter == yearLetter ? 1 : 0;
+        counts.month += letter == monthLetter ? 1 : 0;
+        counts.day += letter == dayLetter ? 1 : 0;
     }
-    return {static_cast<unsigned>(sum & countMax),
-            static_cast<unsigned>(sum >> countBits & countMax),
-            static_cast<unsigned>(sum >> (2 * countBits))};
+    return counts;
 }
 
 /// What a piece of a format text has written.
 enum class Source : uint8_t
 {
     year,
-    shortYear,
     month,
     day,
     hour,
     minute,
     second,
-    numbers,   ///< those above
-    halfOfDay, ///< "AM" or "PM"
-    trim,      ///< drops the blanks before it
+    fields,             ///< those above are fields of the time as they are
+    shortYear = fields, ///< the last two digits
+    hour12,             ///< 1 to 12
+    halfOfDay,          ///< "AM" or "PM"
+    trim,               ///< drops the blanks before it
     nothing
 };
+
+constexpr int SystemTime::*fieldOfSource[] = {&SystemTime::year,   &SystemTime::month,
+                                              &SystemTime::day,    &SystemTime::hour,
+                                              &SystemTime::minute, &SystemTime::second};
+static_assert(std::size(fieldOfSource) == static_cast<size_t>(Source::fields));
 
 /// A part of a format text: what it writes, and one character behind that.
 struct Piece
 {
     Source source;
-    uint8_t digits; ///< the least to write a number with; 0: it is not written at all
+    uint8_t digits; ///< the least to write a number with
     char literal;   ///< 0: none
 };
 
 constexpr Piece emptyPiece = {Source::nothing, 0, '\0'};
 
-Piece yearPiece(unsigned letters)
+Piece yearPiece(size_t letters)
 {
     if (letters == 0) {
         return emptyPiece;
@@ -293,7 +241,6 @@ public:
         m_date = datePieces(format, order);
     }
 
-    bool hours12() const { return m_hours12; }
     /// The date order was to be taken from the format and is not there.
     bool orderMissing() const { return m_orderMissing; }
     bool atEnd() const { return *m_in == '\0'; }
@@ -317,7 +264,7 @@ private:
             return m_date.take();
         case 'H':
         case 'h':
-            return numberPiece(Source::hour, takeRun('H', 'h'));
+            return numberPiece(m_hours12 ? Source::hour12 : Source::hour, takeRun('H', 'h'));
         case 'm':
             return numberPiece(Source::minute, takeRun('m', 'm'));
         case 's':
@@ -376,11 +323,8 @@ private:
     DatePieces m_date;
 };
 
-int hourShown(int hour, bool hours12)
+int hourOf12(int hour)
 {
-    if (!hours12) {
-        return hour;
-    }
     if (hour == 0) {
         return 12;
     }
@@ -391,261 +335,109 @@ int hourShown(int hour, bool hours12)
 class CTimeWriter
 {
 public:
-    CTimeWriter(char* buf, const SystemTime& time, bool hours12)
-        : m_begin(buf), m_out(buf), m_hour(time.hour), m_values{time.year,
-                                                                time.year % 100,
-                                                                time.month,
-                                                                time.day,
-                                                                hourShown(time.hour, hours12),
-                                                                time.minute,
-                                                                time.second}
-    {}
+    CTimeWriter(char* buf, const SystemTime& time) : m_time(time), m_begin(buf), m_out(buf) {}
 
     void write(const Piece& piece)
     {
-        if (piece.source < Source::numbers) {
-            m_out = appendNumber(m_out, m_values[static_cast<int>(piece.source)], piece.digits);
-        } else if (piece.source == Source::halfOfDay) {
-            *m_out++ = m_hour < 12 ? 'A' : 'P';
-            *m_out++ = 'M';
-        } else if (piece.source == Source::trim) {
-            trim();
+        if (piece.source < Source::fields) {
+            const int value = m_time.*fieldOfSource[static_cast<size_t>(piece.source)];
+            m_out = appendNumber(m_out, value, piece.digits);
+        } else {
+            writeDerived(piece);
         }
-        if (piece.literal != '\0') {
-            *m_out++ = piece.literal;
-        }
+        // Without a literal this is the terminator's place at least.
+        *m_out = piece.literal;
+        m_out += piece.literal != '\0' ? 1 : 0;
     }
 
     void end() { *m_out = '\0'; }
 
 private:
-    void trim()
+    void writeDerived(const Piece& piece)
     {
-        while (m_out > m_begin && m_out[-1] == ' ') {
-            --m_out;
+        switch (piece.source) {
+        case Source::shortYear:
+            m_out = appendNumber(m_out, m_time.year % 100, piece.digits);
+            break;
+        case Source::hour12:
+            m_out = appendNumber(m_out, hourOf12(m_time.hour), piece.digits);
+            break;
+        case Source::halfOfDay:
+            *m_out++ = m_time.hour < 12 ? 'A' : 'P';
+            *m_out++ = 'M';
+            break;
+        case Source::trim:
+            while (m_out > m_begin && m_out[-1] == ' ') {
+                --m_out;
+            }
+            break;
+        default:
+            break;
         }
     }
 
+    const SystemTime& m_time;
     char* const m_begin;
     char* m_out;
-    const int m_hour;
-    const int m_values[static_cast<int>(Source::numbers)];
 };
 
-/// The pieces of the format text that a thread used last. Threads write one format over and over,
-/// and reading it takes twice as long as writing the time.
+/// Pieces of a format text: all of them, or a portion of a long one.
 struct FormatPlan
 {
     static constexpr size_t room = 40;
 
-    Settings settings;
+    Settings settings; ///< of the reading
     int mask;
-    bool hours12;
     bool orderMissing;
     uint8_t count;
     Piece pieces[room]; ///< each takes a character of the format at least
-    char format[room];  ///< "" while there is no plan
+    char format[room];  ///< what the pieces are all of; "" where there is no such text
+
+    void read(CFormatReader& reader)
+    {
+        for (count = 0; count < room && !reader.atEnd(); ++count) {
+            pieces[count] = reader.next();
+        }
+        orderMissing = reader.orderMissing();
+    }
+
+    void write(CTimeWriter& writer) const
+    {
+        for (const Piece* piece = pieces; piece != pieces + count; ++piece) {
+            writer.write(*piece);
+        }
+    }
 };
 
+/// The plan of the format text that a thread used last.
 constinit thread_local FormatPlan s_plan = {};
 
-/// The plan for `format` if it is the thread's last one.
-const FormatPlan* findPlan(const char* format, const Settings& settings, int mask)
+bool isLastPlan(const char* format, const Settings& settings, int mask)
 {
-    const bool same = s_plan.mask == mask && s_plan.settings == settings &&
-                      strcmp(s_plan.format, format) == 0 && *format != '\0';
-    return same ? &s_plan : nullptr;
+    return s_plan.mask == mask && s_plan.settings == settings &&
+           strcmp(s_plan.format, format) == 0 && *format != '\0';
 }
 
-/// Makes the thread's plan for `format`; null if that is too long for one.
-const FormatPlan* makePlan(const char* format, const Settings& settings, int mask)
+/// Writes by a plan made for `format`, which stays the thread's if it holds all of the text.
+void writeByNewPlan(CTimeWriter& writer, const char* format, const Settings& settings, int mask)
 {
-    const size_t length = strnlen(format, FormatPlan::room);
-    if (length == 0 || length == FormatPlan::room) {
-        return nullptr;
-    }
     CFormatReader reader(format, settings, mask);
-    uint8_t count = 0;
-    for (; !reader.atEnd(); ++count) {
-        s_plan.pieces[count] = reader.next();
+    s_plan.format[0] = '\0';
+    do {
+        s_plan.read(reader);
+        s_plan.write(writer);
+    } while (!reader.atEnd());
+    if (strnlen(format, FormatPlan::room) < FormatPlan::room) {
+        s_plan.settings = settings;
+        s_plan.mask = mask;
+        copyText(s_plan.format, format);
     }
-    s_plan.settings = settings;
-    s_plan.mask = mask;
-    s_plan.hours12 = reader.hours12();
-    s_plan.orderMissing = reader.orderMissing();
-    s_plan.count = count;
-    memcpy(s_plan.format, format, length + 1);
-    return &s_plan;
 }
 
 void complainAboutOrder()
 {
     logLibName(logLevelError, "Infra",
                "setFormat dateFormat is invalid,set default separator: ymd \n");
-}
-
-void writeByPlan(char* buf, const SystemTime& time, const FormatPlan& plan)
-{
-    CTimeWriter writer(buf, time, plan.hours12);
-    for (int idx = 0; idx < plan.count; ++idx) {
-        writer.write(plan.pieces[idx]);
-    }
-    writer.end();
-    if (plan.orderMissing) {
-        complainAboutOrder();
-    }
-}
-
-void writeByReader(char* buf, const SystemTime& time, CFormatReader reader)
-{
-    CTimeWriter writer(buf, time, reader.hours12());
-    while (!reader.atEnd()) {
-        writer.write(reader.next());
-    }
-    writer.end();
-    if (reader.orderMissing()) {
-        complainAboutOrder();
-    }
-}
-
-/// Up to six unsigned decimal numbers of a text, whatever stands between them.
-struct SixNumbers
-{
-    int values[6];
-    int count;
-};
-
-/// The number that the digits from `in` to `end` make, or INT_MAX where it is larger.
-[[gnu::cold, gnu::noinline]] int longNumber(const char* in, const char* end)
-{
-    int64_t value = 0;
-    for (; in != end && value <= INT_MAX; ++in) {
-        value = value * 10 + (*in - '0');
-    }
-    return value > INT_MAX ? INT_MAX : static_cast<int>(value);
-}
-
-/// Reads the digits at `in` into `number` and returns their end.
-const char* readNumber(const char* in, int& number)
-{
-    constexpr int digitsThatFit = 9;
-    const char* const begin = in;
-    unsigned value = 0;
-    for (; isDigit(*in); ++in) {
-        value = value * 10 + static_cast<unsigned>(*in - '0');
-    }
-    number = in - begin > digitsThatFit ? longNumber(begin, in) : static_cast<int>(value);
-    return in;
-}
-
-SixNumbers readSixNumbers(const char* text)
-{
-    SixNumbers numbers = {};
-    while (numbers.count < 6) {
-        while (*text != '\0' && !isDigit(*text)) {
-            ++text;
-        }
-        if (*text == '\0') {
-            break;
-        }
-        text = readNumber(text, numbers.values[numbers.count++]);
-    }
-    return numbers;
-}
-
-/// What a format text says about parsing.
-struct ParseRule
-{
-    std::optional<CTime::DateFormat> order;
-    bool hours12;
-};
-
-/// The rule of the format text that a thread parsed by last.
-struct LastParseRule
-{
-    ParseRule rule;
-    char format[40]; ///< "" while there is none
-};
-
-constinit thread_local LastParseRule s_lastRule = {};
-
-ParseRule parseRuleOf(const char* format)
-{
-    if (*format != '\0' && strcmp(s_lastRule.format, format) == 0) {
-        return s_lastRule.rule;
-    }
-    const ParseRule rule = {dateOrderOf(format), contains(format, 'h')};
-    if (strnlen(format, sizeof(s_lastRule.format)) < sizeof(s_lastRule.format)) {
-        s_lastRule.rule = rule;
-        copyText(s_lastRule.format, format);
-    }
-    return rule;
-}
-
-void setDate(SystemTime& time, const SixNumbers& numbers, CTime::DateFormat order)
-{
-    const int first = numbers.values[0];
-    const int second = numbers.values[1];
-    const int third = numbers.values[2];
-    switch (order) {
-    case CTime::ymd:
-        time.year = first;
-        time.month = second;
-        time.day = third;
-        break;
-    case CTime::mdy:
-        time.month = first;
-        time.day = second;
-        time.year = third;
-        break;
-    case CTime::dmy:
-        time.day = first;
-        time.month = second;
-        time.year = third;
-        break;
-    }
-}
-
-/// Turns an hour of 1 to 12 into one of 0 to 23 by the "PM" or "AM" in `text`.
-/// @return null, or what is wrong
-const char* toHour24(int& hour, const char* text)
-{
-    if (hour > 12) {
-        return "CTime parser input hour format is not accord with real value format.\n";
-    }
-    if (strstr(text, "PM") != nullptr) {
-        hour = hour == 12 ? 12 : hour + 12;
-        return nullptr;
-    }
-    if (strstr(text, "AM") != nullptr) {
-        hour = hour == 12 ? 0 : hour;
-        return nullptr;
-    }
-    return "12 hours time point is unclear.\n";
-}
-
-/// Sets date and time from `text`, not normalised.
-/// @return null, or what is wrong
-const char* readTime(SystemTime& time, const char* text, const char* format)
-{
-    const SixNumbers numbers = readSixNumbers(text);
-    if (numbers.count < 6) {
-        return "CTime parser input information is not enough.\n";
-    }
-    const ParseRule rule = parseRuleOf(format);
-    if (rule.order) {
-        setDate(time, numbers, *rule.order);
-    }
-    time.hour = numbers.values[3];
-    time.minute = numbers.values[4];
-    time.second = numbers.values[5];
-    return rule.hours12 ? toHour24(time.hour, text) : nullptr;
-}
-
-void clearDateAndTime(SystemTime& time)
-{
-    time.year = time.month = time.day = 0;
-    time.hour = time.minute = time.second = 0;
 }
 
 char separatorOf(const char* format)
@@ -660,7 +452,35 @@ char separatorOf(const char* format)
     return '-';
 }
 
+constexpr int sequenceOf(DateLetter first, DateLetter second, DateLetter third)
+{
+    return (first * 8 + second) * 8 + third;
+}
+
 } // namespace
+
+std::optional<CTime::DateFormat> dateOrderOf(const char* format)
+{
+    int seen = noLetter;
+    int sequence = 0;
+    for (; *format != '\0' && seen != allLetters; ++format) {
+        const DateLetter letter = dateLetterOf(*format);
+        if ((letter & ~seen) != 0) {
+            seen |= letter;
+            sequence = sequence * 8 + letter;
+        }
+    }
+    switch (sequence) {
+    case sequenceOf(yearLetter, monthLetter, dayLetter):
+        return CTime::ymd;
+    case sequenceOf(monthLetter, dayLetter, yearLetter):
+        return CTime::mdy;
+    case sequenceOf(dayLetter, monthLetter, yearLetter):
+        return CTime::dmy;
+    default:
+        return std::nullopt;
+    }
+}
 
 void CTime::format(char* buf, const char* format, int mask) const
 {
@@ -673,30 +493,16 @@ void CTime::format(char* buf, const char* format, int mask) const
         return;
     }
     const Settings current = settings();
-    const FormatPlan* plan = findPlan(format, current, mask);
-    if (plan == nullptr) {
-        plan = makePlan(format, current, mask);
-    }
-    if (plan != nullptr) {
-        writeByPlan(buf, *this, *plan);
+    CTimeWriter writer(buf, *this);
+    if (isLastPlan(format, current, mask)) {
+        s_plan.write(writer);
     } else {
-        writeByReader(buf, *this, CFormatReader(format, current, mask));
+        writeByNewPlan(writer, format, current, mask);
     }
-}
-
-bool CTime::parse(const char* buf, const char* format, int mask)
-{
-    if (format == nullptr) {
-        return parse(buf, getFormat().c_str(), mask);
+    writer.end();
+    if (s_plan.orderMissing) {
+        complainAboutOrder();
     }
-    const char* const complaint = readTime(*this, textOrEmpty(buf), format);
-    if (complaint != nullptr) {
-        logLibName(logLevelError, "Infra", "this:%p %s", static_cast<const void*>(this), complaint);
-        clearDateAndTime(*this);
-        return false;
-    }
-    normalize_time(*this);
-    return true;
 }
 
 void CTime::setFormatString(const char* format)

@@ -2,9 +2,13 @@
 
 #include "Infra/Infra3/Timer.h"
 
+#include <new>
+#include <optional>
+
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/LogFront.h"
+#include "Infra3/MemoryTrial.h"
 #include "Infra3/Singleton.h"
 #include "Infra3/TimerInternal.h"
 
@@ -32,6 +36,20 @@ void unlinkWaiterLocked(TimerInternal& timer, TimerWaiter& waiter)
             return;
         }
     }
+}
+
+/// Has `waiter` told of the end of the timer's call. Without memory it stays empty, and the wait is
+/// one of looking again and again.
+void linkWaiterLocked(TimerInternal& timer, std::optional<TimerWaiter>& waiter)
+{
+    try {
+        const CMemoryTrial trial;
+        waiter.emplace();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+    waiter->next = timer.m_waiters;
+    timer.m_waiters = &*waiter;
 }
 
 } // namespace
@@ -62,9 +80,8 @@ void waitForCallLocked(TimerInternal& timer, const CTimer* owner)
     CRecursiveMutex& mutex = TimerManagerInternal::sm_mutex();
     ++timer.m_waiterCount;
     for (uint64_t waits = 0; timer.isRunning() && !runsOnCallingThread(timer); ++waits) {
-        TimerWaiter waiter;
-        waiter.next = timer.m_waiters;
-        timer.m_waiters = &waiter;
+        std::optional<TimerWaiter> waiter;
+        linkWaiterLocked(timer, waiter);
         char name[sizeof(timer.m_Name)];
         copyText(name, timer.m_Name);
         mutex.leave();
@@ -72,18 +89,26 @@ void waitForCallLocked(TimerInternal& timer, const CTimer* owner)
             INFRA_LOG_INFO("this:%p CTimer::Stop Timer:%s wait callback exit!\n",
                            static_cast<const void*>(owner), name);
         }
-        waiter.ended.pend(waitMs);
+        if (waiter) {
+            waiter->ended.pend(waitMs);
+        } else {
+            CThread::sleep(waitMs);
+        }
         mutex.enter();
-        unlinkWaiterLocked(timer, waiter);
+        if (waiter) {
+            unlinkWaiterLocked(timer, *waiter);
+        }
     }
     if (--timer.m_waiterCount == 0 && timer.m_ownerGone) {
         delete &timer;
     }
 }
 
-CTimer::CTimer(const char* name) : m_internal(new TimerInternal(name))
+CTimer::CTimer(const char* name) : m_internal(nullptr)
 {
+    // It may be made here, and throw for want of memory: nothing is held yet.
     CTimerManager::instance();
+    m_internal = new TimerInternal(name);
 }
 
 CTimer::~CTimer()

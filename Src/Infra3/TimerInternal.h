@@ -9,7 +9,7 @@
 //
 //     scheduler tick ── run(timer) ──> idle or new worker ── post ──> worker calls the delegate
 //                                                                        │ call ends
-//     idle list <── or dying list, if the pool is full <─────────────────┘
+//     next due call, else idle list, or dying list if the pool is full <─┘
 //
 // A worker is made on the thread that hands a call out, and a dying one is deleted by the
 // scheduler.
@@ -50,28 +50,32 @@ struct TimerWaiter
     TimerWaiter* next = nullptr;
 };
 
-/// Everything is guarded by the timer lock; the atomics may also be read without it.
+/// Everything is guarded by the timer lock; the atomics may also be read without it. What start()
+/// and stop() touch comes first: with many timers each line of the cache is a miss, and so would be
+/// the room between aligned records.
 struct TimerInternal
 {
     explicit TimerInternal(const char* name);
 
-    uint64_t m_runningTime = 0; ///< microseconds spent in the callback while statistics were on
-    uint64_t m_CallTime = 0;    ///< next call, in monotonic milliseconds
-    uint64_t m_CheckTime = 0;   ///< the scheduler's time when the current call was handed out
-    unsigned long m_Period = 0; ///< milliseconds, 0 for a one-shot timer
-    unsigned long m_timeout = 0;
-    CTimer::Proc m_fun;
-    unsigned long m_param = 0;
-    char m_Name[32];
-    std::atomic<bool> m_Started{false}; ///< in the schedule
-    std::atomic<bool> m_Called{false};
+    uint64_t m_CallTime = 0;          ///< next call, in monotonic milliseconds
     TimerInternal* m_pPrev = nullptr; ///< the schedule's links
     TimerInternal* m_pNext = nullptr;
+    unsigned long m_Period = 0; ///< milliseconds, 0 for a one-shot timer
+    unsigned long m_timeout = 0;
+    unsigned long m_param = 0;
     std::atomic<CTimerThread*> m_thread{nullptr}; ///< runs the current call
+    std::atomic<bool> m_Started{false};           ///< in the schedule
+    std::atomic<bool> m_Called{false};
     std::atomic<bool> m_bStatistic{false};
-    TimerWaiter* m_waiters = nullptr;
-    int m_waiterCount = 0;    ///< threads inside waitForCallLocked()
     bool m_ownerGone = false; ///< destroyed by its own call; the last waiter deletes the record
+    int m_waiterCount = 0;    ///< threads inside waitForCallLocked()
+
+    CTimer::Proc m_fun;
+    uint64_t m_CheckTime = 0; ///< the scheduler's time when the current call was handed out
+    TimerWaiter* m_waiters = nullptr;
+    uint64_t m_runningTime = 0; ///< microseconds spent in the callback while statistics were on
+
+    char m_Name[32];
 
     bool isRunning() const { return m_thread.load(std::memory_order_acquire) != nullptr; }
     /// The next period boundary after `now`; missed ones are skipped.
@@ -106,6 +110,31 @@ private:
     TimerManagerInternal& m_manager;
 };
 
+/// How many workers the scheduler may set going for the calls that fall due in one tick.
+///
+/// The first ones at once; then as many as pauses go by in which the workers at hand have not taken
+/// enough of the due calls, each time twice as many. Enough is what would empty the due list within
+/// `mostPauses` such pauses. So a call waits for at most about that long, plus the time it takes to
+/// make the threads, whatever the callbacks before it do.
+class WorkerPace
+{
+public:
+    static constexpr long pauseMicroSeconds = 100;
+
+    /// True when a worker may be added now, which is then counted.
+    bool mayAddWorker();
+    void beginPause(size_t dueCount);
+    void endPause(size_t dueCount);
+
+private:
+    static constexpr size_t addedAtOnce = 2;
+    static constexpr size_t mostPauses = 20;
+
+    size_t m_allowed = addedAtOnce;
+    size_t m_growth = 1;
+    size_t m_dueBefore = 0;
+};
+
 class TimerManagerInternal final : public CThread
 {
 public:
@@ -127,8 +156,9 @@ public:
     void dumpTimers();
     void limitIdlePooled(int count);
 
-    /// Ends the call that `worker` has run and takes the worker back.
-    void endCall(CTimerThread* worker, uint64_t usedMicroSeconds);
+    /// Ends the call that `worker` has run. True when the worker has been given another one to run
+    /// at once; else it is idle.
+    bool endCall(CTimerThread* worker, uint64_t usedMicroSeconds);
 
     static bool staysInUse(TimerManagerInternal* manager);
 
@@ -142,12 +172,16 @@ public:
     bool m_exiting;            ///< nothing is scheduled any more
 
 private:
-    void tickLocked();
-    bool runNextLocked();
-    bool runLocked(TimerInternal& timer, bool retry);
-    bool handOutLocked(TimerInternal& timer);
+    void tick();
+    bool handOutNext(WorkerPace& pace);
+    bool areIdleWorkersEnoughLocked() const;
+    bool takeDueLocked(CTimerThread* worker);
+    bool runLocked(TimerInternal& timer, bool retry, CTimerThread* worker = nullptr);
+    void handOverLocked(TimerInternal& timer, CTimerThread* worker);
     void insertLocked(TimerInternal& timer);
-    void removeLocked(TimerInternal& timer);
+    bool removeIfStartedLocked(TimerInternal& timer);
+    void armLocked(TimerInternal& timer, const CTimer::Proc& fun, uint32_t delay, uint32_t period,
+                   unsigned long param, uint32_t timeout);
     void idleAllTimersLocked();
     bool ensureSchedulerLocked();
 

@@ -2,7 +2,17 @@
 //
 // Every 10 ms the scheduler reads the clock, moves what has fallen due into the due list and hands
 // the calls out one by one, releasing the lock between two. A hand-over copies the delegate into a
-// worker and posts its semaphore: no system call but the wake-up.
+// worker and posts its semaphore: no system call but the wake-up. A worker that ends a call while
+// others are due takes the next one itself.
+//
+// No call may wait for another to end, so each needs a worker of its own in the worst case; but
+// calls are mostly over before the next thread is awake, or made. So when more calls are due than
+// workers are idle, the scheduler sets a few workers going, then pauses and looks: while the due
+// list shrinks fast enough it adds none, else twice as many as the time before (WorkerPace). A
+// thousand callbacks that block all run within some milliseconds, each on its own thread; a
+// thousand that do not block need a handful.
+
+#include <time.h>
 
 #include <algorithm>
 #include <climits>
@@ -17,6 +27,7 @@
 #include "Infra3/Fork.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LogFront.h"
+#include "Infra3/MemoryTrial.h"
 #include "Infra3/Singleton.h"
 #include "Infra3/TimerInternal.h"
 
@@ -43,7 +54,38 @@ struct TimerRow
     bool running;
 };
 
+void pauseScheduler()
+{
+    const timespec pause = {0, WorkerPace::pauseMicroSeconds * 1000};
+    clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr); // a signal ends it early: no harm
+}
+
 } // namespace
+
+bool WorkerPace::mayAddWorker()
+{
+    if (m_allowed == 0) {
+        return false;
+    }
+    --m_allowed;
+    return true;
+}
+
+void WorkerPace::beginPause(size_t dueCount)
+{
+    m_dueBefore = dueCount;
+}
+
+void WorkerPace::endPause(size_t dueCount)
+{
+    const size_t taken = m_dueBefore > dueCount ? m_dueBefore - dueCount : 0;
+    if (dueCount <= taken * mostPauses) {
+        m_growth = 1;
+        return;
+    }
+    m_allowed = m_growth;
+    m_growth *= 2;
+}
 
 TimerManagerInternal* TimerManagerInternal::instance()
 {
@@ -85,27 +127,20 @@ TimerManagerInternal::~TimerManagerInternal()
 
 void TimerManagerInternal::threadProc()
 {
-    bool sleeps = true;
     do {
-        if (sleeps) {
-            CThread::sleep(tickMs);
+        CThread::sleep(tickMs);
+        tick();
+        WorkerPace pace;
+        while (handOutNext(pace) && looping()) {
         }
-        const CLogHold hold;
-        CRecursiveGuard guard(sm_mutex());
-        if (sleeps) {
-            tickLocked();
-        }
-        sleeps = !runNextLocked();
-        if (sleeps && m_headDying != nullptr) {
-            sm_mutex().leave();
-            deleteDead();
-            sm_mutex().enter();
-        }
+        deleteDead();
     } while (looping());
 }
 
-void TimerManagerInternal::tickLocked()
+void TimerManagerInternal::tick()
 {
+    const CLogHold hold;
+    CRecursiveGuard guard(sm_mutex());
     const uint64_t now = CTime::getCurrentMilliSecond();
     INFRA_ASSERT_TEXT(now >= m_CurTime, "0");
     if (now != m_CurTime) {
@@ -115,25 +150,54 @@ void TimerManagerInternal::tickLocked()
     setTimeout(schedulerTimeoutMs, now);
 }
 
-/// Hands out the first due call. True when another one is due.
-bool TimerManagerInternal::runNextLocked()
+/// Hands out the first due call, or gives the workers a moment to come back for it. False when no
+/// more is due.
+bool TimerManagerInternal::handOutNext(WorkerPace& pace)
 {
-    TimerInternal* const timer = m_schedule.firstDue();
-    if (timer != nullptr) {
-        runLocked(*timer, /*retry*/ true);
+    {
+        const CLogHold hold;
+        CRecursiveGuard guard(sm_mutex());
+        TimerInternal* const timer = m_schedule.firstDue();
+        if (timer == nullptr) {
+            return false;
+        }
+        if (timer->isRunning() || areIdleWorkersEnoughLocked() || pace.mayAddWorker()) {
+            runLocked(*timer, /*retry*/ true);
+            return m_schedule.firstDue() != nullptr;
+        }
+        pace.beginPause(m_schedule.dueCount());
     }
-    return m_schedule.firstDue() != nullptr;
+    pauseScheduler();
+    CRecursiveGuard guard(sm_mutex());
+    pace.endPause(m_schedule.dueCount());
+    return true;
+}
+
+bool TimerManagerInternal::areIdleWorkersEnoughLocked() const
+{
+    return m_schedule.dueCount() <= static_cast<size_t>(m_idleThreadCount);
+}
+
+/// Hands the first due call that is not dropped to a worker that has just ended another. False when
+/// none is due.
+bool TimerManagerInternal::takeDueLocked(CTimerThread* worker)
+{
+    while (!m_exiting && m_schedule.firstDue() != nullptr) {
+        if (runLocked(*m_schedule.firstDue(), /*retry*/ true, worker)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // Calls.
 
 /// Hands out a call of the timer and moves it on. `retry`: a one-shot timer for which no worker
-/// could be had is tried again at the next tick.
-bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry)
+/// could be had is tried again at the next tick. `worker`: a busy one that is to run it; null for
+/// one of the pool.
+bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry, CTimerThread* worker)
 {
-    if (timer.m_Started.load(std::memory_order_acquire)) {
-        removeLocked(timer);
-    }
+    removeIfStartedLocked(timer);
     if (timer.m_Period > 0) {
         timer.skipPast(m_CurTime);
         insertLocked(timer);
@@ -143,7 +207,16 @@ bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry)
     if (timer.isRunning()) {
         return false;
     }
-    if (handOutLocked(timer)) {
+    const bool isReturning = worker != nullptr;
+    if (!isReturning) {
+        worker = getTimerThreadLocked();
+    }
+    if (worker != nullptr) {
+        handOverLocked(timer, worker);
+        if (!isReturning) {
+            linkBusyLocked(worker);
+            worker->m_semaphore.post();
+        }
         return true;
     }
     if (timer.m_Period == 0) {
@@ -156,12 +229,8 @@ bool TimerManagerInternal::runLocked(TimerInternal& timer, bool retry)
     return false;
 }
 
-bool TimerManagerInternal::handOutLocked(TimerInternal& timer)
+void TimerManagerInternal::handOverLocked(TimerInternal& timer, CTimerThread* worker)
 {
-    CTimerThread* const worker = getTimerThreadLocked();
-    if (worker == nullptr) {
-        return false;
-    }
     timer.m_CheckTime = m_CurTime;
     worker->setThreadName(timer.m_Name);
     worker->setTimeout(static_cast<int>(std::min<unsigned long>(timer.m_timeout, INT_MAX)));
@@ -170,12 +239,9 @@ bool TimerManagerInternal::handOutLocked(TimerInternal& timer)
     worker->m_bStatistic = timer.m_bStatistic.load(std::memory_order_relaxed);
     worker->m_caller = &timer;
     timer.m_thread.store(worker, std::memory_order_release);
-    linkBusyLocked(worker);
-    worker->m_semaphore.post();
-    return true;
 }
 
-void TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSeconds)
+bool TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSeconds)
 {
     CRecursiveGuard guard(sm_mutex());
     TimerInternal* const timer = worker->m_caller;
@@ -187,8 +253,12 @@ void TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSecon
         worker->m_caller = nullptr;
         timer->notifyWaitersLocked();
     }
+    if (takeDueLocked(worker)) {
+        return true;
+    }
     unlinkBusyLocked(worker);
     putTimerThreadLocked(worker);
+    return false;
 }
 
 // What a timer's owner asks for.
@@ -196,14 +266,27 @@ void TimerManagerInternal::endCall(CTimerThread* worker, uint64_t usedMicroSecon
 bool TimerManagerInternal::start(TimerInternal& timer, const CTimer::Proc& fun, uint32_t delay,
                                  uint32_t period, unsigned long param, uint32_t timeout)
 {
+    if (delay != 0) {
+        // Mostly nothing else is to be done, and nothing that speaks.
+        CRecursiveGuard guard(sm_mutex());
+        if (looping() && !m_exiting) {
+            armLocked(timer, fun, delay, period, param, timeout);
+            return true;
+        }
+    }
     const CLogHold hold;
     CRecursiveGuard guard(sm_mutex());
     if (!ensureSchedulerLocked()) {
         return false;
     }
-    if (timer.m_Started.load(std::memory_order_acquire)) {
-        removeLocked(timer);
-    }
+    armLocked(timer, fun, delay, period, param, timeout);
+    return delay != 0 || runLocked(timer, /*retry*/ true);
+}
+
+void TimerManagerInternal::armLocked(TimerInternal& timer, const CTimer::Proc& fun, uint32_t delay,
+                                     uint32_t period, unsigned long param, uint32_t timeout)
+{
+    removeIfStartedLocked(timer);
     timer.m_fun = fun;
     timer.m_CallTime = m_CurTime + delay;
     timer.m_Period = period;
@@ -212,27 +295,24 @@ bool TimerManagerInternal::start(TimerInternal& timer, const CTimer::Proc& fun, 
     timer.m_Called.store(false, std::memory_order_release);
     timer.m_bStatistic.store(false, std::memory_order_relaxed);
     insertLocked(timer);
-    return delay != 0 || runLocked(timer, /*retry*/ true);
 }
 
 bool TimerManagerInternal::stop(TimerInternal& timer, bool callNow)
 {
+    if (!callNow) {
+        CRecursiveGuard guard(sm_mutex());
+        return removeIfStartedLocked(timer);
+    }
     const CLogHold hold;
     CRecursiveGuard guard(sm_mutex());
-    if (!timer.m_Started.load(std::memory_order_acquire)) {
-        return false;
-    }
-    removeLocked(timer);
-    return timer.m_Period > 0 || !callNow || runLocked(timer, /*retry*/ false);
+    return removeIfStartedLocked(timer) &&
+           (timer.m_Period > 0 || runLocked(timer, /*retry*/ false));
 }
 
 void TimerManagerInternal::setPeriodTime(TimerInternal& timer, unsigned int period)
 {
     CRecursiveGuard guard(sm_mutex());
-    const bool started = timer.m_Started.load(std::memory_order_acquire);
-    if (started) {
-        removeLocked(timer);
-    }
+    const bool started = removeIfStartedLocked(timer);
     // A call time before the clock's beginning is due at the next tick.
     const uint64_t later = timer.m_CallTime + period;
     timer.m_CallTime = later > timer.m_Period ? later - timer.m_Period : 0;
@@ -248,10 +328,14 @@ void TimerManagerInternal::insertLocked(TimerInternal& timer)
     timer.m_Started.store(true, std::memory_order_release);
 }
 
-void TimerManagerInternal::removeLocked(TimerInternal& timer)
+bool TimerManagerInternal::removeIfStartedLocked(TimerInternal& timer)
 {
+    if (!timer.m_Started.load(std::memory_order_relaxed)) {
+        return false;
+    }
     m_schedule.remove(timer);
     timer.m_Started.store(false, std::memory_order_release);
+    return true;
 }
 
 void TimerManagerInternal::idleAllTimersLocked()
@@ -329,6 +413,7 @@ CTimerThread* TimerManagerInternal::getTimerThreadLocked()
         return worker;
     }
     try {
+        const CMemoryTrial trial;
         std::unique_ptr<CTimerThread> worker = std::make_unique<CTimerThread>(*this);
         return worker->createThread() ? worker.release() : nullptr;
     } catch (const std::bad_alloc&) {

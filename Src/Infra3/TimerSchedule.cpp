@@ -75,10 +75,12 @@ void CTimerSchedule::insertInDue(TimerInternal& timer)
     timer.m_pNext = before;
     (after != nullptr ? after->m_pNext : m_dueHead) = &timer;
     (before != nullptr ? before->m_pPrev : m_dueTail) = &timer;
+    ++m_dueCount;
 }
 
 void CTimerSchedule::remove(TimerInternal& timer)
 {
+    m_dueCount -= timer.m_CallTime < m_now ? 1 : 0;
     if (timer.m_pNext != nullptr) {
         timer.m_pNext->m_pPrev = timer.m_pPrev;
     } else if (m_dueTail == &timer) {
@@ -112,8 +114,10 @@ void CTimerSchedule::appendDue(TimerInternal* list)
 {
     list->m_pPrev = m_dueTail;
     (m_dueTail != nullptr ? m_dueTail->m_pNext : m_dueHead) = list;
+    ++m_dueCount;
     while (list->m_pNext != nullptr) {
         list = list->m_pNext;
+        ++m_dueCount;
     }
     m_dueTail = list;
 }
@@ -185,13 +189,18 @@ std::vector<TimerInternal*> CTimerSchedule::sorted() const
 
 bool CTimerSchedule::isSound() const
 {
+    size_t dueCount = 0;
     for (const TimerInternal* timer = m_dueHead; timer != nullptr; timer = timer->m_pNext) {
+        ++dueCount;
         const TimerInternal* const next = timer->m_pNext;
         const bool linked = next == nullptr ? m_dueTail == timer : next->m_pPrev == timer;
         const bool ordered = next == nullptr || timer->m_CallTime <= next->m_CallTime;
         if (!linked || !ordered || timer->m_CallTime >= m_now) {
             return false;
         }
+    }
+    if (dueCount != m_dueCount) {
+        return false;
     }
     for (int level = 0; level < levelCount; ++level) {
         for (int slot = 0; slot < slotCount; ++slot) {

@@ -1,6 +1,7 @@
 #ifndef INFRA_SRC_INFRA3_TIMERSCHEDULE_H
 #define INFRA_SRC_INFRA3_TIMERSCHEDULE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -26,8 +27,8 @@ struct TimerInternal;
 /// back to the front, which keeps that order. A slot of level 0 holds one millisecond.
 ///
 /// Always true between calls: (1) a timer is in the due list if its time is below the wheel's time,
-/// else in the wheel, in the slot above; (2) the due list is sorted; (3) a bit in `m_occupied` is
-/// set if and only if its slot is not empty.
+/// else in the wheel, in the slot above; (2) the due list is sorted and has `m_dueCount` timers;
+/// (3) a bit in `m_occupied` is set if and only if its slot is not empty.
 ///
 /// Threads: none; the owner locks. Ownership: none; the timers' own links are used.
 class CTimerSchedule
@@ -44,6 +45,8 @@ public:
     void advance(uint64_t now);
     /// The first timer whose time is below the last `now`, or null.
     TimerInternal* firstDue() const { return m_dueHead; }
+    /// How many are due.
+    size_t dueCount() const { return m_dueCount; }
 
     /// Takes all timers out and calls `each` for every one. Needs no memory.
     template <typename Each>
@@ -73,6 +76,7 @@ private:
     uint64_t m_now; ///< the wheel's time
     TimerInternal* m_dueHead = nullptr;
     TimerInternal* m_dueTail = nullptr;
+    size_t m_dueCount = 0;
     uint64_t m_occupied[levelCount] = {};
     TimerInternal* m_slots[levelCount][slotCount] = {};
 

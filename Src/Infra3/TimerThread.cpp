@@ -52,10 +52,12 @@ void CTimerThread::threadProc()
         if (m_cancel.load(std::memory_order_relaxed)) {
             break;
         }
-        const uint64_t used = call();
-        setTimeout(0);
-        setThreadName("[Pooled]");
-        m_manager.endCall(this, used);
+        uint64_t used = 0;
+        do {
+            used = call();
+            setTimeout(0);
+            setThreadName("[Pooled]");
+        } while (m_manager.endCall(this, used));
     }
 }
 

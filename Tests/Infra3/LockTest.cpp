@@ -262,6 +262,27 @@ TEST(SemaphoreTest, NothingIsLostUnderContentionAndTimeouts)
     EXPECT_EQ(semaphore.tryPend(), -1);
 }
 
+TEST(SemaphoreTest, ManyShortWaitsLoseNothingAndLeaveALongOneItsTime)
+{
+    constexpr int rounds = 20000;
+    CSemaphore there(0);
+    CSemaphore back(0);
+    std::thread other([&] {
+        for (int i = 0; i < rounds; ++i) {
+            EXPECT_EQ(there.pend(), 0);
+            EXPECT_EQ(back.post(), 1);
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        EXPECT_EQ(there.post(), 1);
+        EXPECT_EQ(i % 2 == 0 ? back.pend() : back.pend(60000), 0);
+    }
+    other.join();
+    const Clock::time_point begin = Clock::now();
+    EXPECT_EQ(back.pend(50), -1);
+    EXPECT_GE(milliSecondsSince(begin), 49);
+}
+
 TEST(SemaphoreTest, MayBeDestroyedAsSoonAsTheLastPendReturns)
 {
     // The poster may still be inside post() when the waiter deletes: AddressSanitizer sees a touch.

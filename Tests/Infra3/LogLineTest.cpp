@@ -4,9 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
+#include <cstdarg>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <thread>
@@ -20,6 +25,7 @@
 #include "Infra3/LogFront.h"
 #include "Infra3/LogSink.h"
 #include "Support/ChildProcess.h"
+#include "Support/FailingThreads.h"
 #include "Support/LogCapture.h"
 
 namespace Tarsel
@@ -164,6 +170,64 @@ TEST_F(LogLayoutTest, LinesAreCutAtTheBuffersEnd)
     EXPECT_EQ(m_line.size(), 8190U);
 }
 
+/// One text behind a line that has not ended, so without a prefix. Formats that compilers warn of
+/// are welcome.
+int printText(const char* format, ...)
+{
+    Infra_returned = 0;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = logFilterEx(logLevelWarn, "m", "f", "g", 1, "", format, arguments);
+    va_end(arguments);
+    return length;
+}
+
+TEST_F(LogLayoutTest, EveryConversionOfTheStandardIsTaken)
+{
+    const char* volatile nothing = nullptr;
+    const struct
+    {
+        const char* expected;
+        std::function<int()> print;
+    } cases[] = {
+        {"%|a%b|\n", [] { return printText("%%|a%%b|\n"); }},
+        {"b-7-b\n", [] { return printText("%2$s-%1$d-%2$s\n", 7, "b"); }},
+        {"    3.14|\n", [] { return printText("%*.*f|\n", 8, 2, 3.14159); }},
+        {"    3.14|\n", [] { return printText("%3$*1$.*2$f|\n", 8, 2, 3.14159); }},
+        {"7   |7   |\n", [] { return printText("%-*d|%*d|\n", 4, 7, -4, 7); }},
+        {"ab|abc||\n", [] { return printText("%.*s|%.*s|%.0s|\n", 2, "abc", -1, "abc", "abc"); }},
+        {"wide|c\n", [] { return printText("%ls|%lc\n", L"wide", static_cast<wint_t>(L'c')); }},
+        {"-1 -2 -3 -4 5 -6 -7\n",
+         [] {
+             return printText("%hhd %hd %ld %lld %zu %jd %td\n", 255, 65534, -3L, -4LL, size_t{5},
+                              intmax_t{-6}, ptrdiff_t{-7});
+         }},
+        {"0xff 010 +7  7 00007 -0\n",
+         [] { return printText("%#x %#o %+d % d %05d %g\n", 255, 8, 7, 7, 7, -0.0); }},
+        {"0x1p+0 1.234568e+04 1e-05 1E+10 1.500000\n",
+         [] { return printText("%a %e %g %G %Lf\n", 1.0, 12345.678, 1e-5, 1e10, 1.5L); }},
+        {"inf -INF nan\n",
+         [] {
+             const double infinity = std::numeric_limits<double>::infinity();
+             return printText("%f %F %f\n", infinity, -infinity, NAN);
+         }},
+        {"(nil) (null) 0x10\n",
+         [nothing] {
+             return printText("%p %s %p\n", nothing, nothing, reinterpret_cast<void*>(16));
+         }},
+        {"    a|b    |\n", [] { return printText("%5c|%-5c|\n", 'a', 'b'); }},
+    };
+    for (const auto& each : cases) {
+        m_line.clear();
+        EXPECT_EQ(each.print(), static_cast<int>(strlen(each.expected))) << each.expected;
+        EXPECT_EQ(m_line, each.expected);
+    }
+    m_line.clear();
+    EXPECT_EQ(printText("%9000d\n", 7), 8192);
+    EXPECT_EQ(m_line, std::string(8190, ' '));
+    Infra_returned = 1;
+}
+
 TEST_F(LogLayoutTest, MessagesThatCannotBeFormattedPrintTheirPrefix)
 {
     setOptions({&PrintOptions::time, &PrintOptions::thread});
@@ -299,33 +363,18 @@ TEST(LogOutputTest, ErrorsAndWhatCameBeforeThemSurviveAbort)
     EXPECT_EQ(result.output.find("lost"), std::string::npos);
 }
 
-TEST(LogOutputTest, LinesFromManyThreadsReachAPipeWhole)
+/// Runs `body` in a child whose standard output is a pipe, and returns what came out of it.
+std::string pipedFrom(const std::function<void()>& body)
 {
-    constexpr int threads = 8;
-    constexpr int lines = 400;
     int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(pipe(ends), 0);
     fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
         dup2(ends[1], STDOUT_FILENO);
         close(ends[0]);
         close(ends[1]);
-        setOptions({&PrintOptions::time, &PrintOptions::thread});
-        std::vector<std::thread> writers;
-        for (int t = 0; t < threads; ++t) {
-            writers.emplace_back([t] {
-                for (int i = 0; i < lines; ++i) {
-                    const int length = (i * 37 + t) % 1500;
-                    logFilter(t % 2 == 0 ? logLevelWarn : logLevelError, "m", "f", "g", t, "",
-                              "%d %s|\n", length,
-                              std::string(length, static_cast<char>('a' + t)).c_str());
-                }
-            });
-        }
-        for (std::thread& writer : writers) {
-            writer.join();
-        }
+        body();
         fflush(stdout);
         _exit(0);
     }
@@ -338,26 +387,86 @@ TEST(LogOutputTest, LinesFromManyThreadsReachAPipeWhole)
     }
     close(ends[0]);
     waitpid(child, nullptr, 0);
+    return all;
+}
 
-    int found[threads] = {};
-    size_t at = 0;
-    while (at < all.size()) {
-        const size_t end = all.find("\033[0m", at);
+constexpr int pipeWriters = 8;
+constexpr int linesOfEach = 250;
+constexpr int longestMessage = 7800; // a prefix goes before it
+
+void writeLinesOfEveryLength(int thread)
+{
+    if (thread < 2) {
+        CThread::load(70); // signals in the middle of everything
+    }
+    for (int i = 0; i < linesOfEach; ++i) {
+        const int length = (i * pipeWriters + thread) * 4 % longestMessage;
+        const std::string text(length, static_cast<char>('a' + thread));
+        logFilter(i % 2 == 0 ? logLevelWarn : logLevelError, "m", "f", "g", i, "", "<%d %d %s>\n",
+                  thread, i, text.c_str());
+        logInfo("<switched off now and then>\n");
+    }
+}
+
+void switchOptionsAndLevels(const std::atomic<bool>& over)
+{
+    uint8_t PrintOptions::*const fields[] = {&PrintOptions::time,  &PrintOptions::color,
+                                             &PrintOptions::style, &PrintOptions::date,
+                                             &PrintOptions::level, &PrintOptions::function};
+    for (unsigned round = 0; !over; ++round) {
+        PrintOptions options = {};
+        for (unsigned bit = 0; bit < std::size(fields); ++bit) {
+            options.*fields[bit] = round >> bit & 1;
+        }
+        setPrintOptions(options);
+        setPrintLogLevel(3 + static_cast<int>(round % 3));
+    }
+}
+
+TEST(LogOutputTest, LinesOfEveryLengthReachAPipeWholeWhileOptionsChange)
+{
+    const TestSupport::COrdinaryThreads ordinary;
+    CThread::load(100); // the thread manager has introduced itself
+    const std::string all = TestSupport::withoutColors(pipedFrom([] {
+        std::atomic<bool> over{false};
+        std::thread switcher(switchOptionsAndLevels, std::cref(over));
+        std::vector<std::thread> writers;
+        for (int t = 0; t < pipeWriters; ++t) {
+            writers.emplace_back(writeLinesOfEveryLength, t);
+        }
+        for (std::thread& writer : writers) {
+            writer.join();
+        }
+        over = true;
+        switcher.join();
+    }));
+    int next[pipeWriters] = {};
+    size_t end = 0;
+    for (size_t at = 0; at < all.size(); at = end + 1) {
+        end = all.find('\n', at);
         ASSERT_NE(end, std::string::npos);
         const std::string line = all.substr(at, end - at);
-        at = end + strlen("\033[0m");
+        const size_t message = line.find("]<");
+        ASSERT_EQ(line[0], '[') << line;
+        if (line.find("]ThreadBody ") != std::string::npos) {
+            continue; // the load controller's
+        }
+        ASSERT_NE(message, std::string::npos) << line;
+        if (line.substr(message) == "]<switched off now and then>") {
+            continue;
+        }
         int thread = -1;
-        int length = -1;
-        int behind = 0;
-        const char* const format = line.find("warn") != std::string::npos
-                                       ? "\033[33;40m[ warn m f:%d]%d %n"
-                                       : "\033[31;40m[ error m f:%d]%d %n";
-        ASSERT_EQ(sscanf(line.c_str(), format, &thread, &length, &behind), 2) << line;
-        ASSERT_EQ(line.substr(behind), std::string(length, 'a' + thread) + "|\n");
-        ++found[thread];
+        int number = -1;
+        ASSERT_EQ(sscanf(line.c_str() + message, "]<%d %d ", &thread, &number), 2) << line;
+        ASSERT_EQ(number, next[thread]++) << "each thread's own lines stay in order";
+        const int length = (number * pipeWriters + thread) * 4 % longestMessage;
+        const std::string expected = "]<" + std::to_string(thread) + " " + std::to_string(number) +
+                                     " " + std::string(length, static_cast<char>('a' + thread)) +
+                                     ">";
+        ASSERT_EQ(line.substr(message), expected);
     }
-    for (const int count : found) {
-        EXPECT_EQ(count, lines);
+    for (const int count : next) {
+        EXPECT_EQ(count, linesOfEach);
     }
 }
 

@@ -23,7 +23,6 @@
 #include "Infra/Infra3/Time.h"
 #include "Support/ChildProcess.h"
 #include "Support/Eventually.h"
-#include "Support/FailingThreads.h"
 #include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 
@@ -188,27 +187,23 @@ TEST(ThreadTest, AnUnknownPolicyWarnsWithoutLineEndAndRunsNormally)
     logWarn("\n");
 }
 
-TEST(ThreadTest, ARefusedSystemThreadLeavesTheObjectUsable)
+TEST(ThreadTest, AThreadMayStopItselfAndNotStartItselfAgain)
 {
     CLogCapture log;
-    CLoopThread thread("refused");
-    {
-        TestSupport::CFailingThreads failing;
-        EXPECT_FALSE(thread.createThread());
-    }
-    EXPECT_TRUE(log.contains(" pthread create failed, errno:11\n"));
-    EXPECT_TRUE(thread.isThreadOver());
-    EXPECT_TRUE(thread.startAndWait());
-}
-
-TEST(ThreadTest, AThreadMayStopItself)
-{
     CLoopThread thread("self");
-    std::atomic<bool> result{false};
-    thread.onRound = [&] { result = thread.destroyThread(); };
+    std::atomic<bool> stopped{false};
+    std::atomic<bool> started{true};
+    thread.onRound = [&] {
+        stopped = thread.destroyThread();
+        started = thread.createThread();
+    };
     EXPECT_TRUE(thread.createThread());
     EXPECT_TRUE(eventually([&] { return thread.isThreadOver(); }));
-    EXPECT_TRUE(result);
+    EXPECT_TRUE(stopped);
+    EXPECT_FALSE(started);
+    EXPECT_TRUE(log.contains(" CThread::CreateThread() thread:self is still running!\n"));
+    thread.onRound = nullptr;
+    EXPECT_TRUE(thread.startAndWait());
 }
 
 TEST(ThreadTest, WatchdogDeadlines)
@@ -283,54 +278,6 @@ TEST(ThreadLiteTest, RunsItsDelegateUntilItIsDestroyed)
     EXPECT_EQ(work.rounds, rounds);
 }
 
-TEST(ThreadStormTest, SharedObjectsSurviveEveryMixOfCalls)
-{
-    CLogCapture log;
-    std::vector<std::unique_ptr<CLoopThread>> shared;
-    for (int i = 0; i < 3; ++i) {
-        shared.push_back(std::make_unique<CLoopThread>("shared"));
-    }
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&shared, t] {
-            for (int i = 0; i < 150; ++i) {
-                CLoopThread& thread = *shared[static_cast<size_t>((i + t) % 3)];
-                switch ((i * 7 + t) % 4) {
-                case 0:
-                    thread.createThread();
-                    break;
-                case 1:
-                    thread.destroyThread();
-                    break;
-                case 2:
-                    thread.cancelThread();
-                    break;
-                default:
-                    CLoopThread own("own");
-                    ASSERT_TRUE(own.createThread());
-                    break;
-                }
-            }
-        });
-    }
-    std::atomic<bool> stop{false};
-    std::thread reader([&] {
-        while (!stop) {
-            CThreadManager::instance()->dumpThreads();
-            std::string names;
-            CThreadManager::instance()->getTimeOutThreads(names);
-        }
-    });
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    stop = true;
-    reader.join();
-    shared.clear();
-    std::list<CThreadManager::ThreadInfo> infos;
-    EXPECT_FALSE(CThreadManager::instance()->getThreadsInfo(infos));
-}
-
 void showTable()
 {
     CLogCapture log;
@@ -378,31 +325,6 @@ void showTable()
 TEST(ThreadManagerTest, TheTableShowsThreadsNewestFirst)
 {
     INFRA_IN_FRESH_PROCESS(showTable);
-}
-
-void printWithLookUps(const char*)
-{
-    CString name;
-    CThreadManager::instance()->getThreadNameByID(CThread::getCurrentThreadID(), name);
-}
-
-TEST(ThreadManagerTest, APrinterMayAskForNamesWhileThreadsComeAndGo)
-{
-    setLogPrinter(LogPrinterProc(printWithLookUps));
-    setPrintLogLevel(6);
-    std::vector<std::unique_ptr<CLoopThread>> threads;
-    for (int i = 0; i < 50; ++i) {
-        threads.push_back(std::make_unique<CLoopThread>("guest"));
-        EXPECT_TRUE(threads.back()->createThread());
-        EXPECT_FALSE(threads.back()->createThread());
-        CThreadManager::instance()->dumpThreads();
-        if (i % 3 == 0) {
-            threads.clear();
-        }
-    }
-    threads.clear();
-    setPrintLogLevel(4);
-    setLogPrinter(LogPrinterProc());
 }
 
 TEST(LoadControllerTest, OnlyPercentagesAreTakenAndTheThreadLivesWhileOneIsLimited)

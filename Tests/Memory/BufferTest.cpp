@@ -10,15 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "Infra/Infra3/PrintLog.h"
-#include "Memory/FailingHeap.h"
 #include "Support/LogCapture.h"
 
 namespace
 {
 
 using Tarsel::Memory::CBuffer;
-using Tarsel::TestSupport::CFailingHeap;
 using Tarsel::TestSupport::CLogCapture;
 
 size_t put(CBuffer& buffer, const std::string& text)
@@ -129,9 +126,10 @@ TEST(Buffer, AGrowthThatFailsIsLoggedAndLeavesEverythingAsItWas)
     fresh.reserve(SIZE_MAX - 16);
     fresh.setIncreasedSize(SIZE_MAX);
     EXPECT_EQ(fresh.capacity(), 0u);
-    EXPECT_EQ(log.take(),
-              " CBuffer putbuffer Malloc fail:\n CBuffer resize Malloc fail:\n"
-              " CBuffer reserve Malloc fail:\n CBuffer setIncreasedSize Malloc fail:\n");
+    EXPECT_EQ(log.takeLeveled(),
+              "info| CBuffer putbuffer Malloc fail:\ninfo| CBuffer resize Malloc fail:\n"
+              "info| CBuffer reserve Malloc fail:\n"
+              "info| CBuffer setIncreasedSize Malloc fail:\n");
 
     CBuffer used;
     used.setIncreasedSize(64);
@@ -145,40 +143,10 @@ TEST(Buffer, AGrowthThatFailsIsLoggedAndLeavesEverythingAsItWas)
     used.setIncreasedSize(SIZE_MAX);
     EXPECT_EQ(put(used, std::string(62, 'x')), 0u) << "no block has one step";
     EXPECT_EQ(used.size(), 3u);
-    EXPECT_EQ(log.take(), "CBuffer putbuffer ReMalloc fail:\nCBuffer putbuffer ReMalloc fail:\n"
-                          " CBuffer resize ReMalloc fail:\n CBuffer reserve Malloc fail:\n"
-                          "CBuffer putbuffer ReMalloc fail:\n");
-}
-
-TEST(Buffer, FailuresAreInformation)
-{
-    static std::string s_lines;
-    Tarsel::Infra::setLogPrinter([](const char* text) { s_lines += text; });
-    CBuffer().reserve(SIZE_MAX);
-    Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc());
-    EXPECT_NE(s_lines.find(" info Infra"), std::string::npos) << s_lines;
-}
-
-TEST(Buffer, ASystemWithoutMemoryTakesNothingAway)
-{
-    CLogCapture log;
-    CBuffer fresh;
-    CBuffer used;
-    put(used, std::string(40, 'a') + "end");
-    {
-        const CFailingHeap failing(5032); // 5000 bytes and the record
-        fresh.reserve(5000);
-        used.reserve(5000);
-        used.resize(5000);
-        EXPECT_EQ(put(used, std::string(4957, 'x')), 0u);
-    }
-    EXPECT_EQ(log.take(), " CBuffer reserve Malloc fail:\n CBuffer reserve Malloc fail:\n"
-                          " CBuffer resize ReMalloc fail:\nCBuffer putbuffer ReMalloc fail:\n");
-    EXPECT_EQ(fresh.capacity(), 0u);
-    EXPECT_EQ(used.capacity(), 43u);
-    EXPECT_EQ(contents(used), std::string(40, 'a') + "end");
-    EXPECT_EQ(put(used, std::string(4957, 'x')), 4957u);
-    EXPECT_EQ(contents(used).substr(38, 7), "aaendxx");
+    EXPECT_EQ(log.takeLeveled(),
+              "info|CBuffer putbuffer ReMalloc fail:\ninfo|CBuffer putbuffer ReMalloc fail:\n"
+              "info| CBuffer resize ReMalloc fail:\ninfo| CBuffer reserve Malloc fail:\n"
+              "info|CBuffer putbuffer ReMalloc fail:\n");
 }
 
 } // namespace

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Memory/FailingHeap.h"
+#include "Support/FailingHeap.h"
 
 using Tarsel::Memory::Detail::CMemPool;
 using Tarsel::TestSupport::CFailingHeap;

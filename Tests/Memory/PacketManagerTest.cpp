@@ -21,10 +21,10 @@
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra3/CpuFeatures.h"
 #include "Memory/CopyBytes.h"
-#include "Memory/FailingHeap.h"
 #include "Memory/Packet.h"
 #include "Memory/PacketManagerInternal.h"
 #include "Support/ChildProcess.h"
+#include "Support/FailingHeap.h"
 
 using Tarsel::Memory::CPacket;
 using Tarsel::Memory::CPacketManager;

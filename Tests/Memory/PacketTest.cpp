@@ -1,10 +1,13 @@
 #include "Memory/Packet.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -14,11 +17,11 @@
 #include <gtest/gtest.h>
 
 #include "Infra/Infra3/PrintLog.h"
-#include "Memory/FailingHeap.h"
 #include "Memory/PacketInternal.h"
 #include "Memory/PacketManager.h"
 #include "Memory/SharePacketSeam.h"
 #include "Support/ChildProcess.h"
+#include "Support/FailingHeap.h"
 
 using namespace Tarsel::Memory;
 using Tarsel::TestSupport::CFailingHeap;
@@ -385,18 +388,45 @@ TEST(Packet, PartsStayInsideTheirParentAndKeepIt)
     EXPECT_EQ(countOf(child.output, "offset or size is invalid"), 6);
 }
 
-TEST(Packet, ALongChainOfPartsEndsWithoutDeepRecursion)
+/// Runs `body` in a thread with the least stack that this build can have.
+void onSmallStack(void (*body)())
+{
+    pthread_attr_t attribute;
+    pthread_attr_init(&attribute);
+    pthread_attr_setstacksize(&attribute, 64 * 1024);
+    pthread_t thread;
+    const auto run = [](void* argument) -> void* {
+        reinterpret_cast<void (*)()>(argument)();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attribute, run, reinterpret_cast<void*>(body)), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attribute);
+}
+
+TEST(Packet, LongChainsOfPartsEndAtOnceOnASmallStack)
 {
     inChild([] {
         CPacketManager::config(CPacketManager::policyPool);
-        char byte = 0;
-        s_calls.clear();
-        CPacket last(&byte, 1, &record);
-        for (int i = 0; i < 300000; ++i) {
-            last = CPacket(last, 0, 1, 0);
-        }
-        last.reset();
-        EXPECT_EQ(s_calls.size(), 1u);
+        onSmallStack([] {
+            char byte = 0;
+            s_calls.clear();
+            CPacket root(&byte, 1, &record);
+            CPacket last(root);
+            CPacket fork;
+            for (int i = 0; i < 100000; ++i) {
+                last = CPacket(last, 0, 1, 0);
+                fork = i == 50000 ? last : fork;
+            }
+            for (int i = 0; i < 50000; ++i) {
+                fork = CPacket(fork, 0, 1, 0);
+            }
+            root.reset();
+            last.reset(); // down to where the other chain still holds on
+            EXPECT_TRUE(s_calls.empty());
+            fork.reset();
+            EXPECT_EQ(s_calls.size(), 1u);
+        });
     });
 }
 
@@ -508,33 +538,60 @@ TEST(Packet, HandlesShareMoveAndLetGo)
     });
 }
 
+/// A place where one thread leaves a packet and another one takes it.
+class CMailbox
+{
+public:
+    CPacket exchange(CPacket packet)
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        std::swap(m_packet, packet);
+        return packet;
+    }
+
+private:
+    std::mutex m_mutex;
+    CPacket m_packet;
+};
+
 TEST(Packet, ThreadsPassHandlesAndPartsRound)
 {
     for (const auto policy : ownPolicies) {
         inChild([policy] {
             CPacketManager::config(policy);
+            static std::atomic<int> s_taken{0};
             static std::atomic<int> s_ended{0};
-            char buffer[16] = {};
-            {
-                const CPacket shared(buffer, 16, [](void*, size_t) { ++s_ended; });
-                std::vector<std::thread> threads;
-                for (int id = 0; id < 4; ++id) {
-                    threads.emplace_back([&shared] {
-                        for (int i = 0; i < 5000; ++i) {
-                            CPacket mine(shared);
-                            CPacket part(mine, 4, 8, 1);
-                            CPacket own(200 + i % 3000, 4);
-                            mine = own;
-                            EXPECT_EQ(part.size(), 8u);
+            static char s_buffer[64];
+            memset(s_buffer, 0x33, sizeof(s_buffer));
+            std::vector<CMailbox> boxes(5);
+            std::vector<std::thread> threads;
+            for (size_t id = 0; id < 4; ++id) {
+                threads.emplace_back([&boxes, id] {
+                    for (size_t i = 0; i < 5000; ++i) {
+                        CPacket packet;
+                        if (i % 7 == 0) {
+                            packet = CPacket(s_buffer, 64, 4, [](void*, size_t) { ++s_ended; });
+                            ++s_taken;
+                        } else if (i % 5 == 0) {
+                            packet = CPacket(64 + i % 3000, 4);
+                            memset(packet.getBuffer(), 0x33, packet.size());
                         }
-                    });
-                }
-                for (std::thread& thread : threads) {
-                    thread.join();
-                }
-                EXPECT_EQ(s_ended, 0);
+                        CPacket got = boxes[(i + id) % boxes.size()].exchange(std::move(packet));
+                        if (got.size() > 1) {
+                            ASSERT_TRUE(holds(got.getBuffer(), 0x33, got.size()));
+                            const CPacket part(got, 1, got.size() - 1, i % 3);
+                            got.reset();
+                            ASSERT_TRUE(part.valid());
+                            boxes[(i * 3 + id) % boxes.size()].exchange(part);
+                        }
+                    }
+                });
             }
-            EXPECT_EQ(s_ended, 1);
+            for (std::thread& thread : threads) {
+                thread.join();
+            }
+            boxes.clear();
+            EXPECT_EQ(s_ended, s_taken);
             EXPECT_EQ(CPacketManager::instance()->getFreeSize(),
                       policy == CPacketManager::policySystem ? 0u : 2097152u);
         });

@@ -47,7 +47,8 @@ std::string contentOf(int file)
     return content;
 }
 
-[[noreturn]] void runChild(const std::function<void()>& body, int output, int errorOutput)
+/// An exception ends the child here: it must not get into the parent's part of the program.
+[[noreturn]] void runChild(const std::function<void()>& body, int output, int errorOutput) noexcept
 {
     dup2(output, STDOUT_FILENO);
     dup2(errorOutput, STDERR_FILENO);

@@ -2,13 +2,12 @@
 #define INFRA_INFRA3_MUTEX_H
 
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/LockRecords.h"
 
 namespace Tarsel
 {
 namespace Infra
 {
-
-struct MutexInternal;
 
 /// A plain, non-recursive mutex.
 ///
@@ -23,11 +22,11 @@ public:
     ~CMutex();
 
     /// Locks, waiting as long as it takes. True when the mutex is now held.
-    bool enter();
+    bool enter() { return pthread_mutex_lock(&m_internal->mutex) == 0; }
     /// Locks if that needs no waiting. True when the mutex is now held.
-    bool tryEnter();
+    bool tryEnter() { return pthread_mutex_trylock(&m_internal->mutex) == 0; }
     /// Unlocks. True on success.
-    bool leave();
+    bool leave() { return pthread_mutex_unlock(&m_internal->mutex) == 0; }
 
 private:
     CMutex(const CMutex&);

@@ -1,6 +1,8 @@
 #ifndef INFRA_INFRA3_READWRITEMUTEX_H
 #define INFRA_INFRA3_READWRITEMUTEX_H
 
+#include <pthread.h>
+
 #include "Infra/Infra3/Detail/Export.h"
 
 namespace Tarsel
@@ -43,8 +45,38 @@ private:
     CReadWriteMutex(const CReadWriteMutex&);
     CReadWriteMutex& operator=(const CReadWriteMutex&);
 
+    /// Warns that `call`, made by `function`, returned the error `code`. False.
+    __attribute__((cold)) bool reportFailure(const char* function, const char* call, int code);
+
     RWMutexInternal* m_internal;
 };
+
+/// It stands here only because entering and leaving are compiled into the caller.
+struct RWMutexInternal
+{
+    explicit RWMutexInternal(CReadWriteMutex::RWPriority priority);
+    ~RWMutexInternal();
+
+    CReadWriteMutex::RWPriority markRWPriority; ///< the priority in force
+    pthread_rwlock_t* m_lock;                   ///< from malloc
+};
+
+inline bool CReadWriteMutex::enterReading()
+{
+    return pthread_rwlock_rdlock(m_internal->m_lock) == 0;
+}
+
+inline bool CReadWriteMutex::enterWriting()
+{
+    const int code = pthread_rwlock_wrlock(m_internal->m_lock);
+    return code == 0 || reportFailure("enterWriting", "pthread_rwlock_wrlock", code);
+}
+
+inline bool CReadWriteMutex::leave()
+{
+    const int code = pthread_rwlock_unlock(m_internal->m_lock);
+    return code == 0 || reportFailure("leave", "pthread_rwlock_unlock", code);
+}
 
 } // namespace Infra
 } // namespace Tarsel

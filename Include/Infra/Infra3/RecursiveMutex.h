@@ -2,13 +2,12 @@
 #define INFRA_INFRA3_RECURSIVEMUTEX_H
 
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/LockRecords.h"
 
 namespace Tarsel
 {
 namespace Infra
 {
-
-struct RecursiveMutexInternal;
 
 /// A mutex that its holder may enter again; it is free after as many `leave` as `enter` calls.
 ///
@@ -22,9 +21,9 @@ public:
     ~CRecursiveMutex();
 
     /// Locks, waiting while another thread holds the mutex. True when it is held once more.
-    bool enter();
+    bool enter() { return pthread_mutex_lock(&m_internal->mutex) == 0; }
     /// Takes back one `enter`. True on success.
-    bool leave();
+    bool leave() { return pthread_mutex_unlock(&m_internal->mutex) == 0; }
 
 private:
     CRecursiveMutex(const CRecursiveMutex&);

@@ -106,7 +106,7 @@ public:
         }
         m_slots[index].proc = proc;
         m_slots[index].open();
-        if (index >= m_slotsEverUsed.load(std::memory_order_relaxed)) {
+        if (index >= knownSlots()) {
             m_slotsEverUsed.store(index + 1, std::memory_order_release);
         }
         return ++m_number;
@@ -219,8 +219,9 @@ private:
         }
         void leave() { stateAndCount.fetch_sub(oneCall, std::memory_order_release); }
 
-        // The state changes under m_mutex only; `proc` is written before it opens.
-        void open() { stateAndCount.fetch_add(slotStateNormal, std::memory_order_release); }
+        // The state changes under m_mutex only; `proc` is written before it opens. Nobody else
+        // changes the word of an empty slot without calls, but emitters enter one that is in use.
+        void open() { stateAndCount.store(slotStateNormal, std::memory_order_release); }
         void shut() { stateAndCount.fetch_sub(slotStateNormal, std::memory_order_relaxed); }
     };
 
@@ -270,9 +271,13 @@ private:
         return !isUsedLocked(index) && m_slots[index].count() == 0;
     }
 
+    /// How many slots at the front have ever been used: only they can hold a delegate.
+    int knownSlots() const { return m_slotsEverUsed.load(std::memory_order_relaxed); }
+
     int findLocked(const Proc& proc) const
     {
-        for (int i = 0; i < m_numberMax; ++i) {
+        const int known = knownSlots();
+        for (int i = 0; i < known; ++i) {
             if (isUsedLocked(i) && m_slots[i].proc == proc) {
                 return i;
             }
@@ -294,7 +299,7 @@ private:
     {
         int index = -1;
         if (position == back) {
-            int behindLast = m_numberMax;
+            int behindLast = knownSlots();
             while (behindLast > 0 && !isUsedLocked(behindLast - 1)) {
                 --behindLast;
             }
@@ -310,7 +315,7 @@ private:
     bool freeSlotsLocked(const Proc& proc)
     {
         bool found = false;
-        for (int i = 0; i < m_numberMax; ++i) {
+        for (int i = 0; i < knownSlots(); ++i) {
             if (isUsedLocked(i) && m_slots[i].proc == proc) {
                 m_slots[i].shut();
                 --m_number;
@@ -341,7 +346,7 @@ private:
 
     void waitForCalls(const Proc& proc)
     {
-        for (int i = 0; i < m_numberMax; ++i) {
+        for (int i = 0; i < m_slotsEverUsed.load(std::memory_order_acquire); ++i) {
             for (unsigned round = 0;; ++round) {
                 {
                     CGuard guard(m_mutex);

@@ -73,7 +73,7 @@ public:
     virtual void threadProc() = 0;
 
     /// Starts the system thread; a body that is still ending is waited for. False, with the reason
-    /// logged, when the thread runs already or the system refuses.
+    /// logged, when the thread runs already, which is so for its own body, or the system refuses.
     bool createThread();
     /// Asks the thread to stop and waits until its body has ended. False when it has ended already
     /// or was destroyed before.

@@ -202,7 +202,7 @@ private:
     __attribute__((noinline)) void growAndAppend(const value_type* text, size_type count)
     {
         const size_type size = this->size();
-        typename Storage::Data* const block = Storage::make(buf_, size, size + count);
+        typename Storage::Data* const block = Storage::makeGrowing(buf_, size, size + count);
         Detail::moveText(block->buffer_ + size, text, count); // which may lie in this buffer
         block->setSize(size + count);
         becomeLarge(block);

@@ -10,8 +10,8 @@
 // A storage is the base class of flex_string. What it offers: size, capacity, data (always
 // terminated), reserve, setSize, append, push_back, shrink, swap, copying and moving. Growth is
 // exact: a capacity is never more than was asked for. What keeps growing character by character
-// cheap is that blocks are cut in the system allocator's own steps, so that most growth stays in
-// its block.
+// cheap is that blocks are cut in the system allocator's own steps, and that one which grows gets
+// some headroom, so that most growth stays in its block.
 
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/ShortBytes.h"
 
 namespace Tarsel
 {
@@ -39,8 +40,10 @@ namespace Detail
 [[noreturn]] INFRA_API void throwStringLength();
 [[noreturn]] INFRA_API void throwStringMemory();
 
-/// A block from malloc with room for `bytes`: the same one where it has that, else a moved one. One
-/// that grows gets a little more than it asks for, because it will ask again.
+/// A block from malloc with room for `bytes` and a little more, because its string will ask again.
+INFRA_API void* growingStringBlock(size_t bytes);
+/// The block with room for `bytes`: the same one where it has that, else a moved one, which has a
+/// little more too if it grows.
 INFRA_API void* resizeStringBlock(void* block, size_t bytes, bool grows);
 
 /// A check of a string's own soundness; a function and not assert(), because the same inline code
@@ -53,100 +56,12 @@ inline void stringCheck(bool holds, const char* text, const char* file = __built
     }
 }
 
-/// Moves `count` bytes, at least `Half` and at most twice that: two loads, then two stores, so the
-/// ranges may overlap.
-template <size_t Half>
-inline void moveEnds(char* target, const char* source, size_t count) noexcept
-{
-    char first[Half];
-    char last[Half];
-    memcpy(first, source, Half);
-    memcpy(last, source + count - Half, Half);
-    memcpy(target, first, Half);
-    memcpy(target + count - Half, last, Half);
-}
-
-/// memmove without a call for the lengths that strings mostly have. Null is fine for 0 bytes.
-inline void moveBytes(char* target, const char* source, size_t count) noexcept
-{
-    if (count > 128) {
-        memmove(target, source, count);
-    } else if (count > 64) {
-        moveEnds<64>(target, source, count);
-    } else if (count > 32) {
-        moveEnds<32>(target, source, count);
-    } else if (count >= 16) {
-        moveEnds<16>(target, source, count);
-    } else if (count >= 8) {
-        moveEnds<8>(target, source, count);
-    } else if (count >= 4) {
-        moveEnds<4>(target, source, count);
-    } else if (count >= 2) {
-        moveEnds<2>(target, source, count);
-    } else if (count == 1) {
-        *target = *source;
-    }
-}
-
 template <typename E>
 inline void moveText(E* target, const E* source, size_t count) noexcept
 {
     static_assert(std::is_trivially_copyable<E>::value, "characters are plain data");
     moveBytes(reinterpret_cast<char*>(target), reinterpret_cast<const char*>(source),
               count * sizeof(E));
-}
-
-/// Compares two numbers that stand in memory with their first byte as the highest: the order of
-/// words is then that of the bytes in them.
-template <typename Word>
-inline int compareWord(const char* a, const char* b) noexcept
-{
-    Word left = 0;
-    Word right = 0;
-    memcpy(&left, a, sizeof(Word));
-    memcpy(&right, b, sizeof(Word));
-    if (left == right) {
-        return 0;
-    }
-    if constexpr (sizeof(Word) == 8) {
-        return __builtin_bswap64(left) < __builtin_bswap64(right) ? -1 : 1;
-    } else if constexpr (sizeof(Word) == 4) {
-        return __builtin_bswap32(left) < __builtin_bswap32(right) ? -1 : 1;
-    } else {
-        return __builtin_bswap16(left) < __builtin_bswap16(right) ? -1 : 1;
-    }
-}
-
-/// Compares `count` bytes, at least one word and at most two.
-template <typename Word>
-inline int compareEnds(const char* a, const char* b, size_t count) noexcept
-{
-    const int first = compareWord<Word>(a, b);
-    const size_t last = count - sizeof(Word);
-    return first != 0 ? first : compareWord<Word>(a + last, b + last);
-}
-
-/// memcmp without a call for the lengths that strings mostly have. Null is fine for 0 bytes.
-inline int compareBytes(const char* a, const char* b, size_t count) noexcept
-{
-    if (count > 32) {
-        return memcmp(a, b, count);
-    }
-    if (count > 16) {
-        const int first = compareEnds<uint64_t>(a, b, 16);
-        const size_t last = count - 16;
-        return first != 0 ? first : compareEnds<uint64_t>(a + last, b + last, 16);
-    }
-    if (count >= 8) {
-        return compareEnds<uint64_t>(a, b, count);
-    }
-    if (count >= 4) {
-        return compareEnds<uint32_t>(a, b, count);
-    }
-    if (count >= 2) {
-        return compareEnds<uint16_t>(a, b, count);
-    }
-    return count == 0 ? 0 : static_cast<unsigned char>(*a) - static_cast<unsigned char>(*b);
 }
 
 /// basic_string_view::compare, without a call for short plain text.
@@ -166,7 +81,14 @@ inline int compareViews(std::basic_string_view<E, T> a, std::basic_string_view<E
 template <typename E, typename T>
 inline bool sameViews(std::basic_string_view<E, T> a, std::basic_string_view<E, T> b) noexcept
 {
-    return a.size() == b.size() && compareViews(a, b) == 0;
+    if (a.size() != b.size()) {
+        return false;
+    }
+    if constexpr (std::is_same<T, std::char_traits<char>>::value) {
+        return sameBytes(a.data(), b.data(), a.size());
+    } else {
+        return a == b;
+    }
 }
 
 /// The head of a block; the characters begin with `buffer_` and go on behind it.
@@ -210,6 +132,12 @@ struct MallocStringMemory
         return static_cast<Block*>(memory);
     }
 
+    /// For a text that has begun to grow.
+    static Block* allocateGrowing(size_t capacity)
+    {
+        return static_cast<Block*>(growingStringBlock(bytes(capacity)));
+    }
+
     static void release(Block* block, size_t) noexcept { free(block); }
 
     /// True when a block of capacity `from` has the room for capacity `to` as it is.
@@ -240,6 +168,8 @@ struct AllocatorStringMemory
     static_assert(std::is_empty<Allocator>::value, "a string has no room for an allocator's state");
 
     static Block* allocate(size_t capacity) { return Allocator().allocate(blocks(capacity)); }
+
+    static Block* allocateGrowing(size_t capacity) { return allocate(capacity); }
 
     static void release(Block* block, size_t capacity) noexcept
     {
@@ -307,14 +237,12 @@ public:
     static Data* make(const E* text, size_type size, size_type capacity)
     {
         Detail::stringCheck(size <= capacity, "size <= cap");
-        if (capacity == 0) {
-            return none();
-        }
-        Data* const block = Memory::allocate(capacity);
-        block->pEndOfMem_ = block->buffer_ + capacity;
-        Detail::moveText(block->buffer_, text, size);
-        block->setSize(size);
-        return block;
+        return capacity == 0 ? none() : fill(Memory::allocate(capacity), text, size, capacity);
+    }
+    /// The same for a text that has begun to grow.
+    static Data* makeGrowing(const E* text, size_type size, size_type capacity)
+    {
+        return fill(Memory::allocateGrowing(capacity), text, size, capacity);
     }
 
     size_type size() const noexcept { return block().size(); }
@@ -398,6 +326,14 @@ private:
     const Data& block() const noexcept
     {
         return NullWhenEmpty && pData_ == nullptr ? emptyString_ : *pData_;
+    }
+
+    static Data* fill(Data* block, const E* text, size_type size, size_type capacity) noexcept
+    {
+        block->pEndOfMem_ = block->buffer_ + capacity;
+        Detail::moveText(block->buffer_, text, size);
+        block->setSize(size);
+        return block;
     }
 
     static constexpr Data* none() noexcept { return NullWhenEmpty ? nullptr : &emptyString_; }
