@@ -241,7 +241,6 @@ TEST(Packet, FailuresAreLoggedAndGiveAnInvalidPacket)
         {poolSystem, 8193, 2, "2 NO enough, need size:8193 ext:2\n"},
         {poolSystem, 0x100000000, 2, "2 NO enough, need size:4294967296 ext:2\n"},
         {poolSystem, SIZE_MAX, 2, "2 NO enough, need size:18446744073709551615 ext:2\n"},
-        {CPacketManager::policySharePool, 64, 1, "no share pool, need size:64 ext:1\n"},
     };
     for (const auto& one : cases) {
         const ChildResult child = runInChild([&one] {
