@@ -161,7 +161,7 @@ bool TimerManagerInternal::handOutNext(WorkerPace& pace)
         if (timer == nullptr) {
             return false;
         }
-        if (timer->isRunning() || areIdleWorkersEnoughLocked() || pace.mayAddWorker()) {
+        if (timer->isRunning() || m_idleThreadCount > 0 || pace.mayAddWorker()) {
             runLocked(*timer, /*retry*/ true);
             return m_schedule.firstDue() != nullptr;
         }
@@ -171,11 +171,6 @@ bool TimerManagerInternal::handOutNext(WorkerPace& pace)
     CRecursiveGuard guard(sm_mutex());
     pace.endPause(m_schedule.dueCount());
     return true;
-}
-
-bool TimerManagerInternal::areIdleWorkersEnoughLocked() const
-{
-    return m_schedule.dueCount() <= static_cast<size_t>(m_idleThreadCount);
 }
 
 /// Hands the first due call that is not dropped to a worker that has just ended another. False when

@@ -2,6 +2,10 @@
 
 #include "Memory/PoolLock.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <ctime>
 
 #include "Infra/Infra3/Guard.h"
@@ -13,8 +17,17 @@ namespace Memory
 namespace
 {
 
-constexpr int spins = 200;                        // some microseconds: many times a hold
-constexpr timespec holderIsAway = {0, 50 * 1000}; // it has lost its processor: let it run
+constexpr int spins = 200; // some microseconds: many times a hold
+
+/// The holder has lost its processor: lets it run. Not by nanosleep(), where a thread may be
+/// cancelled: a packet's end is no place for that.
+void waitForHolder()
+{
+    constexpr timespec pause = {0, 50 * 1000};
+    const int error = errno;
+    syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &pause, nullptr);
+    errno = error;
+}
 
 } // namespace
 
@@ -36,7 +49,7 @@ CPoolNote CPoolLock::enterInsideGate()
         if (round % spins != spins - 1) {
             __builtin_ia32_pause();
         } else {
-            nanosleep(&holderIsAway, nullptr);
+            waitForHolder();
         }
     }
 }

@@ -77,7 +77,7 @@ public:
     }
     void leave(CPoolNote note)
     {
-        m_hint.store(note.m_word, std::memory_order_relaxed);
+        m_hint.store(note.m_word & ~CPoolNote::backBit, std::memory_order_relaxed);
         m_word.store(note.m_word, std::memory_order_release);
     }
 
@@ -96,11 +96,12 @@ public:
         return hint.index() == index && change(hint.m_word, hint.m_word | CPoolNote::backBit);
     }
 
-    /// The note at this moment; none while somebody is in.
-    CPoolNote note() const
+    /// The note at this moment, and true; false while somebody is in, for then there is none.
+    bool look(CPoolNote* note) const
     {
         const uint64_t word = m_word.load(std::memory_order_acquire);
-        return word != held ? CPoolNote(word) : CPoolNote();
+        *note = CPoolNote(word);
+        return word != held;
     }
 
     /// For a thread that holds the gate already.
@@ -121,7 +122,7 @@ private:
     }
 
     std::atomic<uint64_t> m_word;
-    std::atomic<uint64_t> m_hint; ///< the last note left, as it was: what the word may say now
+    std::atomic<uint64_t> m_hint; ///< the last note, as of a block that is out
     Infra::CMutex& m_gate;
 };
 
