@@ -112,11 +112,10 @@ private:
 
 /// How many workers the scheduler may set going for the calls that fall due in one tick.
 ///
-/// Idle ones at once, and the first few new ones; then as many as pauses go by in which the workers
-/// at hand have not taken enough of the due calls, each time twice as many. Enough is a twentieth of
-/// the due list, so the list shrinks by that much a pause, or the workers double: a call waits for
-/// some hundred pauses at most, plus the time it takes to make the threads, whatever the callbacks
-/// before it do.
+/// The first ones at once; then as many as pauses go by in which the workers at hand have not taken
+/// enough of the due calls, each time twice as many. Enough is a twentieth of the due list, so the
+/// list shrinks by that much a pause, or the workers double: a call waits for some hundred pauses at
+/// most, plus the time it takes to make the threads, whatever the callbacks before it do.
 class WorkerPace
 {
 public:
@@ -175,6 +174,7 @@ public:
 private:
     void tick();
     bool handOutNext(WorkerPace& pace);
+    bool areIdleWorkersEnoughLocked() const;
     bool takeDueLocked(CTimerThread* worker);
     bool runLocked(TimerInternal& timer, bool retry, CTimerThread* worker = nullptr);
     void handOverLocked(TimerInternal& timer, CTimerThread* worker);

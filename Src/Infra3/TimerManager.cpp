@@ -161,7 +161,7 @@ bool TimerManagerInternal::handOutNext(WorkerPace& pace)
         if (timer == nullptr) {
             return false;
         }
-        if (timer->isRunning() || m_idleThreadCount > 0 || pace.mayAddWorker()) {
+        if (timer->isRunning() || areIdleWorkersEnoughLocked() || pace.mayAddWorker()) {
             runLocked(*timer, /*retry*/ true);
             return m_schedule.firstDue() != nullptr;
         }
@@ -171,6 +171,13 @@ bool TimerManagerInternal::handOutNext(WorkerPace& pace)
     CRecursiveGuard guard(sm_mutex());
     pace.endPause(m_schedule.dueCount());
     return true;
+}
+
+/// Then each due call gets one at once. Else even idle ones are woken a few at a time: more threads
+/// than there are processors would only stand in each other's way.
+bool TimerManagerInternal::areIdleWorkersEnoughLocked() const
+{
+    return m_schedule.dueCount() <= static_cast<size_t>(m_idleThreadCount);
 }
 
 /// Hands the first due call that is not dropped to a worker that has just ended another. False when

@@ -326,6 +326,7 @@ inline void* PacketManagerInternal::handOut(int order, size_t* size, bool* isAwa
 
 void* PacketManagerInternal::mallocFromLists(int order, size_t* size)
 {
+    m_lock.giveWay();
     // A pool with too little left has no block, and everyone may see that.
     while (mayHave(Buddy::unitsOf(order))) {
         bool isAway = false;
@@ -389,6 +390,7 @@ void PacketManagerInternal::Pool_Free(void* p)
 void PacketManagerInternal::freeToLists(ptrdiff_t id)
 {
     INFRA_ASSERT(id < m_ChunkCount);
+    m_lock.giveWay();
     int order = 0;
     {
         CListGuard guard(*this);

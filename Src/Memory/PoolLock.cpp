@@ -31,6 +31,18 @@ void waitForHolder()
 
 } // namespace
 
+constinit thread_local uint64_t CPoolLock::t_ownBlock = 0;
+
+/// Some microseconds, in which the other thread makes and drops two hundred packets. The longer, the
+/// better for all of them together and the worse for the one that waits.
+void CPoolLock::waitAMoment()
+{
+    constexpr int pauses = 200;
+    for (int i = 0; i < pauses; ++i) {
+        __builtin_ia32_pause();
+    }
+}
+
 CPoolNote CPoolLock::enterThroughGate()
 {
     Infra::CGuard gate(m_gate);

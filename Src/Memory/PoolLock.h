@@ -42,6 +42,7 @@ public:
     }
 
     constexpr bool isBack() const { return (m_word & backBit) != 0; }
+    constexpr bool isOut() const { return (m_word & (outBit | backBit)) == outBit; }
     constexpr uint64_t index() const { return m_word >> 8; }
     constexpr int order() const { return static_cast<int>(m_word >> 2 & 63); }
 
@@ -77,6 +78,9 @@ public:
     }
     void leave(CPoolNote note)
     {
+        if (note.isOut()) {
+            t_ownBlock = note.index();
+        }
         m_hint.store(note.m_word & ~CPoolNote::backBit, std::memory_order_relaxed);
         m_word.store(note.m_word, std::memory_order_release);
     }
@@ -104,6 +108,17 @@ public:
         return word != held;
     }
 
+    /// To be called before entering for a block. Where another thread makes and drops packets in
+    /// turn, it lets that one go on for a moment: whoever enters ends the other's cycle, and two who
+    /// kept doing that to each other would both be ten times as slow as one.
+    void giveWay() const
+    {
+        const CPoolNote note(m_word.load(std::memory_order_relaxed));
+        if (note.isBack() && note.index() != t_ownBlock) {
+            waitAMoment();
+        }
+    }
+
     /// For a thread that holds the gate already.
     CPoolNote enterInsideGate();
 
@@ -111,6 +126,10 @@ private:
     static constexpr uint64_t held = 0; // is no note
 
     CPoolNote enterThroughGate();
+    static void waitAMoment();
+
+    static constinit thread_local uint64_t
+        t_ownBlock; ///< the block that this thread noted last as out
 
     /// The first look spares a step that would fail. It is not what the step rests on, so a processor
     /// that guesses its outcome right need not wait for it.
