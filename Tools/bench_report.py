@@ -318,6 +318,7 @@ def write_report(out_dir, subjects, plotted):
     lines += ["## The machine", "", *machine_lines(subjects), ""]
     lines += ["## The method", "", METHOD]
     lines += ["## What is not ahead", "", *behind_lines(subjects), ""]
+    lines += ["Why, and what was tried: [Limits.md](Limits.md).", ""]
     for subject in subjects:
         lines += [f"## {subject.name}", ""]
         lines += [f"Peers: {subject.context['peers']}. Raw data: "

@@ -91,8 +91,8 @@ public:
 
     /// Bytes of pool, whether in use or not; 0 without a pool.
     size_t getBufferSize();
-    /// Bytes of pool that are free at this moment, however scattered; 0 without a pool. Costs one
-    /// load, except in policySharePool, where the shared pool is asked.
+    /// Bytes of pool that are free at this moment, however scattered; 0 without a pool. Counted as
+    /// blocks come and go, except in policySharePool, where the shared pool is asked.
     size_t getFreeSize();
     /// Writes to the log, at info level: in policyPool every free list and every block on it, as
     /// they were at one moment; in policySharePool what the shared pool says of itself; else one

@@ -23,6 +23,8 @@ namespace Infra
 namespace
 {
 
+static_assert(sizeof(long) == 8 && sizeof(long long) == 8 && sizeof(size_t) == 8);
+
 /// One conversion specification, as far as it is plain.
 struct Conversion
 {

@@ -46,9 +46,11 @@ void* checkedBlock(void* block)
 
 } // namespace
 
+/// Without memory for the headroom there may be enough for the text.
 void* growingStringBlock(size_t bytes)
 {
-    return checkedBlock(malloc(bytes + headroomOf(bytes)));
+    void* const roomy = malloc(bytes + headroomOf(bytes));
+    return roomy != nullptr ? roomy : checkedBlock(malloc(bytes));
 }
 
 void* resizeStringBlock(void* block, size_t bytes, bool grows)
@@ -61,7 +63,8 @@ void* resizeStringBlock(void* block, size_t bytes, bool grows)
         return block;
     }
     if (present > largestMovedByHand) {
-        return checkedBlock(realloc(block, bytes + headroomOf(bytes)));
+        void* const roomy = realloc(block, bytes + headroomOf(bytes));
+        return roomy != nullptr ? roomy : checkedBlock(realloc(block, bytes));
     }
     void* const moved = growingStringBlock(bytes);
     memcpy(moved, block, present);

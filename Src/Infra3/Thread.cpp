@@ -189,7 +189,7 @@ int checkedStackSize(CThread* self, int stackSize)
     return stackSize;
 }
 
-/// Makes the system thread. Once it exists nothing counts as a failure: it runs.
+/// Makes the system thread. One that exists but could not be detached is told to end at once.
 bool startSystemThreadLocked(CThread* self, ThreadInternal& record)
 {
     void* const shown = self;
@@ -212,12 +212,13 @@ bool startSystemThreadLocked(CThread* self, ThreadInternal& record)
     if (!STEP(code, "this:%p pthread create failed, errno:%d\n", shown)) {
         return false;
     }
-    record.m_running.store(1, std::memory_order_relaxed);
+    record.m_running.store(1, std::memory_order_release);
     code = pthread_detach(record.m_handle);
-    (void)STEP(code, "this:%p pthread detach failed, errno:%d\n", shown);
+    if (!STEP(code, "this:%p pthread detach failed, errno:%d\n", shown)) {
+        return false;
+    }
     code = attribute.destroy();
-    (void)STEP(code, "this:%p pthread attr destroy failed, errno:%d\n", shown);
-    return true;
+    return STEP(code, "this:%p pthread attr destroy failed, errno:%d\n", shown);
 }
 
 #undef STEP
@@ -294,8 +295,10 @@ void ThreadInternal::waitForEnd()
     }
     while (isRunDestroyed()) {
         int running = 1;
-        if (m_running.compare_exchange_strong(running, runningAwaited) ||
-            running == runningAwaited) {
+        const bool isAwaited =
+            m_running.compare_exchange_strong(running, runningAwaited) || running == runningAwaited;
+        // A new run may have begun just before, which is not the one to wait for.
+        if (isAwaited && isRunDestroyed()) {
             futexWait(&m_running, runningAwaited, nullptr);
         }
     }

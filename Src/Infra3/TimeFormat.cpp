@@ -345,9 +345,9 @@ public:
         } else {
             writeDerived(piece);
         }
-        // Without a literal this is the terminator's place at least.
-        *m_out = piece.literal;
-        m_out += piece.literal != '\0' ? 1 : 0;
+        if (piece.literal != '\0') {
+            *m_out++ = piece.literal;
+        }
     }
 
     void end() { *m_out = '\0'; }
@@ -423,14 +423,17 @@ void writeByNewPlan(CTimeWriter& writer, const char* format, const Settings& set
 {
     CFormatReader reader(format, settings, mask);
     s_plan.format[0] = '\0';
-    do {
-        s_plan.read(reader);
-        s_plan.write(writer);
-    } while (!reader.atEnd());
+    s_plan.read(reader);
+    // Kept before anything is written: the caller may have the text put where the format stands.
     if (strnlen(format, FormatPlan::room) < FormatPlan::room) {
         s_plan.settings = settings;
         s_plan.mask = mask;
         copyText(s_plan.format, format);
+    }
+    s_plan.write(writer);
+    while (!reader.atEnd()) {
+        s_plan.read(reader);
+        s_plan.write(writer);
     }
 }
 

@@ -113,9 +113,9 @@ private:
 /// How many workers the scheduler may set going for the calls that fall due in one tick.
 ///
 /// The first ones at once; then as many as pauses go by in which the workers at hand have not taken
-/// enough of the due calls, each time twice as many. Enough is what would empty the due list within
-/// `mostPauses` such pauses. So a call waits for at most about that long, plus the time it takes to
-/// make the threads, whatever the callbacks before it do.
+/// enough of the due calls, each time twice as many. Enough is a twentieth of the due list, so the
+/// list shrinks by that much a pause, or the workers double: a call waits for some hundred pauses at
+/// most, plus the time it takes to make the threads, whatever the callbacks before it do.
 class WorkerPace
 {
 public:

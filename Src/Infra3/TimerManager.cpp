@@ -173,6 +173,8 @@ bool TimerManagerInternal::handOutNext(WorkerPace& pace)
     return true;
 }
 
+/// Then each due call gets one at once. Else even idle ones are woken a few at a time: more threads
+/// than there are processors would only stand in each other's way.
 bool TimerManagerInternal::areIdleWorkersEnoughLocked() const
 {
     return m_schedule.dueCount() <= static_cast<size_t>(m_idleThreadCount);

@@ -6,6 +6,7 @@
 // of parts may be of any length, so dropping one is a loop, not a recursion.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 #include <typeinfo>
@@ -79,6 +80,16 @@ OldPacketInternal::OldPacketInternal(const Area& area, PacketType type)
       m_refBufFlag(false),
       m_refBufArg(nullptr)
 {}
+
+/// Handles count themselves, without knowing what stands behind them.
+void OldPacketInternal::checkLayout()
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored                                                                     \
+    "-Winvalid-offsetof" // one base without data: the offset is a constant
+    static_assert(offsetof(OldPacketInternal, m_refCount) == sizeof(void*));
+#pragma GCC diagnostic pop
+}
 
 // Making ---------------------------------------------------------------------------------------
 

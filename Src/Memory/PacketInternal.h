@@ -119,6 +119,7 @@ private:
         size_t extraSize;
     };
 
+    static void checkLayout();
     OldPacketInternal(const Area& area, PacketType type);
     ~OldPacketInternal();
     OldPacketInternal(const OldPacketInternal&) = delete;

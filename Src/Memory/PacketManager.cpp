@@ -10,7 +10,6 @@
 #include <new>
 #include <thread>
 
-#include "Infra/Infra3/Guard.h"
 #include "Infra3/Arithmetic.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/Fork.h"
@@ -27,7 +26,6 @@ namespace Memory
 namespace
 {
 
-using Infra::CGuard;
 using Infra::ForkPart;
 using Infra::loadPlain;
 using Infra::storePlain;

@@ -154,7 +154,9 @@ private:
     void freeToLists(ptrdiff_t id);
     void takeIn(int idx, int order);
     void settle(CPoolNote note);
-    uint64_t freeChunks() const;
+    bool mayHave(uint64_t units) const;
+    static uint64_t chunksIn(CPoolNote note);
+    uint64_t freeChunks();
     size_t bytesOf(uint64_t units) const { return units << m_ChunkNodeLog2; }
     uint8_t* addressOf(uint64_t idx) const { return Infra::loadPlain(m_pBuffer) + bytesOf(idx); }
     void* reportNoSpace();

@@ -326,8 +326,9 @@ inline void* PacketManagerInternal::handOut(int order, size_t* size, bool* isAwa
 
 void* PacketManagerInternal::mallocFromLists(int order, size_t* size)
 {
+    m_lock.giveWay();
     // A pool with too little left has no block, and everyone may see that.
-    while (BuddyMath::unitsOf(order) <= freeChunks()) {
+    while (mayHave(BuddyMath::unitsOf(order))) {
         bool isAway = false;
         if (void* block = handOut(order, size, &isAway)) {
             return block;
@@ -340,13 +341,30 @@ void* PacketManagerInternal::mallocFromLists(int order, size_t* size)
     return reportNoSpace();
 }
 
-/// What is free, a block that is back included. Never less than was free at some moment of the
-/// call: the block is entered into the lists' count before it is no longer noted.
-uint64_t PacketManagerInternal::freeChunks() const
+/// False when there are fewer free chunks than `units`, however scattered, which is seen without the
+/// lock. A block that is back is counted by the note; it may be entered into the count meanwhile and
+/// counted twice, but never be missed: while somebody is in to enter it, nothing is known.
+bool PacketManagerInternal::mayHave(uint64_t units) const
 {
-    const CPoolNote note = m_lock.note();
-    const uint64_t back = note.isBack() ? BuddyMath::unitsOf(note.order()) : 0;
-    return back + m_freeChunks.load(std::memory_order_relaxed);
+    CPoolNote note;
+    if (!m_lock.look(&note)) {
+        return true;
+    }
+    return units <= chunksIn(note) + m_freeChunks.load(std::memory_order_relaxed);
+}
+
+uint64_t PacketManagerInternal::chunksIn(CPoolNote note)
+{
+    return note.isBack() ? BuddyMath::unitsOf(note.order()) : 0;
+}
+
+/// The note is left as it was.
+uint64_t PacketManagerInternal::freeChunks()
+{
+    const CPoolNote note = m_lock.enter();
+    const uint64_t count = chunksIn(note) + m_freeChunks.load(std::memory_order_relaxed);
+    m_lock.leave(note);
+    return count;
 }
 
 void* PacketManagerInternal::reportNoSpace()
@@ -372,6 +390,7 @@ void PacketManagerInternal::Pool_Free(void* p)
 void PacketManagerInternal::freeToLists(ptrdiff_t id)
 {
     INFRA_ASSERT(id < m_ChunkCount);
+    m_lock.giveWay();
     int order = 0;
     {
         CListGuard guard(*this);

@@ -42,6 +42,7 @@ public:
     }
 
     constexpr bool isBack() const { return (m_word & backBit) != 0; }
+    constexpr bool isOut() const { return (m_word & (outBit | backBit)) == outBit; }
     constexpr uint64_t index() const { return m_word >> 8; }
     constexpr int order() const { return static_cast<int>(m_word >> 2 & 63); }
 
@@ -77,7 +78,10 @@ public:
     }
     void leave(CPoolNote note)
     {
-        m_hint.store(note.m_word, std::memory_order_relaxed);
+        if (note.isOut()) {
+            t_ownBlock = note.index();
+        }
+        m_hint.store(note.m_word & ~CPoolNote::backBit, std::memory_order_relaxed);
         m_word.store(note.m_word, std::memory_order_release);
     }
 
@@ -96,11 +100,23 @@ public:
         return hint.index() == index && change(hint.m_word, hint.m_word | CPoolNote::backBit);
     }
 
-    /// The note at this moment; none while somebody is in.
-    CPoolNote note() const
+    /// The note at this moment, and true; false while somebody is in, for then there is none.
+    bool look(CPoolNote* note) const
     {
         const uint64_t word = m_word.load(std::memory_order_acquire);
-        return word != held ? CPoolNote(word) : CPoolNote();
+        *note = CPoolNote(word);
+        return word != held;
+    }
+
+    /// To be called before entering for a block. Where another thread makes and drops packets in
+    /// turn, it lets that one go on for a moment: whoever enters ends the other's cycle, and two who
+    /// kept doing that to each other would both be ten times as slow as one.
+    void giveWay() const
+    {
+        const CPoolNote note(m_word.load(std::memory_order_relaxed));
+        if (note.isBack() && note.index() != t_ownBlock) {
+            waitAMoment();
+        }
     }
 
     /// For a thread that holds the gate already.
@@ -110,6 +126,10 @@ private:
     static constexpr uint64_t held = 0; // is no note
 
     CPoolNote enterThroughGate();
+    static void waitAMoment();
+
+    static constinit thread_local uint64_t
+        t_ownBlock; ///< the block that this thread noted last as out
 
     /// The first look spares a step that would fail. It is not what the step rests on, so a processor
     /// that guesses its outcome right need not wait for it.
@@ -121,7 +141,7 @@ private:
     }
 
     std::atomic<uint64_t> m_word;
-    std::atomic<uint64_t> m_hint; ///< the last note left, as it was: what the word may say now
+    std::atomic<uint64_t> m_hint; ///< the last note, as of a block that is out
     Infra::CMutex& m_gate;
 };
 

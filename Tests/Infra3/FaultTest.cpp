@@ -315,16 +315,17 @@ TEST(RefusedThreadTest, EachStepThatFailsIsNamedWithItsCode)
         EXPECT_TRUE(thread.createThread()) << "once the system gives again";
         EXPECT_TRUE(thread.destroyThread());
     }
-    // The thread runs by then: these are told, and change nothing.
+    // The thread is there by then: it is told to end.
     for (const auto& [step, message] :
          std::map<ThreadStep, std::string>{{ThreadStep::detach, " pthread detach failed"},
                                            {ThreadStep::destroy, " pthread attr destroy failed"}}) {
         CLogCapture log;
         CThreadLite thread(CThreadLite::ThreadProc(onThread), "told");
         const CFailingThreads failing(step, EINVAL);
-        EXPECT_TRUE(thread.createThread());
+        EXPECT_FALSE(thread.createThread());
         EXPECT_TRUE(log.contains(message + ", errno:22\n")) << log.text();
-        EXPECT_TRUE(thread.destroyThread());
+        EXPECT_FALSE(thread.looping());
+        EXPECT_TRUE(eventually([&thread] { return thread.isThreadOver(); }));
     }
 }
 

@@ -580,6 +580,34 @@ TEST(PacketPool, ThreadsAtTheBottomOfThePoolLoseNothing)
     });
 }
 
+TEST(PacketPool, AThreadThatLeavesEnoughIsNeverRefused)
+{
+    inChild([] {
+        usePool(4096, 1024);
+        Tarsel::Infra::setPrintLogLevel(2);
+        std::atomic<int> running{2};
+        // At most two chunks each, of four: whatever is back but not yet merged has to count.
+        const auto use = [&running](const std::vector<size_t>& sizes) {
+            for (int round = 0; round < 200000; ++round) {
+                for (const size_t size : sizes) {
+                    uint8_t* const block = take(size);
+                    ASSERT_NE(block, nullptr) << round;
+                    manager().free(block);
+                }
+            }
+            --running;
+        };
+        std::thread pairs(use, std::vector<size_t>{2048});
+        std::thread both(use, std::vector<size_t>{1024, 2048});
+        while (running > 0 && !testing::Test::HasFailure()) {
+            ASSERT_LE(manager().getFreeSize(), 4096u);
+        }
+        pairs.join();
+        both.join();
+        EXPECT_EQ(manager().getFreeSize(), 4096u);
+    });
+}
+
 TEST(PacketPool, CopiesInsideThePoolAreThePrimitives)
 {
     inChild([] {
