@@ -60,6 +60,16 @@ bool isDescription(const SharePacketDesc& head, const void* desc, size_t len)
 
 } // namespace
 
+/// Handles count themselves, without knowing what stands behind them.
+void SharePacketInternal::checkLayout()
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored                                                                     \
+    "-Winvalid-offsetof" // one base without data: the offset is a constant
+    static_assert(offsetof(SharePacketInternal, m_refCount) == sizeof(void*));
+#pragma GCC diagnostic pop
+}
+
 // Making -----------------------------------------------------------------------------------------
 
 SharePacketInternal::SharePacketInternal(size_t size, size_t extraSize)

@@ -72,6 +72,7 @@ private:
     SharePacketInternal(const SharePacketInternal&) = delete;
     SharePacketInternal& operator=(const SharePacketInternal&) = delete;
 
+    static void checkLayout();
     static PacketInternal* finished(SharePacketInternal* made);
     bool takeExtra(const uint8_t* extra, size_t size);
     bool claimBlock(const SharePacketDesc& description);
