@@ -17,8 +17,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cinttypes>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -152,8 +153,7 @@ int consume(int socket, const std::string& to, uint64_t size)
         PieceHead head = {};
         CPacket packet = receivePiece(socket, sequence, &head);
         if (!packet.valid()) {
-            fprintf(stderr, "SharedFlow: piece %llu is damaged or missing\n",
-                    static_cast<unsigned long long>(sequence));
+            fprintf(stderr, "SharedFlow: piece %" PRIu64 " is damaged or missing\n", sequence);
             return 1;
         }
         const size_t length = head.isLast != 0 ? head.isLast - 1 : packet.size();
@@ -169,9 +169,9 @@ int consume(int socket, const std::string& to, uint64_t size)
         }
         if (head.isLast != 0) {
             copy.flush();
-            printf("%llu packets, %llu bytes, none of them copied between the processes\n",
-                   static_cast<unsigned long long>(sequence + 1),
-                   static_cast<unsigned long long>(bytes));
+            printf("%" PRIu64 " packets, %" PRIu64
+                   " bytes, none of them copied between the processes\n",
+                   sequence + 1, bytes);
             return copy ? 0 : 1;
         }
     }

@@ -63,7 +63,10 @@ struct ZoneHead
 {
     uint32_t zoneLen;  ///< bytes of the zone with its head; the next zone starts there
     uint32_t initFlag; ///< zoneReady once the contents are initialised
-    __extension__ uint8_t zoneData[];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic" // both compilers have it
+    uint8_t zoneData[];
+#pragma GCC diagnostic pop
 };
 static_assert(sizeof(ZoneHead) == 8);
 

@@ -245,8 +245,9 @@ uint32_t CRepair::blockLength(uint32_t index) const
     if (order >= static_cast<int>(m_info->config.orderNum)) {
         return 0;
     }
-    const uint32_t length = static_cast<uint32_t>(BuddyMath::unitsOf(order));
-    return index % length == 0 && length <= m_info->pageNum - index ? length : 0;
+    const uint64_t length = BuddyMath::unitsOf(order);
+    const bool isBlock = index % length == 0 && length <= m_info->pageNum - index;
+    return isBlock ? static_cast<uint32_t>(length) : 0;
 }
 
 } // namespace
