@@ -158,7 +158,7 @@ void PacketManagerInternal::seedPool()
         head.pre = head.next = &head;
     }
     BuddyMath::seed(m_ChunkCount,
-                [this](uint64_t idx, int order) { appendNode(&m_pChunkHead[idx], order); });
+                    [this](uint64_t idx, int order) { appendNode(&m_pChunkHead[idx], order); });
 }
 
 /// Gives the pool's memory back, if nothing of it is handed out. All of it still counts as free.
