@@ -103,6 +103,7 @@ struct SharePool
 {
     void* make(size_t size) { return pool().allocMem(size); }
     void free(void* block) { pool().freeMem(block); }
+    static constexpr bool outlivesItsBlocks = true;
 };
 
 template <typename Algorithm>
@@ -111,6 +112,7 @@ class CBoostSegment
 public:
     void* make(size_t size) { return m_segment.allocate(size, std::nothrow); }
     void free(void* block) { m_segment.deallocate(block); }
+    static constexpr bool outlivesItsBlocks = false;
     ~CBoostSegment() { munmap(m_memory, poolSize); }
 
 private:
@@ -139,9 +141,10 @@ public:
     }
     ~CPopulated()
     {
-        while (!m_live.empty()) {
-            m_allocator.free(m_live.back());
-            m_live.pop_back();
+        for (void* const block : m_live) {
+            if (Allocator::outlivesItsBlocks) {
+                m_allocator.free(block);
+            }
         }
     }
 
@@ -196,6 +199,7 @@ struct Blocks
 {
     void* make(size_t size) { return CMemoryBlock::createMemoryBlock(size); }
     void free(void* block) { delete static_cast<CMemoryBlock*>(block); }
+    static constexpr bool outlivesItsBlocks = true;
 };
 
 void createClaim(benchmark::State& state, size_t live)
