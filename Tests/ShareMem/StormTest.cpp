@@ -2,8 +2,8 @@
 // killed at random. What the survivors read is whole, and in the end all memory is free.
 //
 // The supervisor is nobody special: the process that made the pool is gone before it starts, and it
-// has no thread, so that it may fork wherever the heap allows a fork at all. INFRA_STORM_KILLS in
-// the environment says how many are to die.
+// has no thread, so that it may fork wherever the heap allows a fork at all. With INFRA_STORM
+// in the environment thousands die.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -50,8 +50,7 @@ constexpr int killsARound = 40;
 
 int killsWanted()
 {
-    const char* const text = getenv("INFRA_STORM_KILLS");
-    return text != nullptr ? std::max(atoi(text), 1) : 400;
+    return getenv("INFRA_STORM") != nullptr ? 10000 : 400;
 }
 
 /// In memory of all processes of the storm.

@@ -63,7 +63,7 @@ struct ZoneHead
 {
     uint32_t zoneLen;  ///< bytes of the zone with its head; the next zone starts there
     uint32_t initFlag; ///< zoneReady once the contents are initialised
-    __extension__ uint8_t zoneData[];
+    __extension__ uint8_t zoneData[0];
 };
 static_assert(sizeof(ZoneHead) == 8);
 
