@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iterator>
@@ -247,6 +248,113 @@ TEST(ShareMemCrash, ADeathAtAnyInstructionHurtsNobodyElse)
         }
     }
     printf("deaths: %ld\n", deaths);
+}
+
+/// With INFRA_STORM set, every death is followed into its repair; else a few are.
+long deathsBetweenRepairs()
+{
+    return getenv("INFRA_STORM") != nullptr ? 1 : 151;
+}
+
+TEST(ShareMemCrash, ADeathInTheRepairIsRepairedByTheNext)
+{
+    INFRA_NEEDS_PLAIN_CODE();
+    const long stride = deathsBetweenRepairs();
+    long deaths = 0;
+    long all = 0;
+    for (const PoolShape& shape : {shapes[0], shapes[4]}) {
+        for (const auto& one : actions) {
+            CScene scene(shape);
+            if (one.prepare != nullptr) {
+                one.prepare(scene.pool, scene.held);
+            }
+            memcpy(&scene.deadBefore, scene.pool.layout().syncZone->zoneData, sizeof(pid_t));
+            stepThrough(
+                scene.pool, [&](CMiniPool& pool) { one.action(pool, scene.held); },
+                [&](pid_t dead) {
+                    if (++all % stride != 0) {
+                        return;
+                    }
+                    CMiniPool found(scene.pool);
+                    stepThrough(
+                        found, [](CMiniPool& pool) { pool.repair(); },
+                        [&](pid_t) {
+                            ++deaths;
+                            CMiniPool foundAgain(found);
+                            scene.expectRepaired(foundAgain, dead, one.name);
+                        });
+                });
+            ASSERT_FALSE(HasFatalFailure());
+        }
+    }
+    ASSERT_GT(deaths, 0);
+    printf("deaths in repairs: %ld\n", deaths);
+}
+
+CMiniPool* s_repaired = nullptr;
+
+/// Kills a child after `instructions` of `action`. False when it was over before.
+bool killAfter(CMiniPool& pool, const Action& action, long instructions, pid_t* dead)
+{
+    *dead = fork();
+    if (*dead == 0) {
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        raise(SIGSTOP);
+        action(pool);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(*dead, &status, 0);
+    for (long i = 0; i < instructions && WIFSTOPPED(status); ++i) {
+        ptrace(PTRACE_SINGLESTEP, *dead, nullptr, nullptr);
+        waitpid(*dead, &status, 0);
+    }
+    const bool wasAlive = WIFSTOPPED(status);
+    if (wasAlive) {
+        kill(*dead, SIGKILL);
+        waitpid(*dead, nullptr, 0);
+    }
+    return wasAlive;
+}
+
+TEST(ShareMemCrash, TheNextToLockRepairsWhatARealDeathLeft)
+{
+    INFRA_NEEDS_PLAIN_CODE();
+    const long stride = getenv("INFRA_STORM") != nullptr ? 23 : 701;
+    long kills = 0;
+    for (const auto& one : actions) {
+        bool isOver = false;
+        for (long instructions = 1; !isOver; instructions += stride) {
+            CScene scene(shapes[0]);
+            if (one.prepare != nullptr) {
+                one.prepare(scene.pool, scene.held);
+            }
+            memcpy(&scene.deadBefore, scene.pool.layout().syncZone->zoneData, sizeof(pid_t));
+            scene.pool.layout().syncZone->initFlag = 0; // until now a place for a number
+            ASSERT_EQ(initProcessMutex(scene.pool.layout().syncZone), 0);
+            s_repaired = &scene.pool;
+            setProcessMutexRepair([] { s_repaired->repair(); });
+            ProcessMutex* const mutex = getProcessMutex(0);
+            pid_t dead = 0;
+            isOver = !killAfter(
+                scene.pool,
+                [&](CMiniPool& pool) {
+                    mutex->lock(mutex);
+                    one.action(pool, scene.held);
+                    mutex->unlock(mutex);
+                },
+                instructions, &dead);
+            kills += isOver ? 0 : 1;
+            ASSERT_EQ(mutex->lock(mutex), 0);
+            ASSERT_EQ(scene.pool.faults(), "") << one.name << ' ' << instructions;
+            scene.expectRepaired(scene.pool, dead, one.name);
+            mutex->unlock(mutex);
+            ASSERT_FALSE(HasFatalFailure());
+        }
+    }
+    setProcessMutexRepair(nullptr);
+    ASSERT_GT(kills, 0);
+    printf("kills: %ld\n", kills);
 }
 
 } // namespace

@@ -306,6 +306,7 @@ bool isPossible(const IMemPool::PoolParam& param)
 struct NewSegment
 {
     uint8_t* start = nullptr;
+    size_t size = 0;      ///< bytes; one that was there may be larger than asked for
     bool isFresh = false; ///< all 0, because it was not there before
 };
 
@@ -314,7 +315,9 @@ NewSegment createSegment(const char* key, size_t size)
     NewSegment made;
     const bool wasMissing = idOf(key) == -1;
     made.start = mapSegment(key, size, IPC_CREAT);
-    made.isFresh = wasMissing && stateOf(idOf(key)).shm_cpid == getpid();
+    const shmid_ds state = stateOf(idOf(key));
+    made.size = state.shm_segsz != 0 ? state.shm_segsz : size;
+    made.isFresh = wasMissing && state.shm_cpid == getpid();
     return made;
 }
 
@@ -357,18 +360,19 @@ bool createSegments(size_t controlSize, size_t dataSize, NewSegment* control, Ne
     return false;
 }
 
-void clearSegment(const NewSegment& segment, size_t size)
+void clearSegment(const NewSegment& segment)
 {
     if (!segment.isFresh) {
-        memset(segment.start, 0, size);
+        memset(segment.start, 0, segment.size);
     }
 }
 
-/// Until the first zone's length is there, nobody takes the segment for a pool.
-void writeZones(const NewSegment& control, size_t controlSize, size_t buddyZoneSize)
+/// While the first zone has no length, nobody takes the segments for a pool.
+void layOutPool(const NewSegment& control, const NewSegment& data, size_t buddyZoneSize)
 {
     publish(reinterpret_cast<ZoneHead*>(control.start)->zoneLen, 0);
-    clearSegment(control, controlSize);
+    clearSegment(data);
+    clearSegment(control);
     const size_t lengths[] = {getSyncZoneSize(), getReferZoneSize(), getSmallMemZoneSize(),
                               buddyZoneSize};
     uint8_t* places[std::size(lengths)] = {control.start};
@@ -445,8 +449,7 @@ bool IMemPool::initMemPool(const PoolParam& param)
     if (!createSegments(controlSize, param.poolSize, &control, &data)) {
         return false;
     }
-    clearSegment(data, param.poolSize);
-    writeZones(control, controlSize, buddyZoneSize);
+    layOutPool(control, data, buddyZoneSize);
 
     CShareMemory* const pool = static_cast<CShareMemory*>(loadMemPool(param));
     if (pool == nullptr || !pool->startTimer()) {

@@ -39,12 +39,12 @@ CProcessMutex::CProcessMutex() : m_internal(getProcessMutex(0)) {}
 
 bool CProcessMutex::enter()
 {
-    return m_internal->lock(m_internal) == 0;
+    return m_internal != nullptr && m_internal->lock(m_internal) == 0;
 }
 
 bool CProcessMutex::leave()
 {
-    return m_internal->unlock(m_internal) == 0;
+    return m_internal != nullptr && m_internal->unlock(m_internal) == 0;
 }
 
 // Life -------------------------------------------------------------------------------------------
