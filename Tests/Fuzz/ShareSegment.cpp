@@ -5,11 +5,11 @@
 // some shape. Then come changes of it, each a place of two bytes and a byte. What was repaired has
 // no faults any more.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,8 +35,8 @@ struct Segments
              size_t dataSize)
         : control(controlSize / 8), data(dataSize / 8)
     {
-        memcpy(control.data(), controlBytes, control.size() * 8);
-        memcpy(data.data(), dataBytes, data.size() * 8);
+        std::copy_n(controlBytes, control.size() * 8, controlMapping().start);
+        std::copy_n(dataBytes, data.size() * 8, dataMapping().start);
     }
     ShareMem::Mapping controlMapping()
     {

@@ -2,8 +2,7 @@
 // killed at random. What the survivors read is whole, and in the end all memory is free.
 //
 // The supervisor is nobody special: the process that made the pool is gone before it starts, and it
-// has no thread, so that it may fork wherever the heap allows a fork at all. With INFRA_STORM
-// in the environment thousands die.
+// has no thread, so that it may fork anywhere. With INFRA_STORM in the environment thousands die.
 
 #include <fcntl.h>
 #include <sys/mman.h>
