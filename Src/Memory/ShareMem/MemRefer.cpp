@@ -76,7 +76,7 @@ size_t* hintOf(const Access& access, size_t offset)
 {
     const BuddyInfo* const info = access.info;
     const size_t page = offset >> info->pageShift;
-    if (page >= info->pageNum || offset % info->config.pageSize != 0) {
+    if (page >= info->pageNum || (offset & (size_t{info->config.pageSize} - 1)) != 0) {
         return nullptr;
     }
     PageDes& head = pageDescriptors(access.info)[page];
@@ -137,13 +137,13 @@ void setHint(const Access& access, const BlockReferNode* node)
 
 BlockReferNode* findNode(const Access& access, size_t offset)
 {
+    if (isFreshBlock(access.buddy, offset)) {
+        return nullptr;
+    }
     if (const size_t* const hint = hintOf(access, offset)) {
         if (BlockReferNode* const node = nodeIfAt(access, *hint, offset)) {
             return node;
         }
-    }
-    if (isFreshBlock(access.buddy, offset)) {
-        return nullptr;
     }
     BlockReferNode* const node = nodeByWalk(access, offset);
     if (node != nullptr) {

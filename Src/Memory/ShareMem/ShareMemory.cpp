@@ -194,7 +194,7 @@ size_t CShareMemory::blockLength(const void* p) const
     BuddyInfo* const info = reinterpret_cast<BuddyInfo*>(m_buddy->priv->zone);
     const uintptr_t distance =
         reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(m_buddy->priv->data);
-    if (!isInData(p, 1) || distance % info->config.pageSize != 0) {
+    if (!isInData(p, 1) || (distance & (info->config.pageSize - 1)) != 0) {
         return 0;
     }
     const int mark = peek(pageDescriptors(info)[distance >> info->pageShift].order);
