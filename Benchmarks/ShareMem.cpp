@@ -9,8 +9,10 @@
 // block_create_claim/live:L        a block handle made, described, claimed and dropped twice
 // block_reference/live:L           a further reference to a block taken and dropped
 // process_mutex                    locked and unlocked through the handle
-// stream/65536/cores:C             payload of N bytes, filled, handed to another process, read there;
-//                                  both on one core, or each on one
+// stream/N/cores:C                 payload of N bytes, filled, brought to another process, read there;
+//                                  both on one core, or each on one. Descriptions go by a pipe.
+// stream_by_queue/N/cores:C        the same; descriptions, and the offsets beside them, go by a queue of
+//                                  Boost's
 // handover_answer                  one hand-over, and the wait for the other process's answer
 // repair/BYTES                     of a pool of that size, half of it handed out
 
@@ -425,25 +427,68 @@ void streamCopies(benchmark::State& state, int cores, Channel (*open)())
     close(channel.writer);
 }
 
-/// As many payloads in a ring as there are places in the queue, and the two that are in hand.
-void streamOffsets(benchmark::State& state, int cores)
+/// Another way for descriptions and offsets, both of which any way can carry.
+class CQueue
 {
-    constexpr size_t places = 48;
-    constexpr const char* name = "infra_bench_offsets";
-    constexpr uint64_t end = ~uint64_t{0};
-    ipc::message_queue::remove(name);
-    ipc::message_queue queue(ipc::create_only, name, places, sizeof(uint64_t));
-    uint8_t* const ring = sharedMemory((places + 2) * payload);
+public:
+    static constexpr size_t places = 48;
+
+    explicit CQueue(size_t messageSize)
+        : m_remover{},
+          m_queue(ipc::create_only, name, places, messageSize),
+          m_messageSize(messageSize)
+    {}
+    void send(const void* message) { m_queue.send(message, m_messageSize, 0); }
+    /// False for the message that says that there are no more.
+    bool receive(void* message)
+    {
+        size_t size = 0;
+        unsigned priority = 0;
+        m_queue.receive(message, m_messageSize, size, priority);
+        return size == m_messageSize;
+    }
+    void sendEnd() { m_queue.send(nullptr, 0, 0); }
+
+private:
+    static constexpr const char* name = "infra_bench_queue";
+
+    struct Remover
+    {
+        Remover() { ipc::message_queue::remove(name); }
+        ~Remover() { ipc::message_queue::remove(name); }
+    };
+    Remover m_remover;
+    ipc::message_queue m_queue;
+    size_t m_messageSize;
+};
+
+void streamPacketsByQueue(benchmark::State& state, int cores)
+{
+    CQueue queue(descriptionSize);
+    const CReader reader(cores - 1, [&] {
+        uint8_t description[descriptionSize];
+        while (queue.receive(description)) {
+            consume(CPacket(description, descriptionSize, FreeMemFunc(&toOrig)).getBuffer());
+        }
+    });
+    for (auto _ : state) {
+        CPacket packet(payload);
+        packet.resize(payload);
+        fill(packet.getBuffer());
+        queue.send(CSharePacketHelper::instance()->toDescribePacket(packet).getBuffer());
+    }
+    queue.sendEnd();
+}
+
+/// As many payloads in a ring as there are places in the queue, and the two that are in hand.
+void streamOffsetsByQueue(benchmark::State& state, int cores)
+{
+    constexpr size_t slots = CQueue::places + 2;
+    CQueue queue(sizeof(uint64_t));
+    uint8_t* const ring = sharedMemory(slots * payload);
     {
         const CReader reader(cores - 1, [&] {
-            uint64_t offset = 0;
-            size_t size = 0;
-            unsigned priority = 0;
-            for (;;) {
-                queue.receive(&offset, sizeof(offset), size, priority);
-                if (offset == end) {
-                    return;
-                }
+            for (uint64_t offset = 0; queue.receive(&offset);) {
                 consume(ring + offset);
             }
         });
@@ -451,27 +496,30 @@ void streamOffsets(benchmark::State& state, int cores)
         for (auto _ : state) {
             fill(ring + at * payload);
             const uint64_t offset = at * payload;
-            queue.send(&offset, sizeof(offset), 0);
-            at = (at + 1) % (places + 2);
+            queue.send(&offset);
+            at = (at + 1) % slots;
         }
-        queue.send(&end, sizeof(end), 0);
+        queue.sendEnd();
     }
-    ipc::message_queue::remove(name);
-    munmap(ring, (places + 2) * payload);
+    munmap(ring, slots * payload);
 }
 
 void addStreams()
 {
-    const auto stream = [](int cores, const char* contender, auto body, auto... arguments) {
-        add("stream/65536/cores:" + std::to_string(cores), contender, body, cores, arguments...)
+    const auto stream = [](const char* name, int cores, const char* contender, auto body,
+                           auto... arguments) {
+        add(label(name, payload) + "/cores:" + std::to_string(cores), contender, body, cores,
+            arguments...)
             ->UseRealTime();
     };
     for (const int cores : {1, 2}) {
-        stream(cores, infra, streamPackets);
+        stream("stream", cores, infra, streamPackets);
         stream(
-            cores, "pipe of 1 MB", streamCopies, +[] { return Channel::pipeOf(1 << 20); });
-        stream(cores, "unix socket", streamCopies, &Channel::socketPair);
-        stream(cores, "boost message_queue, offsets", streamOffsets);
+            "stream", cores, "pipe of 1 MB", streamCopies,
+            +[] { return Channel::pipeOf(1 << 20); });
+        stream("stream", cores, "unix socket", streamCopies, &Channel::socketPair);
+        stream("stream_by_queue", cores, infra, streamPacketsByQueue);
+        stream("stream_by_queue", cores, "offsets", streamOffsetsByQueue);
     }
 }
 
