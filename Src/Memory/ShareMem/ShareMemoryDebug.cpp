@@ -76,8 +76,10 @@ void* CShareMemoryDebug::allocMem(size_t& size)
 /// The block behind `p`, if that is the data of an allocation with a guard page; else null.
 uint8_t* CShareMemoryDebug::blockOf(void* p, Header* header) const
 {
-    uint8_t* const place = static_cast<uint8_t*>(p) - sizeof(Header);
-    if (p == nullptr || !isInData(place, sizeof(Header))) {
+    // By numbers: p may be anything.
+    uint8_t* const place =
+        reinterpret_cast<uint8_t*>(reinterpret_cast<uintptr_t>(p) - sizeof(Header));
+    if (!isInData(place, sizeof(Header))) {
         return nullptr;
     }
     memcpy(header, place, sizeof(*header));
