@@ -10,9 +10,9 @@
 // block_reference/live:L           a further reference to a block taken and dropped
 // process_mutex                    locked and unlocked through the handle
 // stream/N/cores:C                 payload of N bytes, filled, brought to another process, read there;
-//                                  both on one core, or each on one. Descriptions go by a pipe.
-// stream_by_queue/N/cores:C        the same; descriptions, and the offsets beside them, go by a queue of
-//                                  Boost's
+//                                  both on one core, or each on one. Descriptions, and the offsets
+//                                  beside them, go by a queue of Boost's
+// stream_by_pipe/N/cores:C         the same with descriptions by a pipe
 // handover_answer                  one hand-over, and the wait for the other process's answer
 // repair/BYTES                     of a pool of that size, half of it handed out
 
@@ -389,7 +389,7 @@ void send(int to, const CPacket& packet)
 }
 
 /// A page of descriptions may be on its way at once, 48 of them.
-void streamPackets(benchmark::State& state, int cores)
+void streamPacketsByPipe(benchmark::State& state, int cores)
 {
     const Channel channel = Channel::pipeOf(4096);
     const CReader reader(cores - 1, [&] {
@@ -427,7 +427,7 @@ void streamCopies(benchmark::State& state, int cores, Channel (*open)())
     close(channel.writer);
 }
 
-/// Another way for descriptions and offsets, both of which any way can carry.
+/// A way for descriptions and offsets alike.
 class CQueue
 {
 public:
@@ -513,13 +513,13 @@ void addStreams()
             ->UseRealTime();
     };
     for (const int cores : {1, 2}) {
-        stream("stream", cores, infra, streamPackets);
+        stream("stream", cores, infra, streamPacketsByQueue);
+        stream("stream", cores, "boost message_queue, offsets", streamOffsetsByQueue);
         stream(
             "stream", cores, "pipe of 1 MB", streamCopies,
             +[] { return Channel::pipeOf(1 << 20); });
         stream("stream", cores, "unix socket", streamCopies, &Channel::socketPair);
-        stream("stream_by_queue", cores, infra, streamPacketsByQueue);
-        stream("stream_by_queue", cores, "offsets", streamOffsetsByQueue);
+        stream("stream_by_pipe", cores, infra, streamPacketsByPipe);
     }
 }
 
