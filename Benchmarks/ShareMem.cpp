@@ -101,11 +101,19 @@ void makePool()
 
 // Allocators -------------------------------------------------------------------------------------
 
+/// What is live in the pool has a handle; one population serves all cases of the pool.
+struct Blocks
+{
+    void* make(size_t size) { return CMemoryBlock::createMemoryBlock(size); }
+    void free(void* block) { delete static_cast<CMemoryBlock*>(block); }
+    static constexpr bool outlivesItsBlocks = true;
+};
+
 struct SharePool
 {
+    explicit SharePool(Blocks& /*live*/) {}
     void* make(size_t size) { return pool().allocMem(size); }
     void free(void* block) { pool().freeMem(block); }
-    static constexpr bool outlivesItsBlocks = true;
 };
 
 template <typename Algorithm>
@@ -168,10 +176,10 @@ private:
     std::vector<void*> m_live;
 };
 
-template <typename Allocator>
+template <typename Populated, typename Allocator = Populated&>
 void allocFree(benchmark::State& state, size_t size, size_t live)
 {
-    Allocator& allocator = CPopulated<Allocator>::with(live);
+    Allocator allocator(CPopulated<Populated>::with(live));
     for (auto _ : state) {
         void* const block = allocator.make(size);
         if (block == nullptr) {
@@ -188,7 +196,7 @@ void addAllocators()
         for (const size_t size : {100, 1000, 4000, 65536}) {
             const std::string name =
                 label("pool_alloc_free", size) + "/live:" + std::to_string(live);
-            add(name, infra, allocFree<SharePool>, size, live);
+            add(name, infra, allocFree<Blocks, SharePool>, size, live);
             add(name, "boost rbtree_best_fit", allocFree<BestFit>, size, live);
             add(name, "boost simple_seq_fit", allocFree<SequentialFit>, size, live);
         }
@@ -196,13 +204,6 @@ void addAllocators()
 }
 
 // Blocks -----------------------------------------------------------------------------------------
-
-struct Blocks
-{
-    void* make(size_t size) { return CMemoryBlock::createMemoryBlock(size); }
-    void free(void* block) { delete static_cast<CMemoryBlock*>(block); }
-    static constexpr bool outlivesItsBlocks = true;
-};
 
 void createClaim(benchmark::State& state, size_t live)
 {

@@ -17,12 +17,12 @@ namespace Infra
 /// The order in which locks are taken before a fork: the library's lock order.
 enum class ForkRank
 {
+    shareBlocks, ///< attaching makes a timer and what runs it
+    sharePool,
     singletons,
     timers,
     loadController,
     threads,
-    shareBlocks,
-    sharePool,
     packets,
     values, ///< the leaf locks (LeafMutex.h)
     count
