@@ -17,8 +17,8 @@ namespace Infra
 /// The order in which locks are taken before a fork: the library's lock order.
 enum class ForkRank
 {
-    shareBlocks,
-    sharePool, ///< held while the pool's timer is made
+    shareBlocks, ///< attaching makes a timer and what runs it
+    sharePool,
     singletons,
     timers,
     loadController,

@@ -220,7 +220,7 @@ TEST(SharePool, AGuardPageStopsTheWriterAtTheEdge)
             EXPECT_EQ(size, 100u);
             memset(data, 1, size);
             EXPECT_EQ(inProcess([&] {
-                          signal(SIGSEGV, SIG_DFL); // not a sanitizer's report
+                          signal(SIGSEGV, SIG_DFL); // a sanitizer has a handler of its own
                           data[mode == 1 ? -1 : 100] = 1;
                       }),
                       -SIGSEGV);

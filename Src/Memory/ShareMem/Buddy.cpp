@@ -74,7 +74,7 @@ int checkBlock(BuddyInfo* info, size_t offset)
                static_cast<unsigned>(idx), info->pageNum);
         return failed;
     }
-    const int mark = pageDescriptors(info)[idx].order;
+    const int mark = peek(pageDescriptors(info)[idx].order); // others may be inside
     if (mark == 0) {
         report("[%s:%d]curIdx %u is not a boundary of block allocated.\n", __func__, __LINE__,
                static_cast<unsigned>(idx));

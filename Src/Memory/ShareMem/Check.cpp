@@ -52,7 +52,7 @@ private:
     template <typename IsPlace, typename Visit>
     uint32_t checkRing(const char* kind, const List* head, void* base, uint32_t limit,
                        IsPlace isPlace, Visit visit);
-    void meet(size_t offset);
+    bool meet(size_t offset);
     void checkNodes();
     void checkNode(const BlockReferNode* node);
     void checkTiling();
@@ -84,7 +84,7 @@ void CCheck::fault(const char* format, ...)
 }
 
 /// Visits the elements of a ring, at most `limit`, up to the first link that leads to no place where
-/// an element may be. The result is how many there were.
+/// an element may be, or to one that `visit` wants no more of. The result is how many there were.
 template <typename IsPlace, typename Visit>
 uint32_t CCheck::checkRing(const char* kind, const List* head, void* base, uint32_t limit,
                            IsPlace isPlace, Visit visit)
@@ -103,7 +103,9 @@ uint32_t CCheck::checkRing(const char* kind, const List* head, void* base, uint3
         if (last != noOffset && list_at(base, at)->prev != last) {
             fault("%s list: the element at %zu does not point back", kind, at);
         }
-        visit(at);
+        if (!visit(at)) {
+            return count;
+        }
         last = at;
         at = list_at(base, at)->next;
     }
@@ -115,13 +117,16 @@ uint32_t CCheck::checkRing(const char* kind, const List* head, void* base, uint3
 
 // References -------------------------------------------------------------------------------------
 
-void CCheck::meet(size_t offset)
+/// False for one that was met before: a ring that leads there never ends, or is another's.
+bool CCheck::meet(size_t offset)
 {
     uint32_t& seen = m_scratch.seen(static_cast<uint32_t>(offset >> m_info->pageShift));
     if ((seen & bitOf(offset)) != 0) {
         fault("the small object at %zu is linked twice", offset);
+        return false;
     }
     seen |= bitOf(offset);
+    return true;
 }
 
 void CCheck::checkNodes()
@@ -131,8 +136,11 @@ void CCheck::checkNodes()
         "reference", m_layout.nodes(), m_data, smallObjectsMost(),
         [this](size_t at) { return at >= inNode && isSmallBlock(m_info, at - inNode); },
         [this](size_t at) {
-            meet(at - inNode);
-            checkNode(nodeAt(m_data, at));
+            const bool isNew = meet(at - inNode);
+            if (isNew) {
+                checkNode(nodeAt(m_data, at));
+            }
+            return isNew;
         });
 }
 
@@ -150,7 +158,8 @@ void CCheck::checkNode(const BlockReferNode* node)
     }
     checkRing(
         "holder", &node->pidListHead, m_data, smallObjectsMost(),
-        [this](size_t at) { return isSmallBlock(m_info, at); }, [this](size_t at) { meet(at); });
+        [this](size_t at) { return isSmallBlock(m_info, at); },
+        [this](size_t at) { return meet(at); });
 }
 
 // Pages ------------------------------------------------------------------------------------------
@@ -167,9 +176,9 @@ uint32_t CCheck::checkBlock(uint32_t index)
 {
     const int mark = page(index).order;
     const int order = mark != 0 ? BuddyMath::orderOfMark(mark) : BuddyMath::noOrder;
-    const uint64_t length = BuddyMath::unitsOf(order);
-    if (order >= static_cast<int>(m_info->config.orderNum) || index % length != 0 ||
-        length > m_info->pageNum - index) {
+    const bool isPossible = order < static_cast<int>(m_info->config.orderNum);
+    const uint64_t length = isPossible ? BuddyMath::unitsOf(order) : 1;
+    if (!isPossible || index % length != 0 || length > m_info->pageNum - index) {
         fault("page %u heads no block (%d)", index, mark);
         return 1;
     }
@@ -216,6 +225,7 @@ void CCheck::checkOrderList(uint32_t order)
             if (page(index).idx != index) {
                 fault("page %u has another number", index);
             }
+            return true;
         });
     if (count != m_freeHeads[order]) {
         fault("order %u: %u free blocks, %u of them listed", order, m_freeHeads[order], count);
@@ -243,7 +253,10 @@ void CCheck::checkSmallPages()
             return isLinkOfPage(at, offsetof(PageDes, reserved), &index) &&
                    isSmallPage(m_info, index);
         },
-        [this, &index](size_t) { checkFreeBlocks(index); });
+        [this, &index](size_t) {
+            checkFreeBlocks(index);
+            return true;
+        });
     if (count != pages) {
         fault("%u small-object pages, %u of them listed", pages, count);
     }
@@ -260,7 +273,10 @@ void CCheck::checkFreeBlocks(uint32_t index)
             return at >= desc->offset && at % smallBlockSize == 0 &&
                    (at - desc->offset) / smallBlockSize < desc->blockNum;
         },
-        [this, &listed](size_t at) { listed |= bitOf(at); });
+        [this, &listed](size_t at) {
+            listed |= bitOf(at);
+            return true;
+        });
     if (listed != (all & ~desc->blockMask)) {
         fault("page %u: mask %08x, free %08x", index, desc->blockMask, listed);
     }

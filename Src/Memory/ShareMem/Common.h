@@ -25,34 +25,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// Lists ----------------------------------------------------------------------------------------
-
-/// A link in shared memory, and the head of a list. The elements form a ring among themselves; the
-/// head uses `next` only.
-struct List
-{
-    size_t prev; ///< offset of the previous element's List from the list's base
-    size_t next; ///< offset of the next one's; noOffset in a head: the list is empty
-};
-static_assert(sizeof(List) == 16);
-
-constexpr size_t noOffset = ~size_t{0};
-
-/// A ring of one, or without a base the head of an empty list.
-void list_init(List* list, void* base);
-/// 1 when the list is empty, else 0.
-int list_empty(List* head);
-/// Makes `node` the first element.
-void list_insert(List* head, List* node, void* base);
-/// Takes `node` out; its own links stay as they are.
-void list_remove(List* head, List* node, void* base);
-int list_count(List* head, void* base);
-
-/// The element that a link of a list names.
-inline List* list_at(void* base, size_t offset)
-{
-    return reinterpret_cast<List*>(static_cast<uint8_t*>(base) + offset);
-}
+#include "Memory/ShareMem/List.h"
 
 // Zones ----------------------------------------------------------------------------------------
 

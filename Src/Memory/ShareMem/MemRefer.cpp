@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "Infra3/AssertFront.h"
+#include "Infra3/ProcessId.h"
 #include "Memory/BuddyMath.h"
 #include "Memory/ShareMem/Publish.h"
 #include "Memory/ShareMem/Report.h"
@@ -75,7 +76,7 @@ size_t* hintOf(const Access& access, size_t offset)
 {
     const BuddyInfo* const info = access.info;
     const size_t page = offset >> info->pageShift;
-    if (page >= info->pageNum || offset % info->config.pageSize != 0) {
+    if (page >= info->pageNum || (offset & (size_t{info->config.pageSize} - 1)) != 0) {
         return nullptr;
     }
     PageDes& head = pageDescriptors(access.info)[page];
@@ -136,13 +137,13 @@ void setHint(const Access& access, const BlockReferNode* node)
 
 BlockReferNode* findNode(const Access& access, size_t offset)
 {
+    if (isFreshBlock(access.buddy, offset)) {
+        return nullptr;
+    }
     if (const size_t* const hint = hintOf(access, offset)) {
         if (BlockReferNode* const node = nodeIfAt(access, *hint, offset)) {
             return node;
         }
-    }
-    if (isFreshBlock(access.buddy, offset)) {
-        return nullptr;
     }
     BlockReferNode* const node = nodeByWalk(access, offset);
     if (node != nullptr) {
@@ -245,7 +246,7 @@ int addRefer(MemRefer* memRefer, size_t offset)
     if (entry == nullptr) {
         return failed;
     }
-    publish(entry->pid, getpid());
+    publish(entry->pid, Tarsel::Infra::currentProcessId());
     list_insert(&node->pidListHead, &entry->listNode, access.data);
     return 0;
 }
@@ -264,7 +265,7 @@ int releaseRefer(MemRefer* memRefer, size_t offset)
                __LINE__, offset);
         return failed;
     }
-    const pid_t pid = getpid();
+    const pid_t pid = Tarsel::Infra::currentProcessId();
     PidNode* const entry = findEntry(access, node, pid);
     if (entry == nullptr) {
         report("\033[31;40m[%s:%d]PidList for offset[%zu] has no pidnode[%d].\n\033[0m", __func__,

@@ -57,7 +57,7 @@ public:
     {
         m_scratch.clear();
         mendNodes();
-        mendMasks();
+        mendPages();
         listPages();
         listSmallPages();
     }
@@ -90,7 +90,7 @@ private:
     void mendNodes() const;
     bool mendNode(BlockReferNode* node) const;
     bool isOwnBlock(size_t offset) const;
-    void mendMasks() const;
+    void mendPages() const;
     void listSmallPages() const;
     void listSmallPagesThat(bool haveRoom) const;
     void listPages() const;
@@ -163,7 +163,7 @@ bool CRepair::mendNode(BlockReferNode* node) const
     return true;
 }
 
-/// Whether a block of a user, which no node has claimed, starts there.
+/// Whether a block of a user, which no node has claimed, starts there. No other block can be inside.
 bool CRepair::isOwnBlock(size_t offset) const
 {
     const size_t index = offset >> m_info->pageShift;
@@ -171,19 +171,28 @@ bool CRepair::isOwnBlock(size_t offset) const
         return false;
     }
     const uint32_t head = static_cast<uint32_t>(index);
-    return blockLength(head) != 0 && !isSmallPage(m_info, head) && !m_scratch.isClaimed(head);
+    const uint32_t length = blockLength(head);
+    for (uint32_t inner = 1; inner < length; ++inner) {
+        if (BuddyMath::isTaken(page(head + inner).order)) {
+            return false;
+        }
+    }
+    return length != 0 && !isSmallPage(m_info, head) && !m_scratch.isClaimed(head);
 }
 
 // Small objects ----------------------------------------------------------------------------------
 
 /// A page that was made ready but of which nothing is linked yet has no bit set from here on: it is
 /// no small-object page, and nobody's.
-void CRepair::mendMasks() const
+void CRepair::mendPages() const
 {
     for (uint32_t i = 0; i < m_info->pageNum; ++i) {
         SmallMemPageDesc* const desc = smallPageDesc(m_info, i);
         if (desc->blockMask != m_scratch.seen(i)) {
             publish(desc->blockMask, m_scratch.seen(i));
+        }
+        if (page(i).idx != i) {
+            publish(page(i).idx, i);
         }
     }
 }

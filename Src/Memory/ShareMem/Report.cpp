@@ -20,7 +20,6 @@ struct Kept
 {
     char text[keptRoom];
     size_t length;
-    int depth;
     bool lost;
 };
 
@@ -30,6 +29,7 @@ constinit thread_local Kept t_kept = {};
 void keep(const char* format, va_list arguments)
 {
     Kept& kept = t_kept;
+    Detail::t_held.anything = true;
     const size_t room = keptRoom - kept.length;
     const int length = kept.lost ? -1 : vsnprintf(kept.text + kept.length, room, format, arguments);
     if (length >= 0 && static_cast<size_t>(length) < room) {
@@ -41,11 +41,13 @@ void keep(const char* format, va_list arguments)
 
 } // namespace
 
+constinit thread_local Detail::Held Detail::t_held = {};
+
 void report(const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    if (t_kept.depth > 0) {
+    if (Detail::t_held.depth > 0) {
         keep(format, arguments);
     } else {
         vprintf(format, arguments);
@@ -53,23 +55,16 @@ void report(const char* format, ...)
     va_end(arguments);
 }
 
-void holdReports()
-{
-    ++t_kept.depth;
-}
-
-void releaseReports()
+void Detail::printHeld()
 {
     Kept& kept = t_kept;
-    if (--kept.depth > 0 || kept.length == 0) {
-        return;
-    }
     fwrite(kept.text, 1, kept.length, stdout);
     if (kept.lost) {
         fputs("further lines are lost\n", stdout);
     }
     kept.length = 0;
     kept.lost = false;
+    t_held.anything = false;
 }
 
 } // namespace ShareMem

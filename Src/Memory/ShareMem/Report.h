@@ -13,9 +13,30 @@ namespace ShareMem
 /// comes beyond that is lost, and a line says so.
 __attribute__((format(printf, 1, 2))) void report(const char* format, ...);
 
+namespace Detail
+{
+struct Held
+{
+    int depth;
+    bool anything; ///< is kept
+};
+extern constinit thread_local Held t_held;
+
+void printHeld();
+} // namespace Detail
+
 /// Brackets a time in which this thread's lines are kept; may be nested. The last release prints.
-void holdReports();
-void releaseReports();
+inline void holdReports()
+{
+    ++Detail::t_held.depth;
+}
+
+inline void releaseReports()
+{
+    if (--Detail::t_held.depth <= 0 && Detail::t_held.anything) {
+        Detail::printHeld();
+    }
+}
 
 } // namespace ShareMem
 

@@ -162,6 +162,8 @@ void* CShareMemory::getMem(size_t offset)
     return block;
 }
 
+/// Without the lock: all that it reads is one mark, which cannot change while the caller holds the
+/// block. Handles ask for it on every step.
 bool CShareMemory::getOffset(void* p, size_t& offset)
 {
     INFRA_ASSERT_TEXT(m_buddy != nullptr, "m_buddy != __null");
@@ -169,8 +171,7 @@ bool CShareMemory::getOffset(void* p, size_t& offset)
         INFRA_LOG_ERROR("this:%p buf equal NULL, error.\n", shown(this));
         return false;
     }
-    CProcessGuard guard(m_mutex);
-    return guard.ok() && m_buddy->getOffset(m_buddy, p, &offset) == 0;
+    return m_buddy->getOffset(m_buddy, p, &offset) == 0;
 }
 
 bool CShareMemory::hasBlock(size_t offset, size_t size)
@@ -194,7 +195,7 @@ size_t CShareMemory::blockLength(const void* p) const
     BuddyInfo* const info = reinterpret_cast<BuddyInfo*>(m_buddy->priv->zone);
     const uintptr_t distance =
         reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(m_buddy->priv->data);
-    if (!isInData(p, 1) || distance % info->config.pageSize != 0) {
+    if (!isInData(p, 1) || (distance & (info->config.pageSize - 1)) != 0) {
         return 0;
     }
     const int mark = peek(pageDescriptors(info)[distance >> info->pageShift].order);

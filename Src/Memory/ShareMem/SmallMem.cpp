@@ -49,11 +49,6 @@ bool hasRoom(SmallMemPageDesc* page)
     return page != nullptr && list_empty(&page->freeBlockListHead) == 0;
 }
 
-uint32_t maskOf(uint32_t blockNum)
-{
-    return blockNum >= smallBlocksMax ? ~uint32_t{0} : (uint32_t{1} << blockNum) - 1;
-}
-
 // Taking -----------------------------------------------------------------------------------------
 
 /// The private area of a page just handed out, and its offset; null, and the page is back.
@@ -231,32 +226,6 @@ int destroy(SmallMem* smallMem)
 }
 
 } // namespace
-
-uint32_t smallBlocksPerPage(const BuddyInfo* info)
-{
-    return std::min(static_cast<uint32_t>(info->config.pageSize / smallBlockSize), smallBlocksMax);
-}
-
-bool isSmallPage(BuddyInfo* info, uint32_t page)
-{
-    const SmallMemPageDesc* const desc = smallPageDesc(info, page);
-    return pageDescriptors(info)[page].order == Tarsel::Memory::BuddyMath::takenMark(0) &&
-           desc->offset == size_t{page} << info->pageShift &&
-           desc->blockNum == smallBlocksPerPage(info) && desc->blockMask != 0 &&
-           (desc->blockMask & ~maskOf(desc->blockNum)) == 0;
-}
-
-bool isSmallBlock(BuddyInfo* info, size_t offset)
-{
-    const size_t page = offset >> info->pageShift;
-    if (page >= info->pageNum || offset % smallBlockSize != 0 ||
-        !isSmallPage(info, static_cast<uint32_t>(page))) {
-        return false;
-    }
-    const SmallMemPageDesc* const desc = smallPageDesc(info, static_cast<uint32_t>(page));
-    const size_t index = (offset - desc->offset) / smallBlockSize;
-    return index < desc->blockNum && (desc->blockMask >> index & 1) != 0;
-}
 
 /// In ascending order, each in front, so that the last block is handed out first.
 void listFreeSmallBlocks(BuddyInfo* info, uint8_t* data, uint32_t page)

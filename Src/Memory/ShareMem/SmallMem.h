@@ -15,9 +15,11 @@
 //  (3) a block whose bit is set is part of a ring of MemRefer.h.
 // After a death the masks are made anew from those rings, and the rest from the masks.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
+#include "Memory/BuddyMath.h"
 #include "Memory/ShareMem/Buddy.h"
 
 constexpr size_t smallBlockSize = 64;
@@ -67,11 +69,40 @@ inline SmallMemPageDesc* smallPageDesc(BuddyInfo* info, uint32_t page)
 }
 
 /// Blocks in a small-object page; 0 where pages are smaller than a block.
-uint32_t smallBlocksPerPage(const BuddyInfo* info);
+inline uint32_t smallBlocksPerPage(const BuddyInfo* info)
+{
+    return std::min(static_cast<uint32_t>(info->config.pageSize / smallBlockSize), smallBlocksMax);
+}
+
+/// The mask of a page whose blocks are all in use.
+inline uint32_t smallMaskOf(uint32_t blockNum)
+{
+    return blockNum >= smallBlocksMax ? ~uint32_t{0} : (uint32_t{1} << blockNum) - 1;
+}
+
 /// Whether this page, of any kind, is a live small-object page.
-bool isSmallPage(BuddyInfo* info, uint32_t page);
+inline bool isSmallPage(BuddyInfo* info, uint32_t page)
+{
+    const SmallMemPageDesc* const desc = smallPageDesc(info, page);
+    return pageDescriptors(info)[page].order == Tarsel::Memory::BuddyMath::takenMark(0) &&
+           desc->offset == size_t{page} << info->pageShift &&
+           desc->blockNum == smallBlocksPerPage(info) && desc->blockMask != 0 &&
+           (desc->blockMask & ~smallMaskOf(desc->blockNum)) == 0;
+}
+
 /// Whether a block that is in use starts at this offset, which may be any number.
-bool isSmallBlock(BuddyInfo* info, size_t offset);
+inline bool isSmallBlock(BuddyInfo* info, size_t offset)
+{
+    const size_t page = offset >> info->pageShift;
+    if (page >= info->pageNum || offset % smallBlockSize != 0 ||
+        !isSmallPage(info, static_cast<uint32_t>(page))) {
+        return false;
+    }
+    const SmallMemPageDesc* const desc = smallPageDesc(info, static_cast<uint32_t>(page));
+    const size_t index = (offset - desc->offset) / smallBlockSize;
+    return index < desc->blockNum && (desc->blockMask >> index & 1) != 0;
+}
+
 /// Makes the free list of a page anew from its mask.
 void listFreeSmallBlocks(BuddyInfo* info, uint8_t* data, uint32_t page);
 
