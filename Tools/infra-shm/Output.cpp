@@ -214,7 +214,7 @@ std::string pictureText(const PoolView& view)
     size_t group = 1;
     const std::string picture = shrinkPicture(view.picture, pictureColumns * pictureRows, &group);
     std::string text =
-        textOf("\npages, %s a character\n(%s)\n", plural(group, "page").c_str(), pictureLegend);
+        textOf("\npages, %s a character\n%s\n", plural(group, "page").c_str(), pictureLegend);
     for (size_t at = 0; at < picture.size(); at += pictureColumns) {
         text += textOf("%9zu %s\n", at * group, picture.substr(at, pictureColumns).c_str());
     }

@@ -69,7 +69,7 @@ Pool currentPool();
 bool isNameTaken(const char* name);
 /// Whether the segment is still there, with its name.
 bool isStillCurrent(const Segment& segment);
-/// 0x11111598
+/// 0x111115ac
 std::string keyText(key_t key);
 
 #endif

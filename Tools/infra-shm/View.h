@@ -49,14 +49,14 @@ struct PoolView
     std::vector<OrderView> orders;
     std::vector<Block> blocks; ///< by their first page
     std::vector<SmallPage> smallPages;
-    /// One character a page: see pictureLegend.
+    /// One character a page, as pictureLegend says.
     std::string picture;
 };
 
 constexpr const char* pictureLegend =
-    "0-9A-V a free block of that order, . its further pages; # held; "
-    "x held by the dead only; > on its way, held by nobody; "
-    "o small objects; ? nobody's; : several of these";
+    "  0-9A-V  a free block of that order    .  its further pages\n"
+    "  #  held    x  held by the dead only    >  held by nobody, on its way\n"
+    "  o  small objects    ?  nobody's    :  several of these";
 
 PoolView viewOf(const CSnapshot& snapshot);
 

@@ -8,9 +8,17 @@
 
 #include "Commands.h"
 #include "Failure.h"
+#include "Infra/Infra3/PrintLog.h"
 
 namespace
 {
+
+/// The library logs while it is loaded. A tool speaks when it has something to say, so this comes
+/// before all other initialisers.
+__attribute__((constructor(101))) void logErrorsOnly()
+{
+    Tarsel::Infra::setPrintLogLevel(Tarsel::Infra::logLevelError);
+}
 
 typedef int (*Command)(COutput& output, const Options& options);
 
