@@ -56,9 +56,10 @@ std::string textOf(const char* format, ...)
 
 COutput::COutput(bool isJson) : m_file(fdopen(dup(STDOUT_FILENO), "w")), m_isJson(isJson)
 {
-    if (m_file == nullptr || dup2(STDERR_FILENO, STDOUT_FILENO) == -1) {
+    if (m_file == nullptr) {
         throw CFailure::ofSystem("standard output");
     }
+    dup2(STDERR_FILENO, STDOUT_FILENO); // without one the library's lines go among ours
 }
 
 COutput::~COutput()
