@@ -26,4 +26,11 @@ public:
     }
 };
 
+/// Somebody holds the mutex and does not let it go. Later it may be different.
+class CBusy : public CFailure
+{
+public:
+    using CFailure::CFailure;
+};
+
 #endif

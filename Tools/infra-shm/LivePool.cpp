@@ -33,7 +33,7 @@ public:
     {
         const MutexState state = waitForMutex(pool.m_layout.mutexes()[0], wait);
         if (state.kind != MutexState::free && state.kind != MutexState::ownerDied) {
-            throw CFailure("refused: mutex 0 is " + mutexText(state));
+            throw CBusy("refused: mutex 0 is " + mutexText(state));
         }
         if (m_mutex->lock(m_mutex) != 0) {
             throw CFailure("mutex 0 cannot be had");
@@ -81,10 +81,18 @@ CLivePool::~CLivePool()
 
 CSnapshot CLivePool::look(std::chrono::milliseconds wait)
 {
-    if (mutex().kind == MutexState::ownerDied) {
-        const CHold repairs(*this, wait);
+    for (;;) {
+        if (mutex().kind == MutexState::ownerDied) {
+            const CHold repairs(*this, wait);
+        }
+        CSnapshot taken = CSnapshot::take(m_pool, wait);
+        if (taken.moment() == Moment::locked) {
+            return taken;
+        }
+        if (taken.moment() != Moment::ownerDied) {
+            throw CBusy("refused: mutex 0 is " + mutexText(taken.mutex()));
+        }
     }
-    return CSnapshot::take(m_pool, wait);
 }
 
 void CLivePool::repair(std::chrono::milliseconds wait)

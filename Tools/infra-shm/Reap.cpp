@@ -8,7 +8,9 @@
 #include <sys/signalfd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <map>
+#include <set>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -27,35 +29,29 @@ struct Reaped
     size_t onTheirWay = 0;     ///< blocks that only hand-overs keep
 };
 
-/// The references of holders, by process; the living ones and what else remains go to `reaped`.
+/// The references of dead holders, by process; the living ones and what else remains go to `reaped`.
 Dropped findDead(const PoolView& view, Reaped* reaped)
 {
     Dropped dead;
-    std::map<pid_t, bool> living;
+    std::set<pid_t> living;
     reaped->onTheirWay = 0;
     for (const Block& block : view.blocks) {
         for (const Holder& holder : block.holders) {
             if (holder.life == Life::dead) {
                 dead[holder.pid] += holder.references;
             } else {
-                living[holder.pid] = true;
+                living.insert(holder.pid);
             }
         }
         reaped->onTheirWay += block.holders.empty() ? 1 : 0;
     }
-    reaped->living.clear();
-    for (const auto& [pid, isLiving] : living) {
-        reaped->living.push_back(pid);
-    }
+    reaped->living.assign(living.begin(), living.end());
     return dead;
 }
 
 PoolView lookAt(CLivePool& pool, std::chrono::milliseconds wait)
 {
     const CSnapshot snapshot = pool.look(wait);
-    if (snapshot.moment() != Moment::locked) {
-        throw CFailure("refused: mutex 0 is " + mutexText(snapshot.mutex()));
-    }
     if (!snapshot.isSound() || !snapshot.faults().empty()) {
         throw CFailure("refused: the pool is not sound; see infra-shm check");
     }
@@ -148,16 +144,26 @@ int reapPool(COutput& output, const Options& options)
     }
     const CDescriptor end = signalsToEnd();
     bool goesOn = true;
+    std::vector<pid_t> living;
     while (goesOn && isStillCurrent(segments.control)) {
-        const Reaped reaped = reapNow(pool, options.wait);
-        if (!reaped.references.empty()) {
-            tell(output, reaped, true);
+        try {
+            const Reaped reaped = reapNow(pool, options.wait);
+            if (!reaped.references.empty()) {
+                tell(output, reaped, true);
+            }
+            living = reaped.living;
+        } catch (const CBusy& busy) {
+            fprintf(stderr, "infra-shm: %s\n", busy.what());
+            living.clear(); // what can be told of it is told after the interval
         }
-        goesOn = waitForDeath(end, reaped.living, options.interval);
+        goesOn = waitForDeath(end, living, options.interval);
     }
     if (goesOn) {
-        output.isJson() ? output.json({{"removed", true}}, true)
-                        : output.text("the pool was removed\n");
+        if (output.isJson()) {
+            output.json({{"removed", true}}, true);
+        } else {
+            output.text("the pool was removed\n");
+        }
     }
     return exitSound;
 }

@@ -29,6 +29,7 @@ namespace
 constexpr size_t fileAlign = 4096;
 constexpr char fileMagic[8] = {'I', 'N', 'F', 'R', 'A', 'S', 'H', 'M'};
 constexpr uint32_t fileVersion = 1;
+constexpr size_t mostFaults = 1000;
 
 /// Starts a file. The numbers are little-endian, as those of the pool.
 struct FileHead
@@ -189,12 +190,18 @@ std::vector<std::string> CSnapshot::faults() const
         throw CFailure("no memory to check the pool");
     }
     std::vector<std::string> found;
-    checkPool(
+    const size_t count = checkPool(
         m_layout, scratch,
         [](void* all, const char* fault) {
-            static_cast<std::vector<std::string>*>(all)->push_back(fault);
+            std::vector<std::string>& lines = *static_cast<std::vector<std::string>*>(all);
+            if (lines.size() < mostFaults) {
+                lines.push_back(fault);
+            }
         },
         &found);
+    if (count > found.size()) {
+        found.push_back("and " + std::to_string(count - found.size()) + " more");
+    }
     return found;
 }
 

@@ -69,7 +69,8 @@ public:
     bool isSound() const { return m_isSound; }
     const ShareMem::Layout& layout() const { return m_layout; }
 
-    /// What is not as it has to be, a line each; empty when all is. The pool is sound.
+    /// What is not as it has to be, a line each, as far as a reader can want to know; empty when all
+    /// is. The zones and pages are sound.
     std::vector<std::string> faults() const;
 
 private:

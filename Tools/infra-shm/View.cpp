@@ -56,12 +56,13 @@ public:
 
 private:
     /// Calls visit() with each link of a ring that leads to a small object `linkInRecord` before it.
+    /// No more are visited in all than there can be, whatever the links say.
     template <typename Visit>
-    void walk(const List* head, size_t linkInRecord, Visit visit) const
+    void walk(const List* head, size_t linkInRecord, Visit visit)
     {
-        size_t left = size_t{m_info->pageNum} * smallBlocksMax;
         for (size_t at = head->next;
-             left > 0 && at >= linkInRecord && isSmallBlock(m_info, at - linkInRecord); --left) {
+             at >= linkInRecord && isSmallBlock(m_info, at - linkInRecord) && m_visitsLeft > 0;) {
+            --m_visitsLeft;
             visit(at);
             at = list_at(m_layout.data, at)->next;
             if (at == head->next) {
@@ -81,6 +82,7 @@ private:
     const ShareMem::Layout& m_layout;
     BuddyInfo* const m_info;
     CLives m_lives;
+    size_t m_visitsLeft = size_t{m_info->pageNum} * smallBlocksMax;
     PoolView m_view = {};
 };
 

@@ -167,9 +167,9 @@ uint32_t CCheck::checkBlock(uint32_t index)
 {
     const int mark = page(index).order;
     const int order = mark != 0 ? BuddyMath::orderOfMark(mark) : BuddyMath::noOrder;
-    const uint64_t length = BuddyMath::unitsOf(order);
-    if (order >= static_cast<int>(m_info->config.orderNum) || index % length != 0 ||
-        length > m_info->pageNum - index) {
+    const bool isOrder = order < static_cast<int>(m_info->config.orderNum);
+    const uint64_t length = isOrder ? BuddyMath::unitsOf(order) : 1;
+    if (!isOrder || index % length != 0 || length > m_info->pageNum - index) {
         fault("page %u heads no block (%d)", index, mark);
         return 1;
     }
