@@ -9,6 +9,8 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -418,6 +420,62 @@ TEST(ShmTool, ReapsTheDeadAndNobodyElse)
             }
         }
         EXPECT_EQ(pclose(watch), 0);
+    });
+    EXPECT_TRUE(child.succeeded()) << child.report();
+}
+
+/// Takes, shares and gives back blocks until it is killed.
+void work()
+{
+    IMemPool* const pool = IMemPool::loadMemPool(poolParam(0, 0));
+    std::mt19937 random(static_cast<unsigned>(getpid()));
+    std::vector<void*> held;
+    for (;;) {
+        const size_t offset = random() % 1024 * pageSize;
+        size_t size = random() % 3000 + 1;
+        void* const got = random() % 4 == 0 ? pool->getMem(offset) : pool->allocMem(size);
+        if (got != nullptr) {
+            held.push_back(got);
+        }
+        if (held.size() > 40) {
+            std::swap(held[random() % held.size()], held.back());
+            pool->freeMem(held.back());
+            held.pop_back();
+        }
+    }
+}
+
+TEST(ShmTool, LooksAtAPoolAtWorkAndClearsUpAfterItsWorkers)
+{
+    const ChildResult child = runWithPools([] {
+        EXPECT_EQ(tool("create 1M").code, 0);
+        for (int round = 0; round < 8; ++round) {
+            std::vector<pid_t> workers;
+            fflush(stdout);
+            for (int i = 0; i < 3; ++i) {
+                workers.push_back(fork());
+                if (workers.back() == 0) {
+                    prctl(PR_SET_PDEATHSIG, SIGKILL);
+                    EXPECT_NE(freopen("/dev/null", "w", stdout), nullptr);
+                    work();
+                }
+            }
+            EXPECT_TRUE(Tarsel::TestSupport::eventually(
+                [] { return toolJson("show")["blocks"].size() > 60; }));
+            for (int i = 0; i < 5; ++i) {
+                EXPECT_EQ(tool("check --wait 20").output, "sound\n");
+                EXPECT_EQ(tool("reap --wait 20").output, "");
+            }
+            for (const pid_t worker : workers) {
+                kill(worker, SIGKILL);
+                waitpid(worker, nullptr, 0);
+            }
+            EXPECT_GE(toolJson("reap")["reaped"].size(), 2u) << round; // one holds at most 41
+            const json left = toolJson("show");
+            EXPECT_EQ(left["freePages"], 1024) << round;
+            EXPECT_EQ(left["blocks"].size(), 0u) << round;
+            EXPECT_EQ(tool("check").output, "sound\n") << round;
+        }
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
 }
