@@ -1,9 +1,11 @@
 // infra-shm as its users run it, on pools of real processes.
 
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -420,6 +422,48 @@ TEST(ShmTool, ReapsTheDeadAndNobodyElse)
             }
         }
         EXPECT_EQ(pclose(watch), 0);
+    });
+    EXPECT_TRUE(child.succeeded()) << child.report();
+}
+
+TEST(ShmTool, ReapsNothingWhereItCannotTellTheDead)
+{
+    const ChildResult child = runWithPools([] {
+        EXPECT_EQ(tool("create 1M").code, 0);
+        std::vector<bool> isDeadHere(5000);
+        for (size_t pid = 2; pid < isDeadHere.size(); ++pid) {
+            isDeadHere[pid] = kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+        }
+        bool* const isPossible = static_cast<bool*>(
+            mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        // A pid namespace, the first process in it, and one whose number there is nobody's here.
+        CHolder maker([&] {
+            *isPossible = unshare(CLONE_NEWPID) == 0;
+            if (!*isPossible) {
+                return;
+            }
+            new CHolder([&] {
+                for (pid_t pid = 0; !isDeadHere[static_cast<size_t>(pid)];) {
+                    CHolder* const next = new CHolder([&] {
+                        if (isDeadHere[static_cast<size_t>(getpid())]) {
+                            takeBlock(IMemPool::loadMemPool(poolParam(0, 0)), 1);
+                        }
+                    });
+                    pid = next->pid();
+                }
+            });
+        });
+        if (!*isPossible) {
+            printf("no permission for a pid namespace\n");
+            return;
+        }
+        EXPECT_THAT(tool("reap").output, HasSubstr("refused: the pool is used in another pid"));
+        EXPECT_EQ(toolJson("show")["blocks"].size(), 1u);
+        maker.die();
+        EXPECT_TRUE(Tarsel::TestSupport::eventually(
+            [] { return toolJson("list")[0]["control"]["attached"] == 0; }));
+        EXPECT_EQ(tool("reap").code, 0);
+        EXPECT_EQ(toolJson("show")["blocks"].size(), 0u);
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
 }

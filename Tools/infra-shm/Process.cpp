@@ -105,11 +105,14 @@ bool mapsSegment(const fs::path& process, int id)
     return false;
 }
 
-bool sharesSegmentsWithUs(const fs::path& process)
+/// Whether the process is in the same namespace of this kind as we are; `unknown` where that may not
+/// be read.
+bool sharesNamespace(const fs::path& process, const char* kind, bool unknown)
 {
     std::error_code error;
-    const fs::path own = fs::read_symlink("/proc/self/ns/ipc", error);
-    return !error && fs::read_symlink(process / "ns/ipc", error) == own;
+    const fs::path own = fs::read_symlink(fs::path("/proc/self/ns") / kind, error);
+    const fs::path other = fs::read_symlink(process / "ns" / kind, error);
+    return error ? unknown : own == other;
 }
 
 } // namespace
@@ -123,10 +126,15 @@ std::vector<pid_t> processesWithSegment(int id)
         pid_t pid = 0;
         const auto [end, result] = std::from_chars(name.data(), name.data() + name.size(), pid);
         if (result == std::errc() && end == name.data() + name.size() && pid != getpid() &&
-            sharesSegmentsWithUs(entry.path()) && mapsSegment(entry.path(), id)) {
+            sharesNamespace(entry.path(), "ipc", false) && mapsSegment(entry.path(), id)) {
             found.push_back(pid);
         }
     }
     std::sort(found.begin(), found.end());
     return found;
+}
+
+bool sharesPidsWithUs(pid_t pid)
+{
+    return sharesNamespace(fs::path("/proc") / std::to_string(pid), "pid", true);
 }

@@ -45,5 +45,8 @@ pid_t processOfThread(pid_t thread);
 /// The processes of this IPC namespace that have mapped the segment, as far as their maps can be
 /// read.
 std::vector<pid_t> processesWithSegment(int id);
+/// False for a process that is known to have another pid namespace: the ids that it writes down are
+/// others than those by which we know processes.
+bool sharesPidsWithUs(pid_t pid);
 
 #endif

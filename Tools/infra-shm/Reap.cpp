@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <map>
@@ -58,11 +59,25 @@ PoolView lookAt(CLivePool& pool, std::chrono::milliseconds wait)
     return viewOf(snapshot);
 }
 
+/// From another pid namespace all holders look dead.
+void requireOwnPids(const Pool& pool)
+{
+    const std::vector<pid_t> users = processesWithSegment(pool.control.id);
+    if (pool.control.creator == 0 || !std::all_of(users.begin(), users.end(), sharesPidsWithUs)) {
+        throw CFailure(
+            "refused: the pool is used in another pid namespace, so nobody here can tell "
+            "which of its holders are dead");
+    }
+}
+
 /// A call drops one reference a block, so there is one for as many as a process had to a block.
 Reaped reapNow(CLivePool& pool, std::chrono::milliseconds wait)
 {
     Reaped reaped;
     Dropped left = findDead(lookAt(pool, wait), &reaped);
+    if (!left.empty()) {
+        requireOwnPids(pool.segments());
+    }
     while (!left.empty()) {
         for (const auto& [pid, references] : left) {
             pool.releaseByPid(pid, wait);
@@ -132,11 +147,6 @@ bool waitForDeath(const CDescriptor& end, const std::vector<pid_t>& living,
 int reapPool(COutput& output, const Options& options)
 {
     const Pool segments = currentPool();
-    if (segments.control.creator == 0) {
-        throw CFailure(
-            "refused: the pool was made in another pid namespace, so nobody here can tell "
-            "which of its holders are dead");
-    }
     CLivePool pool(segments);
     if (!options.watch) {
         tell(output, reapNow(pool, options.wait), false);
