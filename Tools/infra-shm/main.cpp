@@ -100,24 +100,33 @@ int run(const CommandLine& line)
     return code;
 }
 
+int parseAndRun(int count, char** arguments)
+{
+    CLI::App app("Looks at the shared-memory pool of this machine, and looks after it.",
+                 "infra-shm");
+    CommandLine line;
+    describe(app, line);
+    try {
+        app.parse(count, arguments);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? exitSound : exitTrouble;
+    }
+    line.options.wait = millisecondsOf(line.waitSeconds);
+    line.options.interval = millisecondsOf(line.intervalSeconds);
+    return run(line);
+}
+
 } // namespace
 
 int main(int count, char** arguments)
 {
     signal(SIGPIPE, SIG_DFL);
-    CLI::App app("Looks at the shared-memory pool of this machine, and looks after it.",
-                 "infra-shm");
-    CommandLine line;
     try {
-        describe(app, line);
-        app.parse(count, arguments);
-        line.options.wait = millisecondsOf(line.waitSeconds);
-        line.options.interval = millisecondsOf(line.intervalSeconds);
-        return run(line);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? exitSound : exitTrouble;
+        return parseAndRun(count, arguments);
     } catch (const std::exception& error) {
         fprintf(stderr, "infra-shm: %s\n", error.what());
-        return exitTrouble;
+    } catch (...) {
+        fputs("infra-shm: failed\n", stderr);
     }
+    return exitTrouble;
 }
