@@ -69,10 +69,10 @@ constexpr bool isTaken(int mark)
     return mark < 0;
 }
 
-/// The order behind a mark that is not 0; of a mark that cannot be, one that cannot be.
+/// The order behind a mark that is not 0. It is 0 or more for any number.
 constexpr int orderOfMark(int mark)
 {
-    return mark < 0 ? -(mark + 1) : mark - 1;
+    return mark < 0 ? ~mark : mark - 1;
 }
 
 /// The block that, joined with the block at `index`, makes one of the next order. It may lie past
