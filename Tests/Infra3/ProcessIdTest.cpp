@@ -16,7 +16,9 @@ TEST(ProcessId, IsRightInTheChildOfAForkThatNobodySees)
     EXPECT_EQ(currentProcessId(), getpid());
     const pid_t child = static_cast<pid_t>(syscall(SYS_fork));
     if (child == 0) {
-        _exit(currentProcessId() == getpid() && currentProcessId() == getpid() ? 0 : 1);
+        const pid_t asked = currentProcessId();
+        const pid_t remembered = currentProcessId();
+        _exit(asked == getpid() && remembered == getpid() ? 0 : 1);
     }
     int status = -1;
     waitpid(child, &status, 0);
