@@ -25,7 +25,7 @@ namespace
 
 static_assert(sizeof(long) == 8 && sizeof(long long) == 8 && sizeof(size_t) == 8);
 
-/// One conversion specification, as far as it is plain.
+/// What stands between a '%' and its letter, and the letter, as far as that is plain.
 struct Conversion
 {
     bool toLeft;   ///< '-'
@@ -108,7 +108,7 @@ private:
     va_list m_arguments;
 };
 
-/// Reads the specification behind a '%' and returns its end.
+/// Reads what stands behind a '%' and returns its end.
 const char* readConversion(const char* in, Conversion& conversion)
 {
     for (; *in == '-' || *in == '0'; ++in) {

@@ -56,7 +56,7 @@ void expectSame(const std::string& text, A... arguments)
     }
 }
 
-std::string specification(const char* flags, const char* width, const char* letters)
+std::string conversion(const char* flags, const char* width, const char* letters)
 {
     return std::string("<%") + flags + width + letters + "|";
 }
@@ -71,17 +71,17 @@ TEST(MessageFormatTest, EveryPlainConversionIsTheSystems)
         for (const char* width : {"", "1", "5", "12", "24", "99", "123", ".3", "8.3", "."}) {
             for (const int64_t number : numbers) {
                 for (const char* letter : {"d", "i", "u", "x", "X", "o", "c", "hd", "hhu"}) {
-                    expectSame(specification(flags, width, letter), static_cast<int>(number));
+                    expectSame(conversion(flags, width, letter), static_cast<int>(number));
                 }
                 for (const char* letters : {"ld", "lld", "zd", "lu", "llu", "zu", "lx", "llX", "zx",
                                             "li", "jd", "tu", "qd", "lli"}) {
-                    expectSame(specification(flags, width, letters), number);
+                    expectSame(conversion(flags, width, letters), number);
                 }
-                expectSame(specification(flags, width, "p"), reinterpret_cast<void*>(number));
+                expectSame(conversion(flags, width, "p"), reinterpret_cast<void*>(number));
             }
             for (const char* text : {"", "a", "twelve chars", "a text that is longer than widths",
                                      static_cast<const char*>(nullptr)}) {
-                expectSame(specification(flags, width, "s"), text);
+                expectSame(conversion(flags, width, "s"), text);
             }
         }
     }
