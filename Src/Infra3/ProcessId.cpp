@@ -20,7 +20,10 @@ constinit std::atomic<std::atomic<pid_t>*> Detail::s_processId{nullptr};
 namespace
 {
 
-/// Null where the system cannot clear a page in a child: there it is asked each time.
+/// There is no page that the system clears in a child, nor will there be: it is asked each time.
+constinit std::atomic<bool> s_isRefused{false};
+
+/// Null where there is none to be had.
 std::atomic<pid_t>* makePlace()
 {
     const size_t size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -36,6 +39,7 @@ std::atomic<pid_t>* makePlace()
         return place;
     }
     munmap(page, size);
+    s_isRefused.store(first == nullptr, std::memory_order_relaxed);
     return first;
 }
 
@@ -45,7 +49,7 @@ pid_t fetchProcessId()
 {
     const pid_t id = getpid();
     std::atomic<pid_t>* place = Detail::s_processId.load(std::memory_order_acquire);
-    if (place == nullptr) {
+    if (place == nullptr && !s_isRefused.load(std::memory_order_relaxed)) {
         place = makePlace();
     }
     if (place != nullptr) {
