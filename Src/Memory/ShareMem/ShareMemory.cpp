@@ -207,19 +207,15 @@ size_t CShareMemory::blockLength(const void* p) const
 
 bool CShareMemory::incDeliverRef(void* p)
 {
-    INFRA_ASSERT_TEXT(m_buddy != nullptr && m_memRefer != nullptr,
-                      "m_buddy != __null && m_memRefer != __null");
-    if (p == nullptr) {
-        INFRA_LOG_ERROR("this:%p mem equal NULL, error.\n", shown(this));
-        return false;
-    }
-    CProcessGuard guard(m_mutex);
-    size_t offset = noOffset;
-    return guard.ok() && m_buddy->getOffset(m_buddy, p, &offset) == 0 &&
-           m_memRefer->incDeliverRef(m_memRefer, offset) == 0;
+    return changeDelivery(p, &MemRefer::incDeliverRef);
 }
 
 bool CShareMemory::decDeliverRef(void* p)
+{
+    return changeDelivery(p, &MemRefer::decDeliverRef);
+}
+
+bool CShareMemory::changeDelivery(void* p, int (*MemRefer::*change)(MemRefer*, size_t))
 {
     INFRA_ASSERT_TEXT(m_buddy != nullptr && m_memRefer != nullptr,
                       "m_buddy != __null && m_memRefer != __null");
@@ -230,7 +226,7 @@ bool CShareMemory::decDeliverRef(void* p)
     CProcessGuard guard(m_mutex);
     size_t offset = noOffset;
     return guard.ok() && m_buddy->getOffset(m_buddy, p, &offset) == 0 &&
-           m_memRefer->decDeliverRef(m_memRefer, offset) == 0;
+           (m_memRefer->*change)(m_memRefer, offset) == 0;
 }
 
 /// In parts: nobody else waits for more than some thousand nodes.

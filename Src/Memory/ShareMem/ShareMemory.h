@@ -94,6 +94,8 @@ private:
     CShareMemory& operator=(const CShareMemory&);
 
     int addFirstReference(void* p);
+    /// Counts a hand-over of the block at `p` by `change`, under the lock.
+    bool changeDelivery(void* p, int (*MemRefer::*change)(MemRefer*, size_t));
 
     Buddy* m_buddy;
     MemRefer* m_memRefer;
