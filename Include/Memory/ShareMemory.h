@@ -18,8 +18,8 @@ namespace Memory
 /// Behaviour: one process makes the pool with initMemPool(), the others attach to it with
 /// loadMemPool(). Blocks are pages, handed out in powers of two. Who holds which block is counted by
 /// process: a block goes back when nobody holds it and no hand-over to another process is on its
-/// way. A hand-over that nobody takes expires within two seconds, as long as the process that made
-/// the pool lives. What a dead process held comes back by freeResourceByPid(); a process may die at
+/// way. A hand-over that nobody takes lasts for one second at least and expires within two, as long as
+/// the process that made the pool lives. What a dead process held comes back by freeResourceByPid(); a process may die at
 /// any moment, its death costs the others nothing.
 ///
 /// All processes of a pool share one process-id and one IPC namespace, and trust each other: any of
@@ -51,6 +51,11 @@ public:
         size_t reserved[6];
     };
 
+protected:
+    IMemPool();
+    virtual ~IMemPool();
+
+public:
     /// Makes the pool of the namespace and attaches to it. A pool left by processes that are gone is
     /// wiped; processes that still use one keep it to themselves. False, and nothing changed, in a
     /// process that already has a pool and for settings that no pool can have; a page size that is
@@ -69,7 +74,8 @@ public:
     /// Prints the free blocks, a line each, on standard output.
     static void dumpInfo();
 
-    /// Lets go of this process's pool object; the mappings stay. The object is gone then.
+    /// Ends this process's use of the pool. The mappings stay, and a thread that is inside the pool
+    /// finishes; nothing must be called on the object afterwards.
     virtual void destroy() = 0;
     /// A block of at least `size` bytes with one reference of this process; null without one.
     /// `size` becomes what was granted.
@@ -89,10 +95,6 @@ public:
     /// Drops one reference to each block that process `pid`, which is dead, holds. It may have had
     /// several to one block: to be repeated until getMemFreeSize() grows no more.
     virtual bool freeResourceByPid(pid_t pid) = 0;
-
-protected:
-    IMemPool();
-    virtual ~IMemPool();
 };
 
 } // namespace Memory
