@@ -1,5 +1,4 @@
-// What happens to a pool, and to what is in use of it, when it is made, forked, ended and made anew,
-// by one and by several at a time.
+// Pools that change hands: forked, ended under use, made anew, and made by several at a time.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,17 +11,11 @@
 #include <gtest/gtest.h>
 
 #include "Memory/MemoryBlock.h"
-#include "Memory/Packet.h"
-#include "Memory/PacketManager.h"
-#include "Memory/SharePacketHelper.h"
 #include "ShareMem/SharePool.h"
 #include "Support/LogCapture.h"
 
 using namespace Tarsel::Memory;
-using Tarsel::TestSupport::ChildResult;
-using Tarsel::TestSupport::CLogCapture;
-using Tarsel::TestSupport::poolParam;
-using Tarsel::TestSupport::runWithPools;
+using namespace Tarsel::TestSupport;
 
 namespace
 {
@@ -35,14 +28,7 @@ IMemPool::PoolParam param()
     return poolParam(poolSize, 1024);
 }
 
-uint32_t freeSize()
-{
-    uint32_t size = 0;
-    IMemPool::getMemFreeSize(size);
-    return size;
-}
-
-void makePool()
+void makeOwnPool()
 {
     ASSERT_TRUE(IMemPool::initMemPool(param()));
     CMemoryBlock::setPoolParameter(param());
@@ -79,37 +65,17 @@ private:
     int m_toParent[2];
 };
 
-template <typename Body>
-pid_t inFork(Body body)
-{
-    fflush(stdout);
-    const pid_t process = fork();
-    if (process == 0) {
-        body();
-        fflush(stdout);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    return process;
-}
-
-void expectSuccess(pid_t process)
-{
-    int status = 0;
-    ASSERT_EQ(waitpid(process, &status, 0), process);
-    EXPECT_EQ(status, 0);
-}
-
-TEST(ShareLifecycle, AForkedChildHasReferencesOfItsOwn)
+TEST(ShareTurnover, AForkedChildHasReferencesOfItsOwn)
 {
     const ChildResult child = runWithPools([] {
-        makePool();
+        makeOwnPool();
         CMemoryBlock* const block = CMemoryBlock::createMemoryBlock(100);
         uint8_t* const bytes = static_cast<uint8_t*>(block->getBuffer());
         bytes[0] = 'p';
         char description[descriptionSize];
         ASSERT_TRUE(CMemoryBlock::getMemoryBlockDesc(bytes, description, descriptionSize));
         CTurns turns;
-        const pid_t process = inFork([&] {
+        const pid_t process = startProcess([&] {
             CMemoryBlock* const own = CMemoryBlock::getMemoryBlock(description, descriptionSize);
             ASSERT_NE(own, nullptr);
             turns.giveToParent(); // which drops its own
@@ -128,17 +94,17 @@ TEST(ShareLifecycle, AForkedChildHasReferencesOfItsOwn)
         EXPECT_LT(freeSize(), poolSize);
         static_cast<uint8_t*>(CMemoryBlock::createMemoryBlock(100)->getBuffer())[0] = 'q';
         turns.giveToChild();
-        expectSuccess(process);
+        EXPECT_EQ(endOf(process), 0);
         EXPECT_TRUE(IMemPool::loadMemPool(param())->freeResourceByPid(getpid()));
         EXPECT_EQ(freeSize(), poolSize);
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
 }
 
-TEST(ShareLifecycle, APoolMadeAnewHasNothingOfTheOldOne)
+TEST(ShareTurnover, APoolMadeAnewHasNothingOfTheOldOne)
 {
     const ChildResult child = runWithPools([] {
-        makePool();
+        makeOwnPool();
         static CMemoryBlock* old; // its pool goes before it: nothing can end it
         old = CMemoryBlock::createMemoryBlock(100);
         static_cast<char*>(old->getBuffer())[0] = 'o';
@@ -153,7 +119,7 @@ TEST(ShareLifecycle, APoolMadeAnewHasNothingOfTheOldOne)
         // Others: nothing of them is.
         IMemPool::loadMemPool(param())->destroy();
         EXPECT_TRUE(IMemPool::deinitMemPool());
-        makePool();
+        makeOwnPool();
         EXPECT_EQ(freeSize(), poolSize);
         CMemoryBlock* const first = CMemoryBlock::createMemoryBlock(100);
         CMemoryBlock* const second = CMemoryBlock::createMemoryBlock(100);
@@ -167,10 +133,10 @@ TEST(ShareLifecycle, APoolMadeAnewHasNothingOfTheOldOne)
     EXPECT_TRUE(child.succeeded()) << child.report();
 }
 
-TEST(ShareLifecycle, APoolMayBeDestroyedWhileThreadsUseIt)
+TEST(ShareTurnover, APoolMayBeDestroyedWhileThreadsUseIt)
 {
     const ChildResult child = runWithPools([] {
-        makePool();
+        makeOwnPool();
         CLogCapture quiet; // what was made before and is dropped after has no pool
         std::atomic<bool> ends{false};
         std::vector<std::thread> users;
@@ -208,17 +174,14 @@ bool hasThePool()
     if (pool == nullptr || pool->allocMem(size) == nullptr) {
         return false;
     }
-    int seen = 0;
-    const pid_t reader = inFork([] {
-        // The inherited object would do: attach by name, as anybody.
-        IMemPool::loadMemPool(param())->destroy();
-        _exit(IMemPool::loadMemPool(param()) != nullptr && freeSize() < poolSize ? 0 : 1);
-    });
-    waitpid(reader, &seen, 0);
-    return seen == 0;
+    return inProcess([] {
+               // The inherited object would do: attach by name, as anybody.
+               IMemPool::loadMemPool(param())->destroy();
+               _exit(IMemPool::loadMemPool(param()) != nullptr && freeSize() < poolSize ? 0 : 1);
+           }) == 0;
 }
 
-TEST(ShareLifecycle, MakersAtTheSameTimeMakeOnePoolThatIsWhole)
+TEST(ShareTurnover, MakersAtTheSameTimeMakeOnePoolThatIsWhole)
 {
     const ChildResult child = runWithPools([] {
         for (int round = 0; round < 60; ++round) {
@@ -226,7 +189,7 @@ TEST(ShareLifecycle, MakersAtTheSameTimeMakeOnePoolThatIsWhole)
             CTurns turns;
             std::vector<pid_t> makers;
             for (int i = 0; i < 3; ++i) {
-                makers.push_back(inFork([&] {
+                makers.push_back(startProcess([&] {
                     start.awaitInChild();
                     const CLogCapture quiet;
                     const bool isMade = IMemPool::initMemPool(param());
@@ -255,14 +218,14 @@ TEST(ShareLifecycle, MakersAtTheSameTimeMakeOnePoolThatIsWhole)
     EXPECT_TRUE(child.succeeded()) << child.report();
 }
 
-TEST(ShareLifecycle, WhoAttachesWhilePoolsAreMadeGetsOneOrNone)
+TEST(ShareTurnover, WhoAttachesWhilePoolsAreMadeGetsOneOrNone)
 {
     const ChildResult child = runWithPools([] {
         std::vector<pid_t> readers;
         int ended[2];
         ASSERT_EQ(pipe2(ended, O_NONBLOCK), 0);
         for (int i = 0; i < 2; ++i) {
-            readers.push_back(inFork([&ended] {
+            readers.push_back(startProcess([&ended] {
                 close(ended[1]);
                 const CLogCapture quiet;
                 char byte = 0;
@@ -285,14 +248,15 @@ TEST(ShareLifecycle, WhoAttachesWhilePoolsAreMadeGetsOneOrNone)
         for (int round = 0; round < 200; ++round) {
             // Of different sizes, by processes that go at once.
             const size_t size = poolSize << round % 3;
-            expectSuccess(inFork([size] {
-                const CLogCapture quiet;
-                EXPECT_TRUE(IMemPool::initMemPool(poolParam(size, 1024)));
-            }));
+            EXPECT_EQ(inProcess([size] {
+                          const CLogCapture quiet;
+                          EXPECT_TRUE(IMemPool::initMemPool(poolParam(size, 1024)));
+                      }),
+                      0);
         }
         close(ended[1]);
         for (const pid_t reader : readers) {
-            expectSuccess(reader);
+            EXPECT_EQ(endOf(reader), 0);
         }
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
