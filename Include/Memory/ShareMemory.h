@@ -47,7 +47,8 @@ public:
         size_t poolSize;  ///< bytes of memory to hand out; less than 4 GiB
         size_t chunkSize; ///< bytes of a page; a power of two, 64 or more
         size_t orderNum;  ///< blocks of up to 2^(orderNum - 1) pages; 0: of any size
-        size_t debugFlag; ///< 1, 2: a guard page before, behind each allocation; 0: none
+        size_t debugFlag; ///< 1, 2: a guard page before, behind each allocation; 0: none; others
+                          ///< allocate nothing
         size_t reserved[6];
     };
 
@@ -64,7 +65,8 @@ public:
     /// This process's pool; the first call attaches. `param` matters only for a pool that no process
     /// has initialised yet, and for its debugFlag. Null without a pool.
     static IMemPool* loadMemPool(const PoolParam& param);
-    /// Removes the pool; it goes when the last process that is attached ends.
+    /// Removes the pool that has the name, whoever made it; it goes when the last process that is
+    /// attached ends.
     static bool deinitMemPool();
 
     /// Bytes of the pool, and bytes that are free at this moment, as 32 bits; always true. Without a

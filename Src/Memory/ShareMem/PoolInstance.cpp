@@ -662,8 +662,9 @@ bool IMemPool::initMemPool(const PoolParam& param)
     }
     if (!pool->startTimer()) {
         INFRA_LOG_ERROR("loadMemPool failed.\n");
+        unname(controlSegment, attached().control.id);
+        unname(dataSegment, attached().data.id);
         pool->destroy();
-        deinitMemPool();
         return false;
     }
     return true;
