@@ -93,10 +93,12 @@ size_t getBuddyZoneSize(BuddyConfig config);
 /// Initialises zone 3 unless it is, and makes a handle; 0 or -1.
 int createBuddy(BuddyConfig config, ZoneHead* head, uint8_t* data, Buddy** buddy);
 
-/// True when the last thing that happened to the pages was that the block at `offset` was handed
-/// out by this process, and the mutex was not let go since: then nobody can know it yet.
+/// True when the last thing that happened to the pages by this handle was that the block at `offset`
+/// was handed out, and the mutex was not let go since: then no other process knows it. Another handle
+/// of this process may, so this is no proof that nobody has made a node for it; see findNode() in
+/// MemRefer.cpp.
 bool isFreshBlock(const Buddy* buddy, size_t offset);
-/// From now on somebody does.
+/// From now on others may know it.
 void forgetFreshBlock(Buddy* buddy);
 
 // The parts of a zone 3 at `info`.

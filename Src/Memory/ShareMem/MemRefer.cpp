@@ -135,15 +135,17 @@ void setHint(const Access& access, const BlockReferNode* node)
     }
 }
 
+/// What the hint leads to is the node, whoever wrote it. That a block is fresh says less: another set
+/// of handles in this process may have made its node since. It counts only without a valid hint.
 BlockReferNode* findNode(const Access& access, size_t offset)
 {
-    if (isFreshBlock(access.buddy, offset)) {
-        return nullptr;
-    }
     if (const size_t* const hint = hintOf(access, offset)) {
         if (BlockReferNode* const node = nodeIfAt(access, *hint, offset)) {
             return node;
         }
+    }
+    if (isFreshBlock(access.buddy, offset)) {
+        return nullptr;
     }
     BlockReferNode* const node = nodeByWalk(access, offset);
     if (node != nullptr) {
