@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Memory/BuddyMath.h"
 #include "Memory/ShareMem/Common.h"
 
 struct BuddyConfig
@@ -112,6 +113,13 @@ inline List* orderHead(BuddyInfo* info, uint32_t order)
 inline PageDes* pageDescriptors(BuddyInfo* info)
 {
     return reinterpret_cast<PageDes*>(reinterpret_cast<uint8_t*>(info) + info->PageDesHead);
+}
+
+/// Pages of the block, free or handed out, that a page of this mark heads; 1 where none can start.
+inline uint32_t blockLengthOf(const BuddyInfo* info, int mark)
+{
+    const int order = mark != 0 ? Tarsel::Memory::BuddyMath::orderOfMark(mark) : 0;
+    return order < static_cast<int>(info->config.orderNum) ? uint32_t{1} << order : 1;
 }
 
 /// Lists the pages from `start` to before `end`, which nobody has and which are on no list, as free

@@ -4,7 +4,6 @@
 // what the mutex guards before it declares the mutex consistent, lets it go and takes it again like
 // anybody else. Dying in a repair is no different: the next one repairs.
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +11,7 @@
 #include <ctime>
 
 #include "Infra3/AssertFront.h"
-#include "Infra3/PlainShared.h"
+#include "Infra3/ProcessLife.h"
 #include "Memory/ShareMem/Common.h"
 #include "Memory/ShareMem/Publish.h"
 #include "Memory/ShareMem/Report.h"
@@ -51,24 +50,32 @@ int unlock(ProcessMutex* mutex)
     return 0;
 }
 
-int lock(ProcessMutex* mutex)
+template <typename Take>
+int lockBy(ProcessMutex* mutex, Take take)
 {
     INFRA_SYSTEM_ASSERT_TEXT(mutex != nullptr && mutex->internal != nullptr,
                              "mutex != ((void *)0) && mutex->internal != ((void *)0)");
     pthread_mutex_t* const own = &mutex->internal->m_lock;
-    int result = pthread_mutex_lock(own);
+    int result = take(own);
     while (result == EOWNERDEAD) {
         ShareMem::holdReports();
         repairAfterDeath(mutex);
         pthread_mutex_consistent(own);
         unlock(mutex);
-        result = pthread_mutex_lock(own);
+        result = take(own);
     }
     if (result == 0) {
         ShareMem::holdReports();
-        s_epoch.store(s_epoch.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        if (mutex == s_handles[0]) {
+            s_epoch.store(s_epoch.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        }
     }
     return result;
+}
+
+int lock(ProcessMutex* mutex)
+{
+    return lockBy(mutex, pthread_mutex_lock);
 }
 
 // Making ---------------------------------------------------------------------------------------
@@ -80,7 +87,7 @@ static_assert((zoneReady & claimBit) == 0);
 bool isBeingMade(uint32_t flag)
 {
     const pid_t maker = static_cast<pid_t>(flag & ~claimBit);
-    return (flag & claimBit) != 0 && maker != getpid() && (kill(maker, 0) == 0 || errno == EPERM);
+    return (flag & claimBit) != 0 && maker != getpid() && Tarsel::Infra::isProcessAlive(maker);
 }
 
 /// False when the mutexes are there; true when it is for this process to make them.
@@ -135,24 +142,34 @@ int openZone(ZoneHead* head)
     return made ? 0 : -1;
 }
 
+ProcessMutex* allocHandle()
+{
+    return static_cast<ProcessMutex*>(gloMemOperation.allocMem(sizeof(ProcessMutex)));
+}
+
 /// Handles are kept for good: whoever has one may still use it after the pool it was made for went.
 int openHandles(ZoneHead* head)
 {
     for (size_t i = 0; i < processMutexCount; ++i) {
-        if (s_handles[i] == nullptr) {
-            s_handles[i] =
-                static_cast<ProcessMutex*>(gloMemOperation.allocMem(sizeof(ProcessMutex)));
+        ProcessMutexInternal* const internal = &mutexesOf(head)[i];
+        if (s_handles[i] != nullptr && s_handles[i]->internal == internal) {
+            continue; // other threads may be using it
         }
-        if (s_handles[i] == nullptr) {
+        if (s_handles[i] == nullptr && (s_handles[i] = allocHandle()) == nullptr) {
             report("%s : %d, malloc process mutex failed!\n", __FILE__, __LINE__);
             return -1;
         }
-        *s_handles[i] = {lock, unlock, &mutexesOf(head)[i]};
+        *s_handles[i] = {lock, unlock, internal};
     }
     return 0;
 }
 
 } // namespace
+
+size_t getSyncZoneSize()
+{
+    return processMutexCount * sizeof(ProcessMutexInternal);
+}
 
 int initProcessMutex(ZoneHead* head)
 {
@@ -161,6 +178,13 @@ int initProcessMutex(ZoneHead* head)
     const int result = openZone(head) == 0 ? openHandles(head) : -1;
     pthread_mutex_unlock(&s_handlesMutex);
     return result;
+}
+
+int lockProcessMutexUntil(ProcessMutex* mutex, const timespec& deadline)
+{
+    return lockBy(mutex, [&deadline](pthread_mutex_t* own) {
+        return pthread_mutex_timedlock(own, &deadline);
+    });
 }
 
 ProcessMutex* getProcessMutex(size_t id)
