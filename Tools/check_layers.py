@@ -24,7 +24,7 @@ ROWS = [
         r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|AssertFront|AssertionFailed|BoundedText|Digits|TextWriter|MessageFormat|Immortal)\.\w+",
         r"(Infra/)?Infra3/(C?PrintLog|DumpHex|LogLine|LogFront|LogSink|PlainShared)\.\w+",
         r"(Infra/)?Infra3/(Mutex\w*|LeafMutex|RecursiveMutex|ReadWriteMutex|Semaphore|Guard)\.\w+",
-        r"(Infra/)?Infra3/(ThreadSpecific|ThreadId|ProcessId|LocalTime|MemoryTrial|SystemCall|Fork|Singleton|Cpu\w*|Futex\w*)\.\w+",
+        r"(Infra/)?Infra3/(ThreadSpecific|ThreadId|ProcessId|ProcessLife|LocalTime|MemoryTrial|SystemCall|Fork|Singleton|Cpu\w*|Futex\w*)\.\w+",
     ]),
     ("Utils", [r"Utils/.*"]),
     ("Infra3, values", [

@@ -1,16 +1,19 @@
 // A process may be killed at any instruction. Here a child does one thing to a pool, step by step;
 // after every instruction that changed the memory, a copy of the memory is what a survivor would
-// have found. It is repaired and looked over.
+// have found. It is repaired and looked over: each block is as it was before the operation or as it
+// is after it, and nothing is lost or hurt.
 
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -18,6 +21,8 @@
 
 #include "ShareMem/MiniPool.h"
 
+using Tarsel::TestSupport::Blocks;
+using Tarsel::TestSupport::BlockState;
 using Tarsel::TestSupport::CMiniPool;
 using Tarsel::TestSupport::PoolShape;
 
@@ -86,29 +91,44 @@ bool isWhole(const CMiniPool& pool, const Held& held)
     return true;
 }
 
-typedef void (*Step)(CMiniPool& pool, const std::vector<Held>& held);
+/// Fills and empties the pool in random order, so that nothing in it is fresh: whatever is handed out
+/// from then on has had another use.
+void churn(CMiniPool& pool)
+{
+    std::mt19937 random(1);
+    const size_t page = pool.layout().info->config.pageSize;
+    for (int round = 0; round < 3; ++round) {
+        std::vector<size_t> taken;
+        while (pool.freeSize() > page * pool.layout().info->pageNum / 3) {
+            const size_t size = random() % 3 * page + 1;
+            taken.push_back(pool.take(size));
+            memset(pool.layout().data + taken.back(), 0xEE, size);
+        }
+        std::shuffle(taken.begin(), taken.end(), random);
+        for (const size_t offset : taken) {
+            pool.send(offset);
+            pool.receive(offset);
+            pool.give(offset);
+        }
+    }
+    pool.ended() = 0;
+}
 
 class CScene
 {
 public:
-    /// `prepare` may be null.
-    CScene(const PoolShape& shape, Step prepare) : pool(shape), m_total(pool.freeSize())
+    explicit CScene(const PoolShape& shape) : pool(shape), m_total(pool.freeSize())
     {
+        churn(pool);
+        EXPECT_EQ(pool.freeSize(), m_total);
         const size_t page = shape.pageSize;
         for (const size_t size : {page, 2 * page, page, 3 * page, page}) {
-            const Held held = {pool.take(size), size};
-            if (held.offset != noOffset) {
-                fill(pool, held);
-                this->held.push_back(held);
-            }
+            held.push_back({pool.take(size), size});
+            fill(pool, held.back());
         }
         // A hand-over of the second block is on its way, and it has two references.
-        pool.refer()->incDeliverRef(pool.refer(), held[1].offset);
-        pool.refer()->addRefer(pool.refer(), held[1].offset);
-        if (prepare != nullptr) {
-            prepare(pool, held);
-        }
-        memcpy(&deadBefore, pool.layout().syncZone->zoneData, sizeof(deadBefore));
+        pool.send(held[1].offset);
+        pool.share(held[1].offset);
     }
 
     /// What a survivor finds: nothing of what it holds is hurt, and when the dead process's
@@ -117,32 +137,103 @@ public:
     {
         found.repair();
         ASSERT_EQ(found.faults(), "") << where;
-        MemRefer* const refer = found.refer();
+        Blocks blocks = found.blocks();
         for (const Held& one : held) {
             ASSERT_TRUE(isWhole(found, one)) << where;
-            const int expected = one.offset == held[1].offset ? 2 : 1;
-            ASSERT_GE(refer->getReferCnt(refer, one.offset), expected) << where;
+            const size_t own = one.offset == held[1].offset ? 2 : 1;
+            ASSERT_EQ(blocks[one.offset].holders.count(getpid()), own) << where;
         }
         // Hand-overs on their way expire when nobody holds the block.
         for (int i = 0; i < 3; ++i) {
-            refer->releaseByPid(refer, getpid());
-            refer->releaseByPid(refer, dead);
-            refer->releaseByPid(refer, deadBefore);
+            found.reclaim(getpid());
+            found.reclaim(dead);
+            if (deadBefore() != 0) {
+                found.reclaim(deadBefore());
+            }
         }
-        refer->expireClean(refer);
-        refer->expireClean(refer);
+        found.expire();
+        found.expire();
         ASSERT_EQ(found.faults(), "") << where;
         ASSERT_EQ(found.freeSize(), m_total) << where;
         ASSERT_EQ(list_empty(found.layout().nodes()), 1) << where;
         ASSERT_EQ(list_empty(found.layout().smallPages()), 1) << where;
     }
 
+    /// A process that took blocks and is gone; 0 without one.
+    pid_t deadBefore() const { return static_cast<pid_t>(pool.note()); }
+
     CMiniPool pool;
     std::vector<Held> held;
-    pid_t deadBefore = 0;
 
 private:
     size_t m_total;
+};
+
+/// Holds the states that were found after deaths against those before and after the operation that
+/// the dead were in.
+class COperations
+{
+public:
+    explicit COperations(const CMiniPool& pool) : m_pool(pool), m_before(pool.blocks()) {}
+
+    /// `found` is a repaired copy of the pool as it is now.
+    void died(CMiniPool& found, const std::string& where)
+    {
+        if (m_pool.ended() == m_ended) {
+            m_between.push_back(found.blocks());
+            return;
+        }
+        CMiniPool quiet(m_pool); // nobody is inside, so there was nothing to repair
+        ASSERT_EQ(quiet.faults(), "") << where;
+        const Blocks after = quiet.blocks();
+        ASSERT_EQ(found.blocks(), after) << where;
+        for (const Blocks& between : m_between) {
+            ASSERT_TRUE(isBetween(between, after)) << where;
+        }
+        m_between.clear();
+        m_before = after;
+        m_ended = m_pool.ended();
+    }
+
+    bool allEnded() const { return m_between.empty(); }
+
+private:
+    bool isBetween(const Blocks& found, const Blocks& after) const
+    {
+        Blocks all = m_before;
+        all.insert(after.begin(), after.end());
+        all.insert(found.begin(), found.end());
+        for (const auto& [offset, ignored] : all) {
+            const BlockState* const then = find(m_before, offset);
+            const BlockState* const now = find(found, offset);
+            const BlockState* const later = find(after, offset);
+            if (!isSame(now, then) && !isSame(now, later) && !isExpiring(now, then, later)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    static const BlockState* find(const Blocks& blocks, size_t offset)
+    {
+        const auto at = blocks.find(offset);
+        return at != blocks.end() ? &at->second : nullptr;
+    }
+    static bool isSame(const BlockState* a, const BlockState* b)
+    {
+        return a == nullptr || b == nullptr ? a == b : *a == *b;
+    }
+    /// What expires has counted down to 0 before it goes; the next pass takes it then.
+    static bool isExpiring(const BlockState* now, const BlockState* then, const BlockState* later)
+    {
+        return later == nullptr && now != nullptr && then != nullptr && now->holders.empty() &&
+               now->handOvers == then->handOvers && then->passesLeft == 1 && now->passesLeft == 0;
+    }
+
+    const CMiniPool& m_pool;
+    Blocks m_before;
+    uint32_t m_ended = 0;
+    std::vector<Blocks> m_between;
 };
 
 // ThreadSanitizer's and AddressSanitizer's own instructions make a step many; the plain build does
@@ -157,45 +248,104 @@ const PoolShape shapes[] = {
     {1024, 64, 0}, {64, 301, 0}, {256, 77, 4}, {2048, 33, 0}, {4096, 40, 3},
 };
 
+/// Blocks that were not there before: so many, of the process that did it.
+void expectTaken(size_t count, const Blocks& before, const Blocks& after, pid_t by)
+{
+    EXPECT_EQ(after.size(), before.size() + count);
+    size_t taken = 0;
+    for (const auto& [offset, block] : after) {
+        const auto known = before.find(offset);
+        if (known == before.end()) {
+            ++taken;
+            EXPECT_EQ(block, (BlockState{{by}, 0, 0}));
+        } else {
+            EXPECT_EQ(block, known->second);
+        }
+    }
+    EXPECT_EQ(taken, count);
+}
+
+/// Three hand-overs that nobody picked up, with a pass left.
+void sendAway(CMiniPool& pool)
+{
+    for (int i = 0; i < 3; ++i) {
+        const size_t offset = pool.take(1);
+        pool.send(offset);
+        pool.give(offset);
+    }
+    pool.expire();
+}
+
+void expectExpired(const Blocks& before, const Blocks& after, const std::vector<Held>& held)
+{
+    Blocks expected;
+    for (const Held& one : held) {
+        expected[one.offset] = before.at(one.offset);
+    }
+    expected[held[1].offset].passesLeft = 0; // it has holders
+    EXPECT_EQ(after, expected);
+    EXPECT_EQ(before.size(), after.size() + 3);
+}
+
+typedef const std::vector<Held>& AllHeld;
+
 const struct
 {
     const char* name;
-    Step prepare;
-    Step action;
+    void (*prepare)(CMiniPool& pool); ///< may be null
+    void (*action)(CMiniPool& pool, AllHeld held);
+    void (*expectDone)(const Blocks& before, const Blocks& after, AllHeld held, pid_t by);
 } actions[] = {
-    {"take one page", nullptr, [](CMiniPool& pool, const std::vector<Held>&) { pool.take(1); }},
+    {"take one page", nullptr, [](CMiniPool& pool, AllHeld) { pool.take(1); },
+     [](const Blocks& before, const Blocks& after, AllHeld, pid_t by) {
+         expectTaken(1, before, after, by);
+     }},
     {"take three pages", nullptr,
-     [](CMiniPool& pool, const std::vector<Held>&) {
-         pool.take(3 * pool.layout().info->config.pageSize);
+     [](CMiniPool& pool, AllHeld) { pool.take(3 * pool.layout().info->config.pageSize); },
+     [](const Blocks& before, const Blocks& after, AllHeld, pid_t by) {
+         expectTaken(1, before, after, by);
      }},
     {"take until small objects need a page", nullptr,
-     [](CMiniPool& pool, const std::vector<Held>&) {
+     [](CMiniPool& pool, AllHeld) {
          for (int i = 0; i < 9; ++i) {
              pool.take(1);
          }
+     },
+     [](const Blocks& before, const Blocks& after, AllHeld, pid_t by) {
+         expectTaken(9, before, after, by);
      }},
-    {"take and give back", nullptr,
-     [](CMiniPool& pool, const std::vector<Held>&) { pool.give(pool.take(1)); }},
+    {"take and give back", nullptr, [](CMiniPool& pool, AllHeld) { pool.give(pool.take(1)); },
+     [](const Blocks& before, const Blocks& after, AllHeld, pid_t) { EXPECT_EQ(after, before); }},
     {"give back the middle one of three", nullptr,
-     [](CMiniPool& pool, const std::vector<Held>&) {
+     [](CMiniPool& pool, AllHeld) {
          pool.take(1);
          const size_t middle = pool.take(1);
          pool.take(1);
          pool.give(middle);
+     },
+     [](const Blocks& before, const Blocks& after, AllHeld, pid_t by) {
+         expectTaken(2, before, after, by);
      }},
     {"share a block of another and let go", nullptr,
-     [](CMiniPool& pool, const std::vector<Held>& held) {
-         pool.refer()->addRefer(pool.refer(), held[2].offset);
+     [](CMiniPool& pool, AllHeld held) {
+         pool.share(held[2].offset);
          pool.give(held[2].offset);
-     }},
+     },
+     [](const Blocks& before, const Blocks& after, AllHeld, pid_t) { EXPECT_EQ(after, before); }},
     {"take over a hand-over", nullptr,
-     [](CMiniPool& pool, const std::vector<Held>& held) {
-         pool.refer()->addRefer(pool.refer(), held[1].offset);
-         pool.refer()->decDeliverRef(pool.refer(), held[1].offset);
-         pool.refer()->incDeliverRef(pool.refer(), held[0].offset);
+     [](CMiniPool& pool, AllHeld held) {
+         pool.share(held[1].offset);
+         pool.receive(held[1].offset);
+         pool.send(held[0].offset);
+     },
+     [](const Blocks& before, const Blocks& after, AllHeld held, pid_t by) {
+         Blocks expected = before;
+         expected[held[1].offset] = {{getpid(), getpid(), by}, 0, 2};
+         expected[held[0].offset] = {{getpid()}, 1, 2};
+         EXPECT_EQ(after, expected);
      }},
     {"reclaim a dead process",
-     [](CMiniPool& pool, const std::vector<Held>&) {
+     [](CMiniPool& pool) {
          const pid_t other = fork();
          if (other == 0) {
              for (int i = 0; i < 5; ++i) {
@@ -204,29 +354,37 @@ const struct
              _exit(0);
          }
          waitpid(other, nullptr, 0);
-         // Its number is handed on in memory that a fork shares.
-         memcpy(pool.layout().syncZone->zoneData, &other, sizeof(other));
+         pool.note() = static_cast<uint32_t>(other);
      },
-     [](CMiniPool& pool, const std::vector<Held>&) {
-         pid_t other = 0;
-         memcpy(&other, pool.layout().syncZone->zoneData, sizeof(other));
-         pool.refer()->releaseByPid(pool.refer(), other);
+     [](CMiniPool& pool, AllHeld) { pool.reclaim(static_cast<pid_t>(pool.note())); },
+     [](const Blocks& before, const Blocks& after, AllHeld held, pid_t) {
+         EXPECT_EQ(before.size(), held.size() + 5);
+         EXPECT_EQ(after.size(), held.size());
      }},
-    {"let hand-overs expire",
-     [](CMiniPool& pool, const std::vector<Held>&) {
-         for (int i = 0; i < 3; ++i) {
-             const size_t offset = pool.take(1);
-             pool.refer()->incDeliverRef(pool.refer(), offset);
-             pool.give(offset);
-         }
-         pool.refer()->expireClean(pool.refer());
-     },
-     [](CMiniPool& pool, const std::vector<Held>&) {
-         ExpirePass pass;
+    {"let hand-overs expire", sendAway, [](CMiniPool& pool, AllHeld) { pool.expire(); },
+     [](const Blocks& before, const Blocks& after, AllHeld held, pid_t) {
+         expectExpired(before, after, held);
+     }},
+    {"let hand-overs expire, as in a long list", sendAway,
+     [](CMiniPool& pool, AllHeld) {
+         ExpirePass pass = {0, true};
          while (expireCleanPart(pool.refer(), &pass) == 1) {
          }
+         ++pool.ended();
+     },
+     [](const Blocks& before, const Blocks& after, AllHeld held, pid_t) {
+         expectExpired(before, after, held);
      }},
 };
+
+template <typename Action>
+void prepare(CScene& scene, const Action& action)
+{
+    if (action.prepare != nullptr) {
+        action.prepare(scene.pool);
+    }
+    scene.pool.ended() = 0;
+}
 
 TEST(ShareMemCrash, ADeathAtAnyInstructionHurtsNobodyElse)
 {
@@ -234,19 +392,29 @@ TEST(ShareMemCrash, ADeathAtAnyInstructionHurtsNobodyElse)
     long deaths = 0;
     for (const PoolShape& shape : shapes) {
         for (const auto& one : actions) {
-            CScene scene(shape, one.prepare);
+            CScene scene(shape);
+            prepare(scene, one);
+            const Blocks before = scene.pool.blocks();
+            COperations operations(scene.pool);
             const std::string where =
                 std::string(one.name) + ", pages of " + std::to_string(shape.pageSize);
             long point = 0;
+            pid_t by = 0;
             const long steps = stepThrough(
                 scene.pool, [&](CMiniPool& pool) { one.action(pool, scene.held); },
                 [&](pid_t dead) {
-                    ++point;
+                    const std::string here = where + ", store " + std::to_string(++point);
+                    by = dead;
                     CMiniPool found(scene.pool);
-                    scene.expectRepaired(found, dead, where + ", store " + std::to_string(point));
+                    found.repair();
+                    operations.died(found, here);
+                    scene.expectRepaired(found, dead, here);
                 });
             ASSERT_GT(steps, 0) << where;
             ASSERT_GT(point, 0) << where;
+            ASSERT_TRUE(operations.allEnded()) << where;
+            one.expectDone(before, scene.pool.blocks(), scene.held, by);
+            ASSERT_FALSE(HasFailure()) << where;
             deaths += point;
         }
     }
@@ -267,19 +435,25 @@ TEST(ShareMemCrash, ADeathInTheRepairIsRepairedByTheNext)
     long all = 0;
     for (const PoolShape& shape : {shapes[0], shapes[4]}) {
         for (const auto& one : actions) {
-            CScene scene(shape, one.prepare);
+            CScene scene(shape);
+            prepare(scene, one);
             stepThrough(
                 scene.pool, [&](CMiniPool& pool) { one.action(pool, scene.held); },
                 [&](pid_t dead) {
                     if (++all % stride != 0) {
                         return;
                     }
+                    CMiniPool atOnce(scene.pool);
+                    atOnce.repair();
+                    const Blocks expected = atOnce.blocks();
                     CMiniPool found(scene.pool);
                     stepThrough(
                         found, [](CMiniPool& pool) { pool.repair(); },
                         [&](pid_t) {
                             ++deaths;
                             CMiniPool foundAgain(found);
+                            foundAgain.repair();
+                            ASSERT_EQ(foundAgain.blocks(), expected) << one.name;
                             scene.expectRepaired(foundAgain, dead, one.name);
                         });
                 });
@@ -324,8 +498,9 @@ TEST(ShareMemCrash, TheNextToLockRepairsWhatARealDeathLeft)
     for (const auto& one : actions) {
         bool isOver = false;
         for (long instructions = 1; !isOver; instructions += stride) {
-            CScene scene(shapes[0], one.prepare);
-            scene.pool.layout().syncZone->initFlag = 0; // until now a place for a number
+            CScene scene(shapes[0]);
+            prepare(scene, one);
+            scene.pool.layout().syncZone->initFlag = 0; // until now without mutexes
             ASSERT_EQ(initProcessMutex(scene.pool.layout().syncZone), 0);
             s_repaired = &scene.pool;
             setProcessMutexRepair([] { s_repaired->repair(); });

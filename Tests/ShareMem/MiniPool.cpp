@@ -45,14 +45,14 @@ CMiniPool::~CMiniPool()
 void CMiniPool::map()
 {
     const size_t control = (ShareMem::controlSizeFor(m_config) + 4095) / 4096 * 4096;
-    m_size = control + m_config.dataSize;
+    m_size = control + m_config.dataSize + noteSize;
     m_memory = static_cast<uint8_t*>(
         mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 }
 
 void CMiniPool::open()
 {
-    const size_t control = m_size - m_config.dataSize;
+    const size_t control = m_size - m_config.dataSize - noteSize;
     uint8_t* const data = m_memory + control;
     if (!ShareMem::findZones({m_memory, control}, {data, m_config.dataSize}, &m_layout) ||
         createBuddy(m_config, m_layout.buddyZone, data, &m_buddy) != 0 ||
@@ -75,7 +75,29 @@ size_t CMiniPool::take(size_t size)
         m_buddy->free(m_buddy, block);
         offset = noOffset;
     }
+    end(0);
     return offset;
+}
+
+Blocks CMiniPool::blocks() const
+{
+    Blocks all;
+    uint8_t* const data = m_layout.data;
+    const size_t first = m_layout.nodes()->next;
+    for (size_t at = first; at != noOffset && (all.empty() || at != first);
+         at = list_at(data, at)->next) {
+        const BlockReferNode* const node = nodeAt(data, at);
+        BlockState& block = all[node->offset];
+        block.handOvers = node->deliverRefer;
+        block.passesLeft = node->expireCount;
+        const size_t holders = node->pidListHead.next;
+        for (size_t entry = holders;
+             entry != noOffset && (block.holders.empty() || entry != holders);
+             entry = list_at(data, entry)->next) {
+            block.holders.insert(reinterpret_cast<const PidNode*>(data + entry)->pid);
+        }
+    }
+    return all;
 }
 
 void CMiniPool::repair()

@@ -6,6 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <set>
 #include <string>
 
 #include "Memory/ShareMem/Repair.h"
@@ -22,6 +24,18 @@ struct PoolShape
     uint32_t pageNum;
     uint32_t orderNum;
 };
+
+/// What the pool has to say of a block.
+struct BlockState
+{
+    std::multiset<pid_t> holders;
+    uint32_t handOvers;
+    uint32_t passesLeft;
+
+    bool operator==(const BlockState&) const = default;
+};
+
+typedef std::map<size_t, BlockState> Blocks; ///< by offset
 
 class CMiniPool
 {
@@ -41,15 +55,32 @@ public:
     size_t memorySize() const { return m_size; }
     size_t freeSize() const { return m_buddy->getFreeSize(m_buddy); }
 
+    /// A word that goes with the memory, for whoever uses the pool.
+    uint32_t& note() const { return *reinterpret_cast<uint32_t*>(m_memory + m_size - noteSize); }
+    /// Operations that have ended; it lies beside the note.
+    uint32_t& ended() const { return (&note())[1]; }
+
+    // Operations ---------------------------------------------------------------------------------
+
     /// A block with one reference of this process; its offset.
     size_t take(size_t size);
-    void give(size_t offset) { m_refer->releaseRefer(m_refer, offset); }
+    void give(size_t offset) { end(m_refer->releaseRefer(m_refer, offset)); }
+    void share(size_t offset) { end(m_refer->addRefer(m_refer, offset)); }
+    void send(size_t offset) { end(m_refer->incDeliverRef(m_refer, offset)); }
+    void receive(size_t offset) { end(m_refer->decDeliverRef(m_refer, offset)); }
+    void reclaim(pid_t pid) { end(m_refer->releaseByPid(m_refer, pid)); }
+    void expire() { end(m_refer->expireClean(m_refer)); }
 
     void repair();
     /// What is wrong, a line each; empty when nothing is.
     std::string faults();
+    /// Who holds which block; there are no faults.
+    Blocks blocks() const;
 
 private:
+    static constexpr size_t noteSize = 64;
+
+    void end(int /*result*/) { ++ended(); }
     void map();
     void open();
 

@@ -247,7 +247,11 @@ private:
         insert(area + 16, data(), block);
         if (!hadRoom) {
             remove(smallPages(), base(), inBase(area));
-            insert(smallPages(), base(), inBase(area));
+            const uint64_t first = u64(smallPages() + 8);
+            const bool isUsedUp = first == none || !hasRoom(base() + first);
+            uint64_t place[] = {none, isUsedUp ? none : u64(base() + first + 8)};
+            insert(isUsedUp ? smallPages() : reinterpret_cast<uint8_t*>(place), base(),
+                   inBase(area)); // behind the first that is not full
         }
     }
 

@@ -199,6 +199,16 @@ TEST(ShmTool, LeavesSegmentsOfOthersAlone)
         EXPECT_EQ(tool("list").output, "no pools\n");
         EXPECT_EQ(std::string(bytes, 4096), std::string(4096, 'x'));
         EXPECT_EQ(shmget(strToKey(controlSegment), 0, 0), id);
+
+        // The name of the pages is not enough either.
+        shmctl(id, IPC_RMID, nullptr);
+        EXPECT_EQ(tool("create 1M").code, 0);
+        shmctl(shmget(strToKey(dataSegment), 0, 0), IPC_RMID, nullptr);
+        const int small = shmget(strToKey(dataSegment), (1 << 20) - 4096, IPC_CREAT | 0600);
+        for (const char* command : {"show", "check", "repair", "reap", "remove --force"}) {
+            EXPECT_EQ(tool(command).code, 2) << command;
+        }
+        EXPECT_EQ(shmget(strToKey(dataSegment), 0, 0), small);
     });
     EXPECT_TRUE(child.succeeded()) << child.report();
 }
@@ -220,8 +230,14 @@ TEST(ShmTool, MakesListsAndRemovesAPool)
         EXPECT_EQ(shown["freePages"], 150);
 
         // A pool that is in use loses its name only when that is meant, and can be told by no name.
-        CHolder user([] { IMemPool::loadMemPool(poolParam(0, 0)); });
-        EXPECT_THAT(tool("remove").output, HasSubstr("refused: 1 process"));
+        CHolder user([] {
+            IMemPool::loadMemPool(poolParam(0, 0));
+            mapPool(); // once more
+        });
+        EXPECT_EQ(
+            tool("remove").output,
+            "infra-shm: refused: the pool is used by 1 process (--force removes its name, and "
+            "leaves it to them)\n");
         EXPECT_EQ(tool("check").code, 0);
         pools = toolJson("list");
         EXPECT_EQ(
@@ -249,7 +265,10 @@ TEST(ShmTool, ShowsBlocksWithTheirHolders)
         const size_t own = takeBlock(pool, 3000); // four pages
         size_t shared = 0;
         CHolder alive([&] { EXPECT_NE(pool->getMem(own), nullptr); });
-        CHolder dead([&] { takeBlock(pool, 1); });
+        CHolder dead([&] {
+            size_t size = 1;
+            pool->incDeliverRef(pool->allocMem(size)); // what it holds, it holds on its way, too
+        });
         dead.becomeZombie();
         shared = takeBlock(pool, 1);
         void* const sent = pool->getMem(shared);
@@ -310,8 +329,13 @@ TEST(ShmTool, ChecksAndRepairs)
         ShareMem::Layout layout = mapPool();
         EXPECT_EQ(tool("check").output, "sound\n");
 
-        layout.nodes()->prev = 7; // nobody reads that
-        EXPECT_EQ(tool("check").code, 0);
+        // Nobody reads these.
+        layout.nodes()->prev = 7;
+        layout.info->padding = 1;
+        ++pageDescriptors(layout.info)[1].idx;
+        EXPECT_EQ(tool("check").output, "reference list: its head has a previous element\n"
+                                        "the padding of the page zone is not 0\n"
+                                        "page 1 has another number, 2\n");
         PageDes& first = pageDescriptors(layout.info)[0];
         ++first.idx;
         first.list.prev = 12345;
@@ -323,7 +347,6 @@ TEST(ShmTool, ChecksAndRepairs)
         EXPECT_THAT(tool("check").output,
                     HasSubstr("small-object page list: no element at 99, after 0\n"));
         EXPECT_THAT(tool("reap").output, HasSubstr("refused: the pool is not sound"));
-        --first.idx;
         EXPECT_EQ(tool("repair").output, "sound\n");
         EXPECT_EQ(tool("check").code, 0);
 

@@ -53,6 +53,15 @@ int tellFaults(COutput& output, const std::vector<std::string>& faults)
     return faults.empty() ? exitSound : exitFaults;
 }
 
+/// A process has as many mappings as it likes. Those whose maps we may not read, or that are in
+/// another IPC namespace, are known by their mappings only.
+std::string usersText(const Segment& segment)
+{
+    const size_t processes = processesWithSegment(segment.id).size();
+    return processes != 0 ? plural(processes, "process", "es")
+                          : plural(segment.attached, "mapping") + " of processes unknown";
+}
+
 } // namespace
 
 int listPools(COutput& output, const Options& /*options*/)
@@ -164,9 +173,8 @@ int removePool(COutput& output, const Options& options)
     const Pool pool = currentPool();
     const size_t attached = pool.control.attached;
     if (attached != 0 && !options.force) {
-        throw CFailure(textOf("refused: %zu processes use the pool (--force removes its name, and "
-                              "leaves it to them)",
-                              attached));
+        throw CFailure("refused: the pool is used by " + usersText(pool.control) +
+                       " (--force removes its name, and leaves it to them)");
     }
     for (const Segment& segment : {*pool.data, pool.control}) {
         if (shmctl(segment.id, IPC_RMID, nullptr) != 0) {

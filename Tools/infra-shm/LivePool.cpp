@@ -1,10 +1,11 @@
 // LivePool.cpp: changing a pool.
 //
-// The lock is the library's, so whoever died inside before is made good when it is taken.
+// The lock is the library's, so whoever died inside before is made good when it is taken; but it is
+// waited for no longer than the user wants.
 
 #include "LivePool.h"
 
-#include <cstring>
+#include <cerrno>
 
 #include "Failure.h"
 
@@ -31,11 +32,15 @@ class CLivePool::CHold
 public:
     CHold(const CLivePool& pool, std::chrono::milliseconds wait) : m_mutex(getProcessMutex(0))
     {
-        const MutexState state = waitForMutex(pool.m_layout.mutexes()[0], wait);
-        if (state.kind != MutexState::free && state.kind != MutexState::ownerDied) {
-            throw CBusy("refused: mutex 0 is " + mutexText(state));
+        const MutexState state = pool.mutex();
+        const bool isHopeless =
+            state.kind == MutexState::lost || state.kind == MutexState::unusable;
+        const int result =
+            isHopeless ? ETIMEDOUT : lockProcessMutexUntil(m_mutex, deadlineIn(wait));
+        if (result == ETIMEDOUT) {
+            throw CBusy("refused: mutex 0 is " + mutexText(pool.mutex()));
         }
-        if (m_mutex->lock(m_mutex) != 0) {
+        if (result != 0) {
             throw CFailure("mutex 0 cannot be had");
         }
     }

@@ -11,23 +11,12 @@
 
 #include "Memory/ShareMem/Publish.h"
 
-using namespace std::chrono_literals;
-
 namespace
 {
 
 constexpr unsigned threadBits = 0x3fffffff;
 constexpr unsigned ownerDiedBit = 0x40000000;
 constexpr int notRecoverable = std::numeric_limits<int>::max() - 1; // in the field of the owner
-constexpr auto pollPause = 2ms;
-
-timespec deadlineIn(std::chrono::milliseconds wait)
-{
-    const auto end = std::chrono::system_clock::now().time_since_epoch() + wait;
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(end);
-    return {static_cast<time_t>(seconds.count()),
-            static_cast<long>(std::chrono::nanoseconds(end - seconds).count())};
-}
 
 } // namespace
 
@@ -69,6 +58,14 @@ std::string mutexText(const MutexState& state)
     }
 }
 
+timespec deadlineIn(std::chrono::milliseconds wait)
+{
+    const auto end = std::chrono::system_clock::now().time_since_epoch() + wait;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(end);
+    return {static_cast<time_t>(seconds.count()),
+            static_cast<long>(std::chrono::nanoseconds(end - seconds).count())};
+}
+
 int withMutex(ProcessMutexInternal& mutex, std::chrono::milliseconds wait,
               const std::function<void()>& work)
 {
@@ -84,20 +81,4 @@ int withMutex(ProcessMutexInternal& mutex, std::chrono::milliseconds wait,
         }
     }).join();
     return result;
-}
-
-MutexState waitForMutex(const ProcessMutexInternal& mutex, std::chrono::milliseconds wait)
-{
-    const auto end = std::chrono::steady_clock::now() + wait;
-    const MutexState first = stateOfMutex(mutex);
-    MutexState now = first;
-    while (now.kind == MutexState::held && now.thread == first.thread &&
-           std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(pollPause);
-        now = stateOfMutex(mutex);
-    }
-    if (now.kind == MutexState::held && now.thread != first.thread) {
-        now = {}; // it goes from hand to hand
-    }
-    return now;
 }

@@ -34,14 +34,13 @@ MutexState stateOfMutex(const ProcessMutexInternal& mutex);
 /// "held by process 12 (name), thread 13"
 std::string mutexText(const MutexState& state);
 
+/// That long from now on, as a lock wants to be told.
+timespec deadlineIn(std::chrono::milliseconds wait);
+
 /// Runs `work`, which must not throw, with the mutex held; waits for it at most that long. 0, or what
 /// the lock gave. If the owner dies meanwhile the result is EOWNERDEAD, and the mutex is as if nobody
 /// had tried: the next to take it repairs.
 int withMutex(ProcessMutexInternal& mutex, std::chrono::milliseconds wait,
               const std::function<void()>& work);
-
-/// Waits, at most that long, until no one thread has held the mutex all the time. The result is
-/// `held` only when one has.
-MutexState waitForMutex(const ProcessMutexInternal& mutex, std::chrono::milliseconds wait);
 
 #endif

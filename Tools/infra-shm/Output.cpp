@@ -32,12 +32,12 @@ const char* mutexKindText(MutexState::Kind kind)
     }
 }
 
-std::string plural(size_t count, const char* thing)
-{
-    return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
-}
-
 } // namespace
+
+std::string plural(size_t count, const char* thing, const char* ending)
+{
+    return std::to_string(count) + " " + thing + (count == 1 ? "" : ending);
+}
 
 std::string textOf(const char* format, ...)
 {

@@ -16,6 +16,8 @@ typedef nlohmann::ordered_json Json;
 
 /// Like printf, to a string.
 __attribute__((format(printf, 1, 2))) std::string textOf(const char* format, ...);
+/// "1 page", "2 pages"
+std::string plural(size_t count, const char* thing, const char* ending = "s");
 
 class COutput
 {

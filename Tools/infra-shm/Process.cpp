@@ -2,17 +2,16 @@
 
 #include "Process.h"
 
-#include <poll.h>
-#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <utility>
+
+#include "Infra3/ProcessLife.h"
 
 namespace fs = std::filesystem;
 
@@ -56,16 +55,7 @@ Life lifeOf(pid_t pid)
     if (pid <= 0) {
         return Life::unknown;
     }
-    const CDescriptor process = openProcess(pid);
-    if (!process.ok()) {
-        if (errno == ESRCH) {
-            return Life::dead;
-        }
-        // A system without pidfds, or no descriptor left. A thread's number is no process's.
-        return errno == EINVAL || (kill(pid, 0) != 0 && errno == ESRCH) ? Life::dead : Life::alive;
-    }
-    pollfd state = {process.get(), POLLIN, 0};
-    return poll(&state, 1, 0) > 0 ? Life::dead : Life::alive;
+    return Tarsel::Infra::isProcessAlive(pid) ? Life::alive : Life::dead;
 }
 
 std::string nameOf(pid_t pid)

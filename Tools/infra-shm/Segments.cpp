@@ -27,12 +27,11 @@ std::optional<Segment> parseSegment(const std::string& line)
     unsigned mode = 0;
     pid_t lastUser = 0;
     gid_t group = 0;
-    uid_t creatorUser = 0;
     time_t mapped = 0;
     time_t unmapped = 0;
     text >> segment.key >> segment.id >> std::oct >> mode >> std::dec >> segment.size >>
-        segment.creator >> lastUser >> segment.attached >> segment.owner >> group >> creatorUser >>
-        group >> mapped >> unmapped >> segment.changed;
+        segment.creator >> lastUser >> segment.attached >> segment.owner >> group >>
+        segment.creatorUser >> group >> mapped >> unmapped >> segment.changed;
     segment.mode = mode & 0777;
     segment.isRemoved = (mode & SHM_DEST) != 0;
     return text ? std::optional(segment) : std::nullopt;
@@ -57,15 +56,19 @@ size_t dataSizeOf(const Segment& control)
                : 0;
 }
 
-/// A data segment holds nothing but pages. With its name it is known by that; without, it is the one
-/// that the same process made at the same time for as many bytes.
+/// A data segment holds nothing but pages, so it is known by what is around it: it has the name, or
+/// lost it like the control segment, is large enough for the pages, and was made by the same user.
+/// Without a name it was made by the same process, too. With one it need not be: who makes a pool
+/// takes over a segment that is left and large enough.
 bool belongsTo(const Segment& data, const Segment& control, size_t dataSize)
 {
-    if (!control.isRemoved) {
-        return !data.isRemoved && data.key == strToKey(dataSegment);
+    if (data.isRemoved != control.isRemoved || data.size < dataSize ||
+        data.creatorUser != control.creatorUser) {
+        return false;
     }
-    return data.isRemoved && data.creator == control.creator && dataSize != 0 &&
-           data.size >= dataSize && data.id != control.id;
+    return control.isRemoved
+               ? data.creator == control.creator && dataSize != 0 && data.id != control.id
+               : data.key == strToKey(dataSegment);
 }
 
 const Segment* findByName(const std::vector<Segment>& segments, const char* name)
@@ -160,6 +163,10 @@ Pool currentPool()
     if (data == nullptr) {
         throw CFailure("no pool: there is no segment " + keyText(strToKey(dataSegment)) +
                        " with the pages");
+    }
+    if (!belongsTo(*data, *control, dataSizeOf(*control))) {
+        throw CFailure("no pool: segment " + std::to_string(data->id) +
+                       " has the name of the pages, and is too small or of another user");
     }
     return {*control, *data};
 }

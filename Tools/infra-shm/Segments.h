@@ -22,7 +22,8 @@ struct Segment
     unsigned mode;  ///< permissions; nothing else
     bool isRemoved; ///< it has lost its name, and goes with its last mapping
     size_t size;
-    pid_t creator;   ///< 0: of another pid namespace
+    pid_t creator; ///< 0: of another pid namespace
+    uid_t creatorUser;
     size_t attached; ///< mappings
     uid_t owner;
     time_t changed; ///< when it was made, or its owner or permissions were changed last

@@ -152,7 +152,10 @@ void CReader::readNode(const BlockReferNode* node)
     const Block block = {index, length, holdersOf(node), node->deliverRefer, node->expireCount};
     const bool isHeld = std::any_of(block.holders.begin(), block.holders.end(),
                                     [](const Holder& one) { return one.life != Life::dead; });
-    const char sign = isHeld ? '#' : block.handOvers != 0 ? '>' : 'x';
+    const char sign = isHeld                   ? '#'
+                      : !block.holders.empty() ? 'x'
+                      : block.handOvers != 0   ? '>'
+                                               : '?';
     m_view.picture.replace(index, length, length, sign);
     m_view.blocks.push_back(block);
 }

@@ -263,12 +263,11 @@ size_t buddyGetFreeSize(Buddy* buddy)
 {
     BuddyInfo* const info = infoOf(buddy);
     uint64_t freePages = 0;
-    uint64_t step = 1;
-    for (uint64_t idx = 0; idx < info->pageNum; idx += step) {
+    uint32_t length = 1;
+    for (uint64_t idx = 0; idx < info->pageNum; idx += length) {
         const int mark = peek(pageDescriptors(info)[idx].order);
-        const int order = mark != 0 ? BuddyMath::orderOfMark(mark) : 0;
-        step = order < static_cast<int>(info->config.orderNum) ? BuddyMath::unitsOf(order) : 1;
-        freePages += mark > 0 ? step : 0;
+        length = blockLengthOf(info, mark);
+        freePages += mark > 0 ? length : 0;
     }
     return freePages * info->config.pageSize;
 }
@@ -365,11 +364,14 @@ int createBuddy(BuddyConfig config, ZoneHead* head, uint8_t* data, Buddy** buddy
     }
     Buddy* const made = static_cast<Buddy*>(gloMemOperation.allocMem(sizeof(Buddy)));
     BuddyPrivateData* const priv =
-        static_cast<BuddyPrivateData*>(gloMemOperation.allocMem(sizeof(BuddyPrivateData)));
-    if (made == nullptr || priv == nullptr) {
+        made != nullptr
+            ? static_cast<BuddyPrivateData*>(gloMemOperation.allocMem(sizeof(BuddyPrivateData)))
+            : nullptr;
+    if (priv == nullptr) {
         report("[%s:%d]malloc failed.\n", __func__, __LINE__);
-        gloMemOperation.freeMem(priv);
-        gloMemOperation.freeMem(made);
+        if (made != nullptr) {
+            gloMemOperation.freeMem(made);
+        }
         return failed;
     }
     *priv = {data, head->zoneData, noOffset, 0};

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Memory/BuddyMath.h"
 #include "Memory/ShareMem/Common.h"
 
 struct BuddyConfig
@@ -93,10 +94,12 @@ size_t getBuddyZoneSize(BuddyConfig config);
 /// Initialises zone 3 unless it is, and makes a handle; 0 or -1.
 int createBuddy(BuddyConfig config, ZoneHead* head, uint8_t* data, Buddy** buddy);
 
-/// True when the last thing that happened to the pages was that the block at `offset` was handed
-/// out by this process, and the mutex was not let go since: then nobody can know it yet.
+/// True when the last thing that happened to the pages by this handle was that the block at `offset`
+/// was handed out, and the mutex was not let go since: then no other process knows it. Another handle
+/// of this process may, so this is no proof that nobody has made a node for it; see findNode() in
+/// MemRefer.cpp.
 bool isFreshBlock(const Buddy* buddy, size_t offset);
-/// From now on somebody does.
+/// From now on others may know it.
 void forgetFreshBlock(Buddy* buddy);
 
 // The parts of a zone 3 at `info`.
@@ -110,6 +113,13 @@ inline List* orderHead(BuddyInfo* info, uint32_t order)
 inline PageDes* pageDescriptors(BuddyInfo* info)
 {
     return reinterpret_cast<PageDes*>(reinterpret_cast<uint8_t*>(info) + info->PageDesHead);
+}
+
+/// Pages of the block, free or handed out, that a page of this mark heads; 1 where none can start.
+inline uint32_t blockLengthOf(const BuddyInfo* info, int mark)
+{
+    const int order = mark != 0 ? Tarsel::Memory::BuddyMath::orderOfMark(mark) : 0;
+    return order < static_cast<int>(info->config.orderNum) ? uint32_t{1} << order : 1;
 }
 
 /// Lists the pages from `start` to before `end`, which nobody has and which are on no list, as free

@@ -41,10 +41,6 @@ public:
 
 private:
     PageDes& page(uint32_t index) const { return pageDescriptors(m_info)[index]; }
-    uint32_t bitOf(size_t offset) const
-    {
-        return uint32_t{1} << offset % m_info->config.pageSize / smallBlockSize;
-    }
     uint32_t smallObjectsMost() const { return m_info->pageNum * smallBlocksMax; }
 
     __attribute__((format(printf, 2, 3))) void fault(const char* format, ...);
@@ -89,6 +85,9 @@ template <typename IsPlace, typename Visit>
 uint32_t CCheck::checkRing(const char* kind, const List* head, void* base, uint32_t limit,
                            IsPlace isPlace, Visit visit)
 {
+    if (head->prev != noOffset) {
+        fault("%s list: its head has a previous element", kind);
+    }
     const size_t first = head->next;
     size_t last = noOffset;
     uint32_t count = 0;
@@ -121,11 +120,11 @@ uint32_t CCheck::checkRing(const char* kind, const List* head, void* base, uint3
 bool CCheck::meet(size_t offset)
 {
     uint32_t& seen = m_scratch.seen(static_cast<uint32_t>(offset >> m_info->pageShift));
-    if ((seen & bitOf(offset)) != 0) {
+    if ((seen & smallBitOf(m_info, offset)) != 0) {
         fault("the small object at %zu is linked twice", offset);
         return false;
     }
-    seen |= bitOf(offset);
+    seen |= smallBitOf(m_info, offset);
     return true;
 }
 
@@ -166,6 +165,14 @@ void CCheck::checkNode(const BlockReferNode* node)
 
 void CCheck::checkTiling()
 {
+    if (m_info->padding != 0) {
+        fault("the padding of the page zone is not 0");
+    }
+    for (uint32_t i = 0; i < m_info->pageNum; ++i) {
+        if (page(i).idx != i) {
+            fault("page %u has another number, %u", i, page(i).idx);
+        }
+    }
     for (uint32_t i = 0; i < m_info->pageNum;) {
         i += checkBlock(i);
     }
@@ -221,12 +228,7 @@ void CCheck::checkOrderList(uint32_t order)
             return isLinkOfPage(at, offsetof(PageDes, list), &index) &&
                    page(index).order == BuddyMath::freeMark(static_cast<int>(order));
         },
-        [this, &index](size_t) {
-            if (page(index).idx != index) {
-                fault("page %u has another number", index);
-            }
-            return true;
-        });
+        [](size_t) { return true; });
     if (count != m_freeHeads[order]) {
         fault("order %u: %u free blocks, %u of them listed", order, m_freeHeads[order], count);
     }
@@ -244,16 +246,28 @@ void CCheck::checkSmallPages()
         } else if (mask != m_scratch.seen(i)) {
             fault("page %u: mask %08x, linked %08x", i, mask, m_scratch.seen(i));
         }
-        pages += isSmallPage(m_info, i) ? 1 : 0;
+        if (isSmallPage(m_info, i)) {
+            ++pages;
+            if (smallPageDesc(m_info, i)->padding != 0) {
+                fault("page %u: the padding of its small objects is not 0", i);
+            }
+        }
     }
     uint32_t index = 0;
+    bool wasFull = false;
     const uint32_t count = checkRing(
         "small-object page", m_layout.smallPages(), m_info, m_info->pageNum,
         [this, &index](size_t at) {
             return isLinkOfPage(at, offsetof(PageDes, reserved), &index) &&
                    isSmallPage(m_info, index);
         },
-        [this, &index](size_t) {
+        [this, &index, &wasFull](size_t) {
+            const SmallMemPageDesc* const desc = smallPageDesc(m_info, index);
+            const bool isFull = desc->blockMask == smallMaskOf(desc->blockNum);
+            if (wasFull && !isFull) {
+                fault("page %u has room for small objects, and comes after a full one", index);
+            }
+            wasFull = isFull;
             checkFreeBlocks(index);
             return true;
         });
@@ -265,7 +279,6 @@ void CCheck::checkSmallPages()
 void CCheck::checkFreeBlocks(uint32_t index)
 {
     const SmallMemPageDesc* const desc = smallPageDesc(m_info, index);
-    const uint32_t all = static_cast<uint32_t>((uint64_t{1} << desc->blockNum) - 1);
     uint32_t listed = 0;
     checkRing(
         "free block", &desc->freeBlockListHead, m_data, desc->blockNum,
@@ -274,10 +287,10 @@ void CCheck::checkFreeBlocks(uint32_t index)
                    (at - desc->offset) / smallBlockSize < desc->blockNum;
         },
         [this, &listed](size_t at) {
-            listed |= bitOf(at);
+            listed |= smallBitOf(m_info, at);
             return true;
         });
-    if (listed != (all & ~desc->blockMask)) {
+    if (listed != (smallMaskOf(desc->blockNum) & ~desc->blockMask)) {
         fault("page %u: mask %08x, free %08x", index, desc->blockMask, listed);
     }
 }

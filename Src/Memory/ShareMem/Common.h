@@ -17,13 +17,15 @@
 // Death:     a process may die at any instruction, the mutex held. Every change is ordered so that
 //            what is in the segments at that moment is enough to rebuild all lists (Publish.h,
 //            Repair.h); the next to take the mutex does so.
-// Failures:  a result of -1 or null, and a line on standard output; shared state is unchanged. A
-//            line that arises while the mutex is held is printed when it is let go (Report.h).
+// Failures:  a result of -1 or null, and a line on standard output; shared state is unchanged, but
+//            for a reference that could only be half made (MemRefer.h). A line that arises while the
+//            mutex is held is printed when it is let go (Report.h).
 
 #include <pthread.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include "Memory/ShareMem/List.h"
 
@@ -43,6 +45,7 @@ struct ZoneHead
 };
 static_assert(sizeof(ZoneHead) == 8);
 
+/// Bytes of the contents of zones 0, 1 and 2; each layer says what its own needs.
 size_t getSyncZoneSize();
 size_t getReferZoneSize();
 size_t getSmallMemZoneSize();
@@ -111,6 +114,10 @@ uint32_t ownZoneClaim();
 bool isClaimedByOther(uint32_t flag);
 /// The handle of mutex 0 to 2, or null. It stays where it is for the life of the process.
 ProcessMutex* getProcessMutex(size_t id);
+
+/// The lock of a handle, waiting no longer than until that moment of the system's clock. 0 when the
+/// mutex is held; ETIMEDOUT, or what else went wrong.
+int lockProcessMutexUntil(ProcessMutex* mutex, const timespec& deadline);
 
 /// What repairs the shared state when the owner of mutex 0 has died. It runs with the mutex held,
 /// allocates nothing and takes no lock. Null for none.

@@ -5,21 +5,6 @@
 
 #include "Infra3/Arithmetic.h"
 
-size_t getSyncZoneSize()
-{
-    return processMutexCount * sizeof(ProcessMutexInternal);
-}
-
-size_t getReferZoneSize()
-{
-    return sizeof(ReferZone);
-}
-
-size_t getSmallMemZoneSize()
-{
-    return sizeof(SmallMemZone);
-}
-
 namespace ShareMem
 {
 namespace

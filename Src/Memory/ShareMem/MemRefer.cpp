@@ -6,11 +6,7 @@
 
 #include "Memory/ShareMem/MemRefer.h"
 
-#include <unistd.h>
-
-#include <atomic>
 #include <cstring>
-#include <ctime>
 
 #include "Infra3/AssertFront.h"
 #include "Infra3/ProcessId.h"
@@ -26,6 +22,7 @@ namespace
 constexpr int failed = -1;
 constexpr uint32_t passesToExpire = 2;
 constexpr uint32_t wrapped = 0x80000000; // an expireCount from here on has been counted below 0
+constexpr uint32_t expirePartSize = 1000;
 
 struct Access
 {
@@ -135,15 +132,17 @@ void setHint(const Access& access, const BlockReferNode* node)
     }
 }
 
+/// What the hint leads to is the node, whoever wrote it. That a block is fresh says less: another set
+/// of handles in this process may have made its node since. It counts only without a valid hint.
 BlockReferNode* findNode(const Access& access, size_t offset)
 {
-    if (isFreshBlock(access.buddy, offset)) {
-        return nullptr;
-    }
     if (const size_t* const hint = hintOf(access, offset)) {
         if (BlockReferNode* const node = nodeIfAt(access, *hint, offset)) {
             return node;
         }
+    }
+    if (isFreshBlock(access.buddy, offset)) {
+        return nullptr;
     }
     BlockReferNode* const node = nodeByWalk(access, offset);
     if (node != nullptr) {
@@ -289,13 +288,26 @@ int getReferCnt(MemRefer* memRefer, size_t offset)
     return node == nullptr ? 0 : list_count(&node->pidListHead, access.data);
 }
 
+/// Calls visit() with each node, which may remove it.
+template <typename Visit>
+void forEachNode(const Access& access, Visit visit)
+{
+    if (list_empty(access.nodes) != 0) {
+        return;
+    }
+    bool isLast = false;
+    for (BlockReferNode* node = access.firstNode(); !isLast;) {
+        BlockReferNode* const next = access.nextNode(node);
+        isLast = node->referListNode.next == access.nodes->next;
+        visit(node);
+        node = next;
+    }
+}
+
 int releaseByPid(MemRefer* memRefer, pid_t pid)
 {
     const Access access(memRefer);
-    int left = list_count(access.nodes, access.data);
-    BlockReferNode* node = left > 0 ? access.firstNode() : nullptr;
-    for (; left > 0; --left) {
-        BlockReferNode* const next = access.nextNode(node);
+    forEachNode(access, [&access, pid](BlockReferNode* node) {
         PidNode* const entry = findEntry(access, node, pid);
         if (entry != nullptr) {
             removeEntry(access, node, entry);
@@ -303,8 +315,7 @@ int releaseByPid(MemRefer* memRefer, pid_t pid)
                 removeBlockAndNode(access, node);
             }
         }
-        node = next;
-    }
+    });
     return 0;
 }
 
@@ -334,8 +345,11 @@ int decDeliverRef(MemRefer* memRefer, size_t offset)
 
 /// A count that was held through its expiry and has wrapped would keep the block for 136 years
 /// after its last holder went; such a block goes too.
-void expireNode(const Access& access, BlockReferNode* node)
+void expireIfSent(const Access& access, BlockReferNode* node)
 {
+    if (node->deliverRefer == 0) {
+        return;
+    }
     const uint32_t count = node->expireCount - 1;
     publish(node->expireCount, count);
     if ((count == 0 || count >= wrapped) && !hasHolder(node)) {
@@ -343,72 +357,43 @@ void expireNode(const Access& access, BlockReferNode* node)
     }
 }
 
+/// By the list, from its first node on.
 int expireClean(MemRefer* memRefer)
 {
     const Access access(memRefer);
-    int left = list_count(access.nodes, access.data);
-    if (left == 0) {
+    if (list_empty(access.nodes) != 0) {
         return failed;
     }
-    BlockReferNode* node = access.firstNode();
-    for (; left > 0; --left) {
-        BlockReferNode* const next = access.nextNode(node);
-        if (node->deliverRefer != 0) {
-            expireNode(access, node);
-        }
-        node = next;
-    }
+    forEachNode(access, [&access](BlockReferNode* node) { expireIfSent(access, node); });
     return 0;
 }
 
-/// In the part of a node's small object that the node leaves free: the pass that dealt with it last.
-uint64_t& passOf(BlockReferNode* node)
+/// Whether the list has no more nodes than one part of a pass looks at.
+bool isShortList(const Access& access)
 {
-    static_assert(sizeof(BlockReferNode) + sizeof(uint64_t) <= smallBlockSize);
-    return *reinterpret_cast<uint64_t*>(node + 1);
-}
-
-uint64_t newPassId()
-{
-    static constinit std::atomic<uint64_t> s_count{0};
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return (static_cast<uint64_t>(getpid()) << 40) ^ (static_cast<uint64_t>(now.tv_sec) << 20) ^
-           static_cast<uint64_t>(now.tv_nsec) ^ ++s_count << 52;
-}
-
-/// Whether the node at this list offset, where one was once, is one now.
-BlockReferNode* nodeStillAt(const Access& access, size_t listOffset)
-{
-    const size_t where = listOffset - offsetof(BlockReferNode, referListNode);
-    if (!isSmallBlock(access.info, where)) {
-        return nullptr;
-    }
-    const size_t offset = reinterpret_cast<BlockReferNode*>(access.data + where)->offset;
-    const size_t* const hint = hintOf(access, offset);
-    return hint != nullptr && *hint == where ? nodeIfAt(access, where, offset) : nullptr;
-}
-
-/// Where a pass goes on: at the first place of its trail that is left, else from the beginning.
-BlockReferNode* resume(const Access& access, ExpirePass* pass)
-{
-    if (pass->begun) {
-        for (const size_t place : pass->trail) {
-            if (BlockReferNode* const node = nodeStillAt(access, place)) {
-                return node;
-            }
+    const BlockReferNode* node = access.firstNode();
+    const size_t first = access.nodes->next;
+    for (size_t seen = 1; seen <= expirePartSize; ++seen) {
+        if (node->referListNode.next == first) {
+            return true;
         }
-        pass->budget *= 2; // or the trail might be lost for ever
+        node = access.nextNode(node);
     }
-    return access.firstNode();
+    return false;
 }
 
-void rememberTrail(const Access& access, ExpirePass* pass, const BlockReferNode* node)
+/// Expires the nodes in this small-object page, whatever becomes of the page meanwhile.
+void expirePage(const Access& access, uint32_t page)
 {
-    size_t place = access.offsetOf(&node->referListNode);
-    for (size_t& remembered : pass->trail) {
-        remembered = place;
-        place = list_at(access.data, place)->next;
+    const size_t start = size_t{page} << access.info->pageShift;
+    for (uint32_t i = 0; i < smallBlocksPerPage(access.info); ++i) {
+        const size_t where = start + i * smallBlockSize;
+        auto* const record = reinterpret_cast<BlockReferNode*>(access.data + where);
+        if (isSmallBlock(access.info, where) && record->deliverRefer != 0 &&
+            hintOf(access, record->offset) != nullptr &&
+            nodeIfAt(access, where, record->offset) != nullptr) { // and no entry
+            expireIfSent(access, record);
+        }
     }
 }
 
@@ -436,28 +421,21 @@ Record* allocCleared()
 int expireCleanPart(MemRefer* memRefer, ExpirePass* pass)
 {
     const Access access(memRefer);
-    if (list_empty(access.nodes) != 0) {
-        return failed;
+    if (!pass->begun && (list_empty(access.nodes) != 0 || isShortList(access))) {
+        return expireClean(memRefer);
     }
-    BlockReferNode* node = resume(access, pass);
-    if (!pass->begun) {
-        pass->id = newPassId();
-        pass->begun = true;
-    }
-    for (size_t seen = 0; seen < pass->budget; ++seen) {
-        const bool isLast = node->referListNode.next == access.nodes->next;
-        BlockReferNode* const next = access.nextNode(node);
-        if (node->deliverRefer != 0 && passOf(node) != pass->id) {
-            publish(passOf(node), pass->id);
-            expireNode(access, node);
+    pass->begun = true;
+    BuddyInfo* const info = access.info;
+    for (uint32_t looks = 0; looks < expirePartSize && pass->page < info->pageNum; ++looks) {
+        const uint32_t page = pass->page;
+        const uint32_t length = blockLengthOf(info, pageDescriptors(info)[page].order);
+        if (isSmallPage(info, page)) {
+            expirePage(access, page);
+            looks += smallBlocksPerPage(info);
         }
-        if (isLast) {
-            return 0;
-        }
-        node = next;
+        pass->page += length;
     }
-    rememberTrail(access, pass, node);
-    return 1;
+    return pass->page < info->pageNum ? 1 : 0;
 }
 
 void dropUnusedNode(MemRefer* memRefer, size_t offset)
@@ -472,6 +450,11 @@ void dropUnusedNode(MemRefer* memRefer, size_t offset)
 bool hasNode(MemRefer* memRefer, size_t offset)
 {
     return findNode(Access(memRefer), offset) != nullptr;
+}
+
+size_t getReferZoneSize()
+{
+    return sizeof(ReferZone);
 }
 
 int createMemRefer(ZoneHead* head, SmallMem* smallMem, Buddy* buddy, MemRefer** memRefer)

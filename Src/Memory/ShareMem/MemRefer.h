@@ -15,7 +15,7 @@
 //
 // Finding a block's node does not walk the list: the block's page descriptor has a hint where it is.
 // A hint may be missing or stale, so it counts only if what it leads to can be nothing else than the
-// node asked for (nodeAtHint in MemRefer.cpp).
+// node asked for (nodeIfAt in MemRefer.cpp).
 
 #include <sys/types.h>
 
@@ -59,10 +59,11 @@ struct MemReferPrivateData
     Buddy* buddy;
 };
 
-/// Offsets are those of blocks from the data base. Each gives 0, or -1.
+/// Offsets are those of blocks from the data base. What is no count is 0, or -1.
 struct MemRefer
 {
-    /// Adds a reference of this process.
+    /// Adds a reference of this process. A failure for want of memory may leave a new node without
+    /// entries; see dropUnusedNode().
     int (*addRefer)(MemRefer* memRefer, size_t offset);
     /// Drops one of this process; the last of all gives the block back.
     int (*releaseRefer)(MemRefer* memRefer, size_t offset);
@@ -83,18 +84,17 @@ struct MemRefer
 int createMemRefer(ZoneHead* head, SmallMem* smallMem, Buddy* buddy, MemRefer** memRefer);
 
 /// One pass of expireClean() in parts, so that nobody holds the mutex for long. Between the parts
-/// anything may happen to the list.
+/// anything may happen to the list, but nodes stay where they are: a pass over more nodes than one
+/// part deals with goes by the pages that they lie in.
 struct ExpirePass
 {
-    static constexpr size_t trailLength = 4;
-
-    uint64_t id = 0;                ///< marks nodes that this pass has dealt with
-    size_t trail[trailLength] = {}; ///< where to go on: the next node and those after it
-    size_t budget = 1000;           ///< nodes to look at in one part
-    bool begun = false;
+    uint32_t page = 0;  ///< where to go on
+    bool begun = false; ///< the list was too long for one part
 };
 
-/// 1: there is more to do; 0: the pass is over; -1: there is no node at all.
+/// A part looks at about a thousand nodes, entries and blocks at most. 1: there is more to do; 0: the
+/// pass is over, and each node that was there all the time was dealt with once; -1: there is no node
+/// at all.
 int expireCleanPart(MemRefer* memRefer, ExpirePass* pass);
 
 /// Drops the node of a block if nothing refers to the block: what an addRefer() without memory for

@@ -107,13 +107,23 @@ struct Attached
     Segment control = {controlSegment};
     Segment data = {dataSegment};
     Layout layout = {};
-    BuddyInfo known = {}; ///< as it was found; it never changes
+    BuddyInfo known = {}; ///< as it was found; it never changes. Without pages: not found yet
     ShareMem::CScratch scratch;
 };
 
 Attached& attached()
 {
     return Infra::immortal<Attached, Attached>();
+}
+
+/// Whether the page zone is still what it was when it was found. One that was not there then, because
+/// this process came before it was initialised, has to make sense by itself.
+bool canRepair(const Attached& pool)
+{
+    return pool.known.pageNum != 0
+               ? memcmp(pool.layout.info, &pool.known, sizeof(pool.known)) == 0
+               : ShareMem::arePagesSound(pool.control.mapping, pool.data.mapping, pool.layout) &&
+                     pool.layout.info->pageNum <= pool.scratch.pages();
 }
 
 /// Runs with process mutex 0 held, after its owner died.
@@ -123,7 +133,7 @@ void repairAttached()
     if (pool.layout.info == nullptr || !pool.layout.isInitialised()) {
         return; // its first users initialise it
     }
-    if (memcmp(pool.layout.info, &pool.known, sizeof(pool.known)) != 0) {
+    if (!canRepair(pool)) {
         ShareMem::report("[%s:%d]the pool is damaged and cannot be repaired.\n", __func__,
                          __LINE__);
         return;
@@ -241,7 +251,7 @@ const char* openLayers(Attached& pool, const BuddyConfig& config, Handles* handl
     }
     if (!canOpenPages(pool, config) ||
         createBuddy(config, layout.buddyZone, layout.data, &handles->buddy) != 0 ||
-        !pool.scratch.reserve(layout.info->pageNum)) {
+        !ShareMem::arePagesSound(pool.control.mapping, pool.data.mapping, layout)) {
         return "createBuddy failed.\n";
     }
     pool.known = *layout.info;
@@ -269,15 +279,25 @@ bool openMutexes(Attached& pool)
     return findPool(pool) && initProcessMutex(pool.layout.syncZone) == 0 && findPool(pool);
 }
 
-/// Room for a repair is there before the lock is taken for the first time: that may be the moment.
+/// Pages that a page zone of this length can describe at most.
+uint32_t pagesMost(const ZoneHead& zone)
+{
+    return static_cast<uint32_t>((zone.zoneLen - sizeof(ZoneHead) - sizeof(BuddyInfo)) /
+                                 sizeof(PageDes));
+}
+
+/// Room for a repair is there before the lock is taken for the first time: that may be the moment,
+/// and the pages may be initialised only while this process waits for it.
 const char* openPool(Attached& pool, const BuddyConfig& config, Handles* handles)
 {
     if (!openMutexes(pool)) {
         return "initProcessMutex failed.\n";
     }
+    if (!pool.scratch.reserve(pagesMost(*pool.layout.buddyZone))) {
+        return "createBuddy failed.\n";
+    }
     pool.known = {};
-    if (ShareMem::arePagesSound(pool.control.mapping, pool.data.mapping, pool.layout) &&
-        pool.scratch.reserve(pool.layout.info->pageNum)) {
+    if (ShareMem::arePagesSound(pool.control.mapping, pool.data.mapping, pool.layout)) {
         pool.known = *pool.layout.info;
     }
     setProcessMutexRepair(repairAttached);

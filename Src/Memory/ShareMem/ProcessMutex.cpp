@@ -4,7 +4,6 @@
 // what the mutex guards before it declares the mutex consistent, lets it go and takes it again like
 // anybody else. Dying in a repair is no different: the next one repairs.
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +11,7 @@
 #include <ctime>
 
 #include "Infra3/AssertFront.h"
-#include "Infra3/PlainShared.h"
+#include "Infra3/ProcessLife.h"
 #include "Memory/ShareMem/Common.h"
 #include "Memory/ShareMem/Publish.h"
 #include "Memory/ShareMem/Report.h"
@@ -23,6 +22,7 @@ namespace
 {
 
 constexpr timespec pollPause = {0, 1000 * 1000}; // 1 ms
+constexpr int patience = 10000;                  // pauses
 
 constinit ProcessMutex* s_handles[processMutexCount] = {};
 constinit pthread_mutex_t s_handlesMutex = PTHREAD_MUTEX_INITIALIZER; // guards the making of them
@@ -51,24 +51,32 @@ int unlock(ProcessMutex* mutex)
     return 0;
 }
 
-int lock(ProcessMutex* mutex)
+template <typename Take>
+int lockBy(ProcessMutex* mutex, Take take)
 {
     INFRA_SYSTEM_ASSERT_TEXT(mutex != nullptr && mutex->internal != nullptr,
                              "mutex != ((void *)0) && mutex->internal != ((void *)0)");
     pthread_mutex_t* const own = &mutex->internal->m_lock;
-    int result = pthread_mutex_lock(own);
+    int result = take(own);
     while (result == EOWNERDEAD) {
         ShareMem::holdReports();
         repairAfterDeath(mutex);
         pthread_mutex_consistent(own);
         unlock(mutex);
-        result = pthread_mutex_lock(own);
+        result = take(own);
     }
     if (result == 0) {
         ShareMem::holdReports();
-        s_epoch.store(s_epoch.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        if (mutex == s_handles[0]) {
+            s_epoch.store(s_epoch.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        }
     }
     return result;
+}
+
+int lock(ProcessMutex* mutex)
+{
+    return lockBy(mutex, pthread_mutex_lock);
 }
 
 // Making ---------------------------------------------------------------------------------------
@@ -76,21 +84,28 @@ int lock(ProcessMutex* mutex)
 constexpr uint32_t claimBit = 0x40000000; // not in zoneReady; process ids stay below it
 static_assert((zoneReady & claimBit) == 0);
 
-/// False when the mutexes are there; true when it is for this process to make them.
-bool claimZone(ZoneHead* head)
+enum class Zone
 {
-    for (;;) {
+    ready,
+    claimed, ///< it is for this process to make the mutexes
+    stuck    ///< a process that lives has begun to make them, and does not go on
+};
+
+Zone claimZone(ZoneHead* head)
+{
+    for (int look = 0; look < patience; ++look) {
         uint32_t flag = __atomic_load_n(&head->initFlag, __ATOMIC_ACQUIRE);
         if (flag == zoneReady) {
-            return false;
+            return Zone::ready;
         }
         if (isClaimedByOther(flag)) {
             nanosleep(&pollPause, nullptr);
         } else if (__atomic_compare_exchange_n(&head->initFlag, &flag, ownZoneClaim(), false,
                                                __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
-            return true;
+            return Zone::claimed;
         }
     }
+    return Zone::stuck;
 }
 
 ProcessMutexInternal* mutexesOf(ZoneHead* head)
@@ -119,27 +134,37 @@ bool makeMutexes(ProcessMutexInternal* mutexes)
 
 int openZone(ZoneHead* head)
 {
-    if (!claimZone(head)) {
-        return 0;
+    const Zone zone = claimZone(head);
+    if (zone == Zone::stuck) {
+        report("%s : %d, process mutex is being made by a process that does not go on!\n", __FILE__,
+               __LINE__);
+    }
+    if (zone != Zone::claimed) {
+        return zone == Zone::ready ? 0 : -1;
     }
     const bool made = makeMutexes(mutexesOf(head));
     publish(head->initFlag, made ? zoneReady : 0);
     return made ? 0 : -1;
 }
 
+ProcessMutex* allocHandle()
+{
+    return static_cast<ProcessMutex*>(gloMemOperation.allocMem(sizeof(ProcessMutex)));
+}
+
 /// Handles are kept for good: whoever has one may still use it after the pool it was made for went.
 int openHandles(ZoneHead* head)
 {
     for (size_t i = 0; i < processMutexCount; ++i) {
-        if (s_handles[i] == nullptr) {
-            s_handles[i] =
-                static_cast<ProcessMutex*>(gloMemOperation.allocMem(sizeof(ProcessMutex)));
+        ProcessMutexInternal* const internal = &mutexesOf(head)[i];
+        if (s_handles[i] != nullptr && s_handles[i]->internal == internal) {
+            continue; // other threads may be using it
         }
-        if (s_handles[i] == nullptr) {
+        if (s_handles[i] == nullptr && (s_handles[i] = allocHandle()) == nullptr) {
             report("%s : %d, malloc process mutex failed!\n", __FILE__, __LINE__);
             return -1;
         }
-        *s_handles[i] = {lock, unlock, &mutexesOf(head)[i]};
+        *s_handles[i] = {lock, unlock, internal};
     }
     return 0;
 }
@@ -154,7 +179,12 @@ uint32_t ownZoneClaim()
 bool isClaimedByOther(uint32_t flag)
 {
     const pid_t maker = static_cast<pid_t>(flag & ~claimBit);
-    return (flag & claimBit) != 0 && maker != getpid() && (kill(maker, 0) == 0 || errno == EPERM);
+    return (flag & claimBit) != 0 && maker != getpid() && Tarsel::Infra::isProcessAlive(maker);
+}
+
+size_t getSyncZoneSize()
+{
+    return processMutexCount * sizeof(ProcessMutexInternal);
 }
 
 int initProcessMutex(ZoneHead* head)
@@ -164,6 +194,13 @@ int initProcessMutex(ZoneHead* head)
     const int result = openZone(head) == 0 ? openHandles(head) : -1;
     pthread_mutex_unlock(&s_handlesMutex);
     return result;
+}
+
+int lockProcessMutexUntil(ProcessMutex* mutex, const timespec& deadline)
+{
+    return lockBy(mutex, [&deadline](pthread_mutex_t* own) {
+        return pthread_mutex_timedlock(own, &deadline);
+    });
 }
 
 ProcessMutex* getProcessMutex(size_t id)

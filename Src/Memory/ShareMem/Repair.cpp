@@ -6,7 +6,6 @@
 #include "Memory/ShareMem/Repair.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "Memory/BuddyMath.h"
 #include "Memory/ShareMem/Publish.h"
@@ -21,20 +20,31 @@ namespace ShareMem
 
 CScratch::~CScratch()
 {
-    std::free(m_seen);
-    std::free(m_claimed);
+    release();
 }
 
 bool CScratch::reserve(uint32_t pages)
 {
     if (pages > m_pages) {
-        std::free(m_seen);
-        std::free(m_claimed);
-        m_seen = static_cast<uint32_t*>(std::calloc(pages, sizeof(*m_seen)));
-        m_claimed = static_cast<uint64_t*>(std::calloc(pages / 64 + 1, sizeof(*m_claimed)));
+        release();
+        m_claimed =
+            static_cast<uint64_t*>(gloMemOperation.allocMem((pages / 64 + 1) * sizeof(*m_claimed)));
+        m_seen = static_cast<uint32_t*>(gloMemOperation.allocMem(pages * sizeof(*m_seen)));
         m_pages = m_seen != nullptr && m_claimed != nullptr ? pages : 0;
     }
     return pages <= m_pages;
+}
+
+void CScratch::release()
+{
+    for (void* const part : {static_cast<void*>(m_seen), static_cast<void*>(m_claimed)}) {
+        if (part != nullptr) {
+            gloMemOperation.freeMem(part);
+        }
+    }
+    m_seen = nullptr;
+    m_claimed = nullptr;
+    m_pages = 0;
 }
 
 void CScratch::clear()
@@ -72,18 +82,15 @@ private:
             return false;
         }
         uint32_t& seen = m_scratch.seen(static_cast<uint32_t>(offset >> m_info->pageShift));
-        const uint32_t bit = bitOf(offset);
+        const uint32_t bit = smallBitOf(m_info, offset);
         const bool isNew = (seen & bit) == 0;
         seen |= bit;
         return isNew;
     }
     void forget(size_t offset) const
     {
-        m_scratch.seen(static_cast<uint32_t>(offset >> m_info->pageShift)) &= ~bitOf(offset);
-    }
-    uint32_t bitOf(size_t offset) const
-    {
-        return uint32_t{1} << offset % m_info->config.pageSize / smallBlockSize;
+        m_scratch.seen(static_cast<uint32_t>(offset >> m_info->pageShift)) &=
+            ~smallBitOf(m_info, offset);
     }
 
     void mendRing(List* head, size_t linkInRecord, const char* kind) const;
@@ -108,6 +115,9 @@ private:
 /// the ring where the next record is none.
 void CRepair::mendRing(List* head, size_t linkInRecord, const char* kind) const
 {
+    if (head->prev != noOffset) {
+        publish(head->prev, noOffset);
+    }
     const size_t first = head->next;
     size_t last = noOffset;
     size_t at = first;
@@ -136,10 +146,10 @@ void CRepair::mendNodes() const
 {
     List* const nodes = m_layout.nodes();
     mendRing(nodes, offsetof(BlockReferNode, referListNode), "reference");
-    int left = list_count(nodes, m_data);
-    size_t at = nodes->next;
-    for (; left > 0; --left) {
+    bool isLast = nodes->next == noOffset;
+    for (size_t at = nodes->next; !isLast;) {
         const size_t next = list_at(m_data, at)->next;
+        isLast = next == nodes->next;
         BlockReferNode* const node = nodeAt(m_data, at);
         if (!mendNode(node)) {
             list_remove(nodes, &node->referListNode, m_data);
@@ -191,9 +201,15 @@ void CRepair::mendPages() const
         if (desc->blockMask != m_scratch.seen(i)) {
             publish(desc->blockMask, m_scratch.seen(i));
         }
+        if (m_scratch.seen(i) != 0 && desc->padding != 0) {
+            publish(desc->padding, 0);
+        }
         if (page(i).idx != i) {
             publish(page(i).idx, i);
         }
+    }
+    if (m_info->padding != 0) {
+        publish(m_info->padding, 0);
     }
 }
 

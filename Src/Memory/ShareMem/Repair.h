@@ -30,7 +30,7 @@ public:
     CScratch(const CScratch&) = delete;
     CScratch& operator=(const CScratch&) = delete;
 
-    /// False without memory.
+    /// Room for that many pages, to be cleared before it is used. False without memory.
     bool reserve(uint32_t pages);
     void clear();
     uint32_t pages() const { return m_pages; }
@@ -42,6 +42,8 @@ public:
     void claim(uint32_t page) { m_claimed[page / 64] |= uint64_t{1} << page % 64; }
 
 private:
+    void release();
+
     uint32_t* m_seen = nullptr;
     uint64_t* m_claimed = nullptr;
     uint32_t m_pages = 0;

@@ -9,8 +9,9 @@
 namespace ShareMem
 {
 
-/// Prints a line, or keeps it while this thread holds lines back. A thread keeps up to 4 KB; what
-/// comes beyond that is lost, and a line says so.
+/// Prints a line, or keeps it while this thread holds lines back. A thread keeps up to 16 MB, the
+/// pages of a large pool; what comes beyond that, or when memory runs out, is lost, and a line says
+/// so.
 __attribute__((format(printf, 1, 2))) void report(const char* format, ...);
 
 namespace Detail

@@ -2,7 +2,7 @@
 //
 // Only the first page of the list is looked at: it has room, or none has. A page that fills goes to
 // the end, which is one store, because the pages form a ring; a full one that gets a block back
-// goes to the front.
+// goes to second place, behind the one that is being used up, or to the front if that one is full.
 //
 // The order of stores: a bit is set before its block is filled and linked, and cleared after it was
 // unlinked. So at any moment a linked block has its bit set.
@@ -165,6 +165,19 @@ void givePageBack(const SmallMemPrivData& priv, SmallMemPageDesc* page)
     priv.buddy->free(priv.buddy, access.data + page->offset);
 }
 
+/// A page that was full and has room now goes before all full ones.
+void movePageForward(const Access& access, SmallMemPageDesc* page)
+{
+    list_remove(access.pages, &page->list, access.info);
+    SmallMemPageDesc* const first = access.firstPage();
+    if (!hasRoom(first)) {
+        list_insert(access.pages, &page->list, access.info);
+        return;
+    }
+    List behindFirst = {noOffset, first->list.next}; // a head of the same ring
+    list_insert(&behindFirst, &page->list, access.info);
+}
+
 int freeSmallMem(SmallMem* smallMem, void* ptr)
 {
     INFRA_SYSTEM_ASSERT_TEXT(smallMem != nullptr, "smallMem != ((void *)0)");
@@ -195,8 +208,7 @@ int freeSmallMem(SmallMem* smallMem, void* ptr)
     }
     list_insert(&page->freeBlockListHead, static_cast<List*>(ptr), access.data);
     if (wasFull) {
-        list_remove(access.pages, &page->list, access.info);
-        list_insert(access.pages, &page->list, access.info);
+        movePageForward(access, page);
     }
     return 0;
 }
@@ -238,6 +250,11 @@ void listFreeSmallBlocks(BuddyInfo* info, uint8_t* data, uint32_t page)
             list_insert(&desc->freeBlockListHead, reinterpret_cast<List*>(block), data);
         }
     }
+}
+
+size_t getSmallMemZoneSize()
+{
+    return sizeof(SmallMemZone);
 }
 
 int createSmallMem(ZoneHead* head, Buddy* buddy, SmallMem** smallMem)

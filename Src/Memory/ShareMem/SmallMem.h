@@ -80,6 +80,12 @@ inline uint32_t smallMaskOf(uint32_t blockNum)
     return blockNum >= smallBlocksMax ? ~uint32_t{0} : (uint32_t{1} << blockNum) - 1;
 }
 
+/// The bit of the small object at `offset` in its page's mask.
+inline uint32_t smallBitOf(const BuddyInfo* info, size_t offset)
+{
+    return uint32_t{1} << offset % info->config.pageSize / smallBlockSize;
+}
+
 /// Whether this page, of any kind, is a live small-object page.
 inline bool isSmallPage(BuddyInfo* info, uint32_t page)
 {
