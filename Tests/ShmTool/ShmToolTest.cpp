@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -557,6 +558,15 @@ TEST(ShmTool, ASavedPoolIsReadLikeALivingOne)
         takeBlock(pool, 100000);
         EXPECT_EQ(tool(std::string("save ") + scratchFile).code, 0);
         EXPECT_EQ(tool("save /dev/full/pool").code, 2);
+        EXPECT_EQ(mkfifo("pool.pipe", 0600), 0);
+        EXPECT_EQ(symlink(scratchFile, "pool.link"), 0);
+        EXPECT_EQ(tool("save pool.pipe").code, 2); // it stays what it is
+        EXPECT_EQ(tool("save pool.link").code, 0);
+        struct stat state = {};
+        EXPECT_TRUE(lstat("pool.pipe", &state) == 0 && S_ISFIFO(state.st_mode));
+        EXPECT_TRUE(lstat("pool.link", &state) == 0 && S_ISLNK(state.st_mode));
+        unlink("pool.pipe");
+        unlink("pool.link");
         EXPECT_EQ(tool("remove --force").code, 0);
         const std::string fromFile = std::string(" --file ") + scratchFile;
         EXPECT_EQ(tool("check" + fromFile).output, "sound\n");

@@ -90,7 +90,7 @@ CSnapshot CLivePool::look(std::chrono::milliseconds wait)
         if (mutex().kind == MutexState::ownerDied) {
             const CHold repairs(*this, wait);
         }
-        CSnapshot taken = CSnapshot::take(m_pool, wait);
+        CSnapshot taken = CSnapshot::take(m_control.mapping(), m_data.mapping(), true, wait);
         if (taken.moment() == Moment::locked) {
             return taken;
         }

@@ -63,6 +63,8 @@ std::string nameOf(pid_t pid)
     std::string name;
     std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
     std::getline(file, name);
+    const auto isControl = [](char c) { return c >= 0 && (c < ' ' || c == 0x7f); };
+    std::replace_if(name.begin(), name.end(), isControl, '?'); // a process may choose any name
     return name;
 }
 

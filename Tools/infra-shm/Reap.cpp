@@ -5,12 +5,14 @@
 // reap.
 
 #include <poll.h>
+#include <sys/shm.h>
 #include <sys/signalfd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <set>
 
 #include "Commands.h"
@@ -124,10 +126,16 @@ CDescriptor signalsToEnd()
     return CDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
-/// Sleeps until one of the processes dies, new ones may hold something, or the tool is to end: then
-/// the result is false.
-bool waitForDeath(const CDescriptor& end, const std::vector<pid_t>& living,
-                  std::chrono::milliseconds interval)
+enum class Woken
+{
+    byDeath,
+    byTime,
+    toEnd
+};
+
+/// Sleeps until one of the processes dies, new ones may hold something, or the tool is to end.
+Woken waitForDeath(const CDescriptor& end, const std::vector<pid_t>& living,
+                   std::chrono::milliseconds interval)
 {
     std::vector<CDescriptor> processes;
     std::vector<pollfd> waited = {{end.get(), POLLIN, 0}};
@@ -138,8 +146,48 @@ bool waitForDeath(const CDescriptor& end, const std::vector<pid_t>& living,
             processes.push_back(std::move(process));
         }
     }
-    poll(waited.data(), waited.size(), static_cast<int>(interval.count()));
-    return waited.front().revents == 0;
+    const int count = poll(waited.data(), waited.size(), static_cast<int>(interval.count()));
+    if (waited.front().revents != 0) {
+        return Woken::toEnd;
+    }
+    return count > 0 ? Woken::byDeath : Woken::byTime;
+}
+
+/// What the system counts of a segment's coming and going. A process that dies detaches: while all of
+/// this is as it was, nobody has died, and nobody has to wait for a look into the pool.
+struct Traffic
+{
+    unsigned long attached;
+    pid_t last;
+    time_t lastAttach;
+    time_t lastDetach;
+
+    bool operator==(const Traffic&) const = default;
+};
+
+Traffic trafficOf(const Segment& segment)
+{
+    shmid_ds state = {};
+    shmctl(segment.id, IPC_STAT, &state);
+    return {state.shm_nattch, state.shm_lpid, state.shm_atime, state.shm_dtime};
+}
+
+/// False when the pool could not be looked at now.
+bool reapOrTell(COutput& output, CLivePool& pool, std::chrono::milliseconds wait,
+                std::vector<pid_t>* living)
+{
+    try {
+        const Reaped reaped = reapNow(pool, wait);
+        if (!reaped.references.empty()) {
+            tell(output, reaped, true);
+        }
+        *living = reaped.living;
+        return true;
+    } catch (const CBusy& busy) {
+        fprintf(stderr, "infra-shm: %s\n", busy.what());
+        living->clear(); // what can be told of it is told after the interval
+        return false;
+    }
 }
 
 } // namespace
@@ -155,18 +203,18 @@ int reapPool(COutput& output, const Options& options)
     const CDescriptor end = signalsToEnd();
     bool goesOn = true;
     std::vector<pid_t> living;
+    std::optional<Traffic> seen; // with which nobody has died that is not reaped
     while (goesOn && isStillCurrent(segments.control)) {
-        try {
-            const Reaped reaped = reapNow(pool, options.wait);
-            if (!reaped.references.empty()) {
-                tell(output, reaped, true);
-            }
-            living = reaped.living;
-        } catch (const CBusy& busy) {
-            fprintf(stderr, "infra-shm: %s\n", busy.what());
-            living.clear(); // what can be told of it is told after the interval
+        const Traffic now = trafficOf(segments.control);
+        if (seen != now) {
+            seen =
+                reapOrTell(output, pool, options.wait, &living) ? std::optional(now) : std::nullopt;
         }
-        goesOn = waitForDeath(end, living, options.interval);
+        const Woken woken = waitForDeath(end, living, options.interval);
+        goesOn = woken != Woken::toEnd;
+        if (woken == Woken::byDeath) {
+            seen.reset(); // it may have detached before, while it still counted as alive
+        }
     }
     if (goesOn) {
         if (output.isJson()) {

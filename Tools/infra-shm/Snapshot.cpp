@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <utility>
 
@@ -107,12 +108,24 @@ CPrivateMapping& CPrivateMapping::operator=(CPrivateMapping&& other) noexcept
 
 // Taking -----------------------------------------------------------------------------------------
 
-/// Room for a copy. Nothing is allocated while the mutex is held.
+/// Has the system provide the pages now. Where it does not know how, they come as they are touched.
+void provide(const Mapping& mapping, int how)
+{
+    const uintptr_t place = reinterpret_cast<uintptr_t>(mapping.start);
+    const uintptr_t page = place / fileAlign * fileAlign;
+    madvise(mapping.start - (place - page), mapping.size + (place - page), how);
+}
+
+/// Room for a copy. Nothing is allocated while the mutex is held, and hardly a page is touched there
+/// for the first time.
 CSnapshot::CSnapshot(const Mapping& control, const Mapping& data)
     : m_memory(aligned(control.size) + data.size, -1),
       m_control{m_memory.start(), control.size},
       m_data{m_memory.start() + aligned(control.size), data.size}
-{}
+{
+    provide(control, MADV_POPULATE_READ);
+    provide(m_control, MADV_POPULATE_WRITE);
+}
 
 void CSnapshot::readZones()
 {
@@ -155,10 +168,16 @@ CSnapshot CSnapshot::take(const Pool& pool, std::chrono::milliseconds wait)
     if (!control.ok() || !data.ok()) {
         throw CFailure::ofSystem("the pool cannot be read");
     }
-    CSnapshot made(control.mapping(), data.mapping());
+    return take(control.mapping(), data.mapping(), canLock, wait);
+}
+
+CSnapshot CSnapshot::take(const Mapping& control, const Mapping& data, bool canLock,
+                          std::chrono::milliseconds wait)
+{
+    CSnapshot made(control, data);
     ShareMem::Layout layout = {};
-    if (!findZones(control.mapping(), data.mapping(), &layout) || !layout.isInitialised()) {
-        made.copyNow(control.mapping(), data.mapping());
+    if (!findZones(control, data, &layout) || !layout.isInitialised()) {
+        made.copyNow(control, data);
         return made;
     }
     ProcessMutexInternal& mutex = layout.mutexes()[0];
@@ -171,14 +190,14 @@ CSnapshot CSnapshot::take(const Pool& pool, std::chrono::milliseconds wait)
     } else if (made.m_mutex.kind == MutexState::lost || made.m_mutex.kind == MutexState::unusable) {
         made.m_moment = Moment::busy;
     } else {
-        result = withMutex(mutex, wait, [&] { made.copyNow(control.mapping(), data.mapping()); });
+        result = withMutex(mutex, wait, [&] { made.copyNow(control, data); });
         made.m_moment = result == 0            ? Moment::locked
                         : result == EOWNERDEAD ? Moment::ownerDied
                                                : Moment::busy;
     }
     if (result != 0) {
         made.m_mutex = stateOfMutex(mutex);
-        made.copyNow(control.mapping(), data.mapping());
+        made.copyNow(control, data);
     }
     return made;
 }
@@ -233,11 +252,28 @@ void writeUnlessZero(int file, const uint8_t* bytes, size_t size, size_t place)
     }
 }
 
+/// Where a file is that may be replaced: behind a link what it points to. Devices and the like are
+/// refused.
+std::string replaceable(const std::string& path)
+{
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(path, error);
+    if (!exists(status)) {
+        return path;
+    }
+    if (!is_regular_file(status)) {
+        throw CFailure(path + " is not a regular file");
+    }
+    const std::filesystem::path target = std::filesystem::canonical(path, error);
+    return error ? path : target.string();
+}
+
 /// A file that takes its name only when it is whole.
 class CNewFile
 {
 public:
-    explicit CNewFile(const std::string& path) : m_path(path), m_unfinished(path + ".XXXXXX")
+    explicit CNewFile(const std::string& path)
+        : m_path(replaceable(path)), m_unfinished(m_path + ".XXXXXX")
     {
         m_file = CDescriptor(mkostemp(m_unfinished.data(), O_CLOEXEC));
         if (!m_file.ok()) {

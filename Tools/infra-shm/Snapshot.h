@@ -49,6 +49,9 @@ class CSnapshot
 public:
     /// Of the pool that there is, waiting at most so long for the mutex.
     static CSnapshot take(const Pool& pool, std::chrono::milliseconds wait);
+    /// The same of segments that are attached, the control segment for writing if `canLock`.
+    static CSnapshot take(const ShareMem::Mapping& control, const ShareMem::Mapping& data,
+                          bool canLock, std::chrono::milliseconds wait);
     /// Copies mapped segments; the mutex is held.
     static CSnapshot copy(const ShareMem::Mapping& control, const ShareMem::Mapping& data);
     static CSnapshot load(const std::string& path);
