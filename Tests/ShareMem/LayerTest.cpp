@@ -255,8 +255,12 @@ TEST(ShareMemLayers, SmallObjectsComeFromTheLastBlockDown)
 
     // Room in a full page is used after the page in use, and before a new one.
     EXPECT_EQ(small->freeSmallMem(small, blocks[3]), 0);
-    EXPECT_EQ(small->allocSmallMem(small, 1), blocks[32] - 64);
-    EXPECT_EQ(small->freeSmallMem(small, blocks[32] - 64), 0);
+    for (int i = 1; i < 16; ++i) {
+        blocks.push_back(static_cast<uint8_t*>(small->allocSmallMem(small, 1)));
+        EXPECT_EQ(blocks.back(), blocks[32] - i * 64);
+    }
+    EXPECT_EQ(small->allocSmallMem(small, 1), blocks[3]);
+    EXPECT_EQ(small->freeSmallMem(small, blocks[3]), 0);
 
     const struct
     {
