@@ -486,7 +486,7 @@ TEST(ShareMemLayers, AMakerOfMutexesThatIsDeadIsNotWaitedFor)
             zone->initFlag = flag;
             EXPECT_EQ(initProcessMutex(zone), 0);
             EXPECT_EQ(zone->initFlag, zoneReady);
-            for (const size_t id : {0, 1, 2}) {
+            for (const size_t id : {size_t{0}, size_t{1}, size_t{2}}) {
                 const uint64_t before = processMutexEpoch();
                 EXPECT_EQ(getProcessMutex(id)->lock(getProcessMutex(id)), 0);
                 EXPECT_EQ(processMutexEpoch(), before + (id == 0 ? 1 : 0));
