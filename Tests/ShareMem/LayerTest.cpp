@@ -255,8 +255,12 @@ TEST(ShareMemLayers, SmallObjectsComeFromTheLastBlockDown)
 
     // Room in a full page is used after the page in use, and before a new one.
     EXPECT_EQ(small->freeSmallMem(small, blocks[3]), 0);
-    EXPECT_EQ(small->allocSmallMem(small, 1), blocks[32] - 64);
-    EXPECT_EQ(small->freeSmallMem(small, blocks[32] - 64), 0);
+    for (int i = 1; i < 16; ++i) {
+        blocks.push_back(static_cast<uint8_t*>(small->allocSmallMem(small, 1)));
+        EXPECT_EQ(blocks.back(), blocks[32] - i * 64);
+    }
+    EXPECT_EQ(small->allocSmallMem(small, 1), blocks[3]);
+    EXPECT_EQ(small->freeSmallMem(small, blocks[3]), 0);
 
     const struct
     {
@@ -482,7 +486,7 @@ TEST(ShareMemLayers, AMakerOfMutexesThatIsDeadIsNotWaitedFor)
             zone->initFlag = flag;
             EXPECT_EQ(initProcessMutex(zone), 0);
             EXPECT_EQ(zone->initFlag, zoneReady);
-            for (const size_t id : {0, 1, 2}) {
+            for (const size_t id : {size_t{0}, size_t{1}, size_t{2}}) {
                 const uint64_t before = processMutexEpoch();
                 EXPECT_EQ(getProcessMutex(id)->lock(getProcessMutex(id)), 0);
                 EXPECT_EQ(processMutexEpoch(), before + (id == 0 ? 1 : 0));

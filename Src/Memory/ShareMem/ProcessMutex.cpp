@@ -6,6 +6,10 @@
 
 #include <unistd.h>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 #include <atomic>
 #include <cerrno>
 #include <ctime>
@@ -199,7 +203,14 @@ int initProcessMutex(ZoneHead* head)
 int lockProcessMutexUntil(ProcessMutex* mutex, const timespec& deadline)
 {
     return lockBy(mutex, [&deadline](pthread_mutex_t* own) {
-        return pthread_mutex_timedlock(own, &deadline);
+        const int result = pthread_mutex_timedlock(own, &deadline);
+#if defined(__SANITIZE_THREAD__) // it takes this one for a lock that failed
+        if (result == EOWNERDEAD) {
+            __tsan_mutex_pre_lock(own, __tsan_mutex_try_lock);
+            __tsan_mutex_post_lock(own, __tsan_mutex_try_lock, 0);
+        }
+#endif
+        return result;
     });
 }
 
