@@ -72,7 +72,7 @@ struct LogModuleInfo
 /// whole goes to standard output in one piece, or to the installed printer, then to the print
 /// procedures, then to the log file. A line has room for 8190 characters and is cut behind them.
 /// Standard output is flushed after an ended line of level error or fatal only.
-/// A call from within a printer or procedure, sixteen deep, prints nothing. A text of more than a
+/// A call from within a printer or procedure, four deep, prints nothing. A text of more than a
 /// kilobyte needs 8 KB of stack on top.
 /// Threads: safe from any thread; each text reaches standard output in one piece, so that whole
 /// lines never mix. `errno` is left as it was.
