@@ -272,6 +272,33 @@ bool openAnew(Internal& internal, const char* path, uint32_t flags, const COpenM
     return true;
 }
 
+// The messages stand apart, so that a read or write that goes well does not set the stage for them.
+
+[[gnu::cold, gnu::noinline]] void reportShortWrite(size_t expected, size_t actual)
+{
+    const int error = errno;
+    INFRA_LOG_WARN("fwrite failed, expected:%u, actual:%u, errno:%d, errmsg:%s\n",
+                   static_cast<unsigned>(expected), static_cast<unsigned>(actual), error,
+                   errorText(error));
+}
+
+[[gnu::cold, gnu::noinline]] void reportNothingRead(void* file, int64_t total, int64_t done)
+{
+    INFRA_LOG_WARN("this:%p fread get error, total:%jd has read:%jd, expected:%zu return "
+                   "actuallen:%zu\n",
+                   file, static_cast<intmax_t>(total), static_cast<intmax_t>(done),
+                   static_cast<size_t>(total - done), size_t{0});
+}
+
+/// Without a line end: the next message goes on in this line.
+[[gnu::cold, gnu::noinline]] void reportNothingWritten(void* file, int64_t total, int64_t done)
+{
+    INFRA_LOG_WARN("this:%p fwrite get error, total:%jd has write:%jd,expected:%zu return "
+                   "actuallen:%zu",
+                   file, static_cast<intmax_t>(total), static_cast<intmax_t>(done),
+                   static_cast<size_t>(total - done), size_t{0});
+}
+
 /// Makes the object what open() starts from.
 template <typename File, typename Internal>
 void closeAnyhow(File& file, Internal& internal)
@@ -375,27 +402,26 @@ void CFile::unload()
 
 long CFile::read(void* pBuffer, size_t dwCount)
 {
-    if (m_internal->m_file == nullptr) {
+    FileInternal& internal = *m_internal;
+    if (internal.m_file == nullptr) {
         return -1;
     }
-    const size_t count = m_internal->m_opt->fread(pBuffer, 1, dwCount, m_internal->m_file);
-    m_internal->advance(count);
+    const size_t count = internal.m_opt->fread(pBuffer, 1, dwCount, internal.m_file);
+    internal.advance(count);
     return static_cast<long>(count);
 }
 
 long CFile::write(void* pBuffer, size_t dwCount)
 {
-    if (m_internal->m_file == nullptr) {
+    FileInternal& internal = *m_internal;
+    if (internal.m_file == nullptr) {
         return -1;
     }
-    const size_t count = m_internal->m_opt->fwrite(pBuffer, 1, dwCount, m_internal->m_file);
+    const size_t count = internal.m_opt->fwrite(pBuffer, 1, dwCount, internal.m_file);
     if (count < dwCount) {
-        const int error = errno;
-        INFRA_LOG_WARN("fwrite failed, expected:%u, actual:%u, errno:%d, errmsg:%s\n",
-                       static_cast<unsigned>(dwCount), static_cast<unsigned>(count), error,
-                       errorText(error));
+        reportShortWrite(dwCount, count);
     }
-    m_internal->noteWritten(count, count == dwCount);
+    internal.noteWritten(count, count == dwCount);
     return static_cast<long>(count);
 }
 
@@ -579,48 +605,43 @@ void CLfsFile::unload()
 
 int64_t CLfsFile::read(void* pBuffer, int64_t dwCount)
 {
-    if (m_internal->m_file == nullptr) {
+    LfsFileInternal& internal = *m_internal;
+    if (internal.m_file == nullptr) {
         return -1;
     }
     uint8_t* const bytes = static_cast<uint8_t*>(pBuffer);
     int64_t done = 0;
     while (done < dwCount) {
         const size_t wanted = static_cast<size_t>(dwCount - done);
-        const size_t count = m_internal->m_opt->fread(bytes + done, 1, wanted, m_internal->m_file);
+        const size_t count = internal.m_opt->fread(bytes + done, 1, wanted, internal.m_file);
         if (count == 0) {
-            INFRA_LOG_WARN("this:%p fread get error, total:%jd has read:%jd, expected:%zu return "
-                           "actuallen:%zu\n",
-                           static_cast<void*>(this), static_cast<intmax_t>(dwCount),
-                           static_cast<intmax_t>(done), wanted, count);
+            reportNothingRead(this, dwCount, done);
             break;
         }
         done += static_cast<int64_t>(count);
     }
-    m_internal->advance(static_cast<size_t>(done));
+    internal.advance(static_cast<size_t>(done));
     return done;
 }
 
 int64_t CLfsFile::write(void* pBuffer, int64_t dwCount)
 {
-    if (m_internal->m_file == nullptr) {
+    LfsFileInternal& internal = *m_internal;
+    if (internal.m_file == nullptr) {
         return -1;
     }
     const uint8_t* const bytes = static_cast<const uint8_t*>(pBuffer);
     int64_t done = 0;
     while (done < dwCount) {
         const size_t wanted = static_cast<size_t>(dwCount - done);
-        const size_t count = m_internal->m_opt->fwrite(bytes + done, 1, wanted, m_internal->m_file);
+        const size_t count = internal.m_opt->fwrite(bytes + done, 1, wanted, internal.m_file);
         if (count == 0) {
-            // Without a line end: the next message goes on in this line.
-            INFRA_LOG_WARN("this:%p fwrite get error, total:%jd has write:%jd,expected:%zu return "
-                           "actuallen:%zu",
-                           static_cast<void*>(this), static_cast<intmax_t>(dwCount),
-                           static_cast<intmax_t>(done), wanted, count);
+            reportNothingWritten(this, dwCount, done);
             break;
         }
         done += static_cast<int64_t>(count);
     }
-    m_internal->noteWritten(static_cast<size_t>(done), done == dwCount);
+    internal.noteWritten(static_cast<size_t>(done), done == dwCount);
     return done;
 }
 
