@@ -5,7 +5,8 @@
 
 Each header below Include/ is included twice by an otherwise empty file, as C++17 and as C++20, with
 g++ and clang++, every warning an error; CPrintLog.h also as C99 with gcc and clang. One more file
-includes them all, older and namespaced interface together. Ends 1 when anything does not compile.
+includes them all, older and namespaced interface together, and another does so behind headers of
+the system that define macros with everyday names. Ends 1 when anything does not compile.
 """
 
 import concurrent.futures
@@ -21,12 +22,15 @@ WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Werror"]
 CXX = [("g++", "c++17"), ("g++", "c++20"), ("clang++", "c++17"), ("clang++", "c++20")]
 C = [("gcc", "c99"), ("clang", "c99")]
 C_HEADERS = ["Infra/Infra3/CPrintLog.h"]
+# Members called stat, major and the like have to live with these.
+GREEDY = ["sys/sysmacros.h", "sys/stat.h", "sys/statfs.h", "sys/uio.h", "dirent.h"]
 
 
-def compile_text(compiler, standard, headers, times=2):
+def compile_text(compiler, standard, headers, times=2, before=()):
     """What the compiler says to a file of nothing but these includes; "" when it takes it."""
     language = "c" if standard.startswith("c9") else "c++"
-    text = "".join(f'#include "{header}"\n' for header in headers) * times
+    text = "".join(f"#include <{header}>\n" for header in before)
+    text += "".join(f'#include "{header}"\n' for header in headers) * times
     result = subprocess.run(
         [compiler, f"-std={standard}", *WARNINGS, "-fsyntax-only", f"-I{INCLUDE}",
          "-x", language, "-"],
@@ -41,9 +45,10 @@ def public_headers(chosen):
 
 
 def jobs_for(headers):
-    """(name, compiler, standard, headers) of every compilation."""
+    """The name of every compilation, and what compile_text takes for it."""
     for compiler, standard in CXX:
         yield "all headers together", compiler, standard, headers
+        yield "all headers behind the system's", compiler, standard, headers, 1, GREEDY
         for header in headers:
             yield header, compiler, standard, [header]
     for compiler, standard in C:
@@ -58,7 +63,7 @@ def main():
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         answers = list(pool.map(lambda job: compile_text(*job[1:]), jobs))
     faults = 0
-    for (name, compiler, standard, _), answer in zip(jobs, answers):
+    for (name, compiler, standard, *_), answer in zip(jobs, answers):
         if answer:
             faults += 1
             print(f"{name}: not with {compiler} -std={standard}\n{answer}")
