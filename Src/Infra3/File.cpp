@@ -5,8 +5,10 @@
 // it does in its own way. Operations that others are made of (open, seek, read) are called through
 // the public object, so that a subclass which replaces one has it replaced everywhere.
 //
-// The position is not asked for where it can be counted: it is what the file system said after the
-// last write or seek, plus what was read since.
+// The position is what the file system said after the last write or seek, plus what was read since.
+// On the system's own streams asking costs a system call as often as something is buffered, six times
+// the price of buffering a short record, so there it is counted after a write too, and asked for only
+// when something has moved that could not be counted.
 
 #include "Infra/Infra3/File.h"
 
@@ -50,6 +52,7 @@ public:
     }
 
     bool isValid() const { return m_valid; }
+    bool appends() const { return m_text[0] == 'a'; }
     const char* text() const { return m_text; }
 
 private:
@@ -105,6 +108,8 @@ struct OpenFile
     Length m_length = 0;         ///< 0: not known yet
     Length m_position = 0;
     IFileSystem* m_opt = FileDefaultOpt::instance(); ///< of the open file
+    bool m_canCount = false;  ///< a stream of the system that does not append
+    bool m_isCounted = false; ///< m_position is the stream's, with all that has been moved since
 
     bool open(const char* path, const COpenMode& mode)
     {
@@ -114,6 +119,7 @@ struct OpenFile
             return false;
         }
         m_opt = &opt;
+        m_canCount = m_opt == FileDefaultOpt::instance() && !mode.appends();
         return true;
     }
 
@@ -146,10 +152,27 @@ struct OpenFile
         m_buffer = nullptr;
     }
 
-    /// -1 of a file system is the position 0.
-    void setPosition(int64_t told) { m_position = static_cast<Length>(std::max<int64_t>(told, 0)); }
+    /// Takes over what the file system said; -1 is the position 0.
+    void setPosition(int64_t told)
+    {
+        m_position = static_cast<Length>(std::max<int64_t>(told, 0));
+        m_isCounted = m_canCount && told >= 0;
+    }
 
-    /// Counts bytes that were read.
+    /// Asks where the stream stands.
+    void learnPosition();
+
+    void noteWritten(size_t count, bool wasAll)
+    {
+        if (wasAll && m_isCounted) {
+            advance(count);
+        } else {
+            learnPosition();
+        }
+        growToPosition();
+    }
+
+    /// Counts bytes that were read or written.
     void advance(size_t count) { m_position = static_cast<Length>(m_position + count); }
 
     void growToPosition() { m_length = std::max(m_length, m_position); }
@@ -167,6 +190,7 @@ struct OpenFile
     char* gets(char* text, int size)
     {
         char* const line = m_opt->fgets(text, size, m_file);
+        m_isCounted = false; // a line may hold terminators
         if (line != nullptr) {
             advance(strlen(line));
         }
@@ -176,10 +200,12 @@ struct OpenFile
     int puts(const char* text)
     {
         const int result = m_opt->fputs(text, m_file);
-        if (result != -1) {
-            advance(strlen(text));
-            growToPosition();
+        if (result == -1) {
+            m_isCounted = false;
+            return result;
         }
+        advance(strlen(text));
+        growToPosition();
         return result;
     }
 
@@ -192,9 +218,7 @@ struct OpenFile
         if (written < 1) {
             return written;
         }
-        if (m_opt == FileDefaultOpt::instance()) {
-            FileDefaultOpt::forgetOffset(stream);
-        }
+        m_isCounted = false;
         advance(static_cast<size_t>(written));
         growToPosition();
         return written;
@@ -215,15 +239,23 @@ struct OpenFile
     }
 };
 
-struct FileInternal : OpenFile<uint32_t>
+template <>
+void OpenFile<uint32_t>::learnPosition()
 {
-    void learnPosition() { setPosition(m_opt->ftell(m_file)); }
-};
+    setPosition(m_opt->ftell(m_file));
+}
+
+template <>
+void OpenFile<uint64_t>::learnPosition()
+{
+    setPosition(m_opt->ftell64(m_file));
+}
+
+struct FileInternal : OpenFile<uint32_t>
+{};
 
 struct LfsFileInternal : OpenFile<uint64_t>
-{
-    void learnPosition() { setPosition(m_opt->ftell64(m_file)); }
-};
+{};
 
 namespace
 {
@@ -363,8 +395,7 @@ long CFile::write(void* pBuffer, size_t dwCount)
                        static_cast<unsigned>(dwCount), static_cast<unsigned>(count), error,
                        errorText(error));
     }
-    m_internal->learnPosition();
-    m_internal->growToPosition();
+    m_internal->noteWritten(count, count == dwCount);
     return static_cast<long>(count);
 }
 
@@ -589,8 +620,7 @@ int64_t CLfsFile::write(void* pBuffer, int64_t dwCount)
         }
         done += static_cast<int64_t>(count);
     }
-    m_internal->learnPosition();
-    m_internal->growToPosition();
+    m_internal->noteWritten(static_cast<size_t>(done), done == dwCount);
     return done;
 }
 

@@ -222,11 +222,6 @@ FILE* streamOf(FileHandle file)
     return (static_cast<unsigned>(flags) & magicMask) == magic ? own(file) : nullptr;
 }
 
-void FileDefaultOpt::forgetOffset(FILE* stream)
-{
-    stream->_offset = -1;
-}
-
 FileHandle FileDefaultOpt::fopen(const char* path, const char* mode)
 {
     INFRA_ASSERT_TEXT(mode != nullptr, "mode != NULL");
@@ -246,9 +241,6 @@ FileHandle FileDefaultOpt::fopen(const char* path, const char* mode)
     } else {
         streamBuffers().give(stream);
     }
-    if (!streamMode.appends()) {
-        (void)::fseek(stream, 0, SEEK_CUR);
-    }
     return stream;
 }
 
@@ -261,7 +253,7 @@ int FileDefaultOpt::fclose(FileHandle file)
 /// A stream remembers that it met the end, although the file may have grown since.
 static void forgetEnd(FILE* stream)
 {
-    if (feof(stream) != 0) {
+    if (feof_unlocked(stream) != 0) {
         clearerr(stream);
     }
 }

@@ -52,11 +52,6 @@ inline const char* errorText(int error)
 ///
 /// Streams have buffers of 16 KB, which the system library does not offer (it takes the size for a
 /// hint and allocates a block of the file), so they are allocated here and freed with the stream.
-///
-/// The position of a stream is asked for after every write, and the system library asks the kernel
-/// as long as it does not know where the descriptor stands. So it is told at the opening, by a seek
-/// to where it is, and keeps count from then on; forgetOffset() undoes that. Streams that append are
-/// left alone: their position is 0 until the first write, and the end of the file after each.
 class FileDefaultOpt : public IFileSystem
 {
 public:
@@ -85,9 +80,6 @@ public:
     size_t writev(int fildes, const io_vec* iov, int iovcnt) override;
     int fseek64(FileHandle file, int64_t offset, int whence) override;
     int64_t ftell64(FileHandle file) override;
-
-    /// The descriptor of `stream` was moved without its knowledge.
-    static void forgetOffset(FILE* stream);
 
 private:
     friend class TSingleton<FileDefaultOpt>;
