@@ -25,6 +25,7 @@
 #include <iterator>
 #include <string>
 
+#include <Infra/Infra3/File.h>
 #include <Infra/Infra3/PrintLog.h>
 #include <Infra/Infra3/Semaphore.h>
 #include <Infra/Infra3/ThreadLite.h>
@@ -35,7 +36,9 @@
 #include <Memory/PacketManager.h>
 
 #include "HandOver.h"
+#include "RotatingLog.h"
 
+using Tarsel::Infra::CFile;
 using Tarsel::Infra::CThreadLite;
 using Tarsel::Infra::CThreadManager;
 using Tarsel::Infra::CTime;
@@ -84,6 +87,7 @@ struct Counters
 };
 
 /// Shows the first complaint about a dry pool, which is wanted here, and only counts the others.
+/// They and the lines about single pieces are in the log file.
 class CPrinter
 {
 public:
@@ -91,7 +95,8 @@ public:
     {
         const bool aboutPool =
             strstr(text, "No Free Space") != nullptr || strstr(text, "NO enough") != nullptr;
-        if (aboutPool && m_complaints++ >= 2) {
+        const bool aboutPiece = strstr(text, "]wrote piece ") != nullptr;
+        if (aboutPiece || (aboutPool && m_complaints++ >= 2)) {
             return;
         }
         fputs(text, stdout);
@@ -105,7 +110,7 @@ private:
 class CReader
 {
 public:
-    CReader(std::ifstream& file, CHandOver& handOver, Counters& counters)
+    CReader(CFile& file, CHandOver& handOver, Counters& counters)
         : m_file(file), m_handOver(handOver), m_counters(counters), m_timer("reader")
     {}
     ~CReader() { stop(); }
@@ -139,16 +144,12 @@ private:
     /// Reads the next piece into `packet`; false at the end of the file.
     bool fill(CPacket& packet)
     {
-        m_file.read(reinterpret_cast<char*>(packet.getBuffer()), pieceSize);
-        const size_t count = static_cast<size_t>(m_file.gcount());
-        if (m_file.bad()) {
-            m_counters.failed = true;
-        }
-        if (count == 0) {
+        const long count = m_file.read(packet.getBuffer(), pieceSize);
+        if (count <= 0) {
             return false;
         }
-        packet.resize(count);
-        const PieceHead head = {m_sequence, checksumOf(packet.getBuffer(), count)};
+        packet.resize(static_cast<size_t>(count));
+        const PieceHead head = {m_sequence, checksumOf(packet.getBuffer(), packet.size())};
         memcpy(packet.getExtraData(), &head, sizeof(head));
         ++m_sequence;
         return true;
@@ -160,7 +161,7 @@ private:
         m_counters.lowWater = std::min<size_t>(m_counters.lowWater, free);
     }
 
-    std::ifstream& m_file;
+    CFile& m_file;
     CHandOver& m_handOver;
     Counters& m_counters;
     std::atomic<uint64_t> m_sequence{0};
@@ -172,7 +173,7 @@ private:
 class CWriter
 {
 public:
-    CWriter(std::ofstream& copy, CHandOver& handOver, Counters& counters)
+    CWriter(CFile& copy, CHandOver& handOver, Counters& counters)
         : m_copy(copy),
           m_handOver(handOver),
           m_counters(counters),
@@ -209,17 +210,18 @@ private:
                      static_cast<unsigned long long>(head.sequence));
             return false;
         }
-        if (!m_copy.write(reinterpret_cast<const char*>(packet.getBuffer()),
-                          static_cast<std::streamsize>(packet.size()))) {
+        if (m_copy.write(packet.getBuffer(), packet.size()) != static_cast<long>(packet.size())) {
             logError("the copy cannot be written\n");
             return false;
         }
         m_counters.bytes += packet.size();
         ++m_counters.packets;
+        logInfo("wrote piece %llu, %zu bytes\n", static_cast<unsigned long long>(head.sequence),
+                packet.size());
         return true;
     }
 
-    std::ofstream& m_copy;
+    CFile& m_copy;
     CHandOver& m_handOver;
     Counters& m_counters;
     CThreadLite m_thread;
@@ -310,20 +312,18 @@ void waitForEnd(const CReader& reader, const Counters& counters)
 
 bool flow(const std::string& from, const std::string& to, Counters& counters)
 {
-    std::ifstream file(from, std::ios::binary);
-    std::ofstream copy(to, std::ios::binary | std::ios::trunc);
-    if (!file || !copy) {
-        fprintf(stderr, "Flow: cannot open %s\n", (file ? to : from).c_str());
+    CFile file;
+    CFile copy;
+    if (!file.open(from.c_str(), CFile::modeRead) || !copy.open(to.c_str(), CFile::modeWrite)) {
+        fprintf(stderr, "Flow: cannot open %s\n", (file.isOpen() ? to : from).c_str());
         return false;
     }
-    std::error_code unknownSize;
-    const uint64_t size = std::filesystem::file_size(from, unknownSize);
 
     configurePool();
     CHandOver handOver(handOverPlaces);
     CReader reader(file, handOver, counters);
     CWriter writer(copy, handOver, counters);
-    CProgress progress(counters, unknownSize ? 0 : size);
+    CProgress progress(counters, file.getLength());
     // The writer starts late, so that the pool runs dry at least once.
     const bool reading = reader.start();
     while (reading && !reader.done() && counters.dryTicks == 0) {
@@ -338,8 +338,8 @@ bool flow(const std::string& from, const std::string& to, Counters& counters)
     showTables();
     reader.stop();
     writer.stop();
-    copy.flush();
-    return copy.good() && !counters.failed;
+    copy.close(); // what the disk had no room for is missing when the copies are compared
+    return !counters.failed;
 }
 
 /// Prints the summary. True when the run was what it should be.
@@ -377,11 +377,13 @@ int main(int argc, char** argv)
 
     CPrinter printer;
     Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc(&CPrinter::print, &printer));
+    const CRotatingLog log(temporary + "-log");
     Counters counters;
     const auto begin = std::chrono::steady_clock::now();
     bool good = flow(from, to, counters);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
     good = good && report(from, to, counters, seconds.count());
+    log.showFiles();
     if (argc == 2) {
         std::error_code ignored;
         std::filesystem::remove(temporary, ignored);

@@ -8,7 +8,7 @@
 
 #include <Infra/Infra3/PrintLog.h>
 
-/// Every line of the process goes to files of 16 KiB as well, of which the last and three older ones
+/// Every line of the process goes to files of 4 KiB as well, of which the last and three older ones
 /// stay, in a temporary folder. The folder is removed at the end.
 class CRotatingLog
 {
@@ -16,7 +16,7 @@ public:
     explicit CRotatingLog(const std::string& folder) : m_folder(folder)
     {
         std::filesystem::create_directory(m_folder);
-        command("-logsavesetting", "bysize", "16", "3");
+        command("-logsavesetting", "bysize", "4", "3");
         command("-logpath", path().c_str());
     }
     ~CRotatingLog()

@@ -402,7 +402,7 @@ void CLogFile::rotateLocked(const LogDate& today)
 }
 
 /// Renames the file by `date`, closes it and removes an old one if there are too many.
-CLogFile::Moved CLogFile::moveAwayLocked(const LogDate& date)
+CLogFile::Moved CLogFile::moveAwayLocked(LogDate date)
 {
     const CFlagged moving(m_moving);
     const std::string path = m_path;

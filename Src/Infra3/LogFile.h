@@ -112,7 +112,7 @@ private:
     bool mayRotateLocked() const;
     void emptyLocked();
     void rotateLocked(const LogDate& today);
-    Moved moveAwayLocked(const LogDate& date);
+    Moved moveAwayLocked(LogDate date);
     void limitOldFilesLocked();
     /// Lets the lock go for as long as `question` runs if a file system is hooked.
     template <typename Question>

@@ -1,0 +1,874 @@
+// Files on the system and on a file system in memory, and which of the two a path goes to.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Examples/MemoryFiles/MemoryFileSystem.h"
+#include "Infra/File.h"
+#include "Infra/Infra3/File.h"
+#include "Infra/Infra3/FileFind.h"
+#include "Infra/Infra3/PrintLog.h"
+#include "Support/ChildProcess.h"
+#include "Support/LogCapture.h"
+#include "Support/TemporaryFolder.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+namespace
+{
+
+using TestSupport::CLogCapture;
+using TestSupport::contentOf;
+using TestSupport::CTemporaryFolder;
+using TestSupport::setContent;
+namespace fs = std::filesystem;
+
+constexpr const char* announcement =
+    "info|hookFileSystem called!, CFile/CLfsFile member function may be hooked!\n";
+
+std::string pointer(const void* object)
+{
+    char text[32];
+    snprintf(text, sizeof(text), "%p", object);
+    return text;
+}
+
+/// What was logged, the last message of which has no line end; the next one begins a line again.
+std::string unended(CLogCapture& log)
+{
+    const std::string text = log.takeLeveled();
+    logWarn("\n");
+    log.clear();
+    return text;
+}
+
+/// Hooks a file system for as long as it lives.
+class CHook
+{
+public:
+    CHook(const std::string& prefix, IFileSystem& fileSystem) : m_prefix(prefix)
+    {
+        hookFileSystem(m_prefix.c_str(), &fileSystem);
+    }
+    ~CHook() { hookFileSystem(m_prefix.c_str(), nullptr); }
+
+private:
+    const std::string m_prefix;
+};
+
+/// Notes the calls that are made.
+class CNotingFileSystem : public CMemoryFileSystem
+{
+public:
+    using CMemoryFileSystem::CMemoryFileSystem;
+
+    FileHandle fopen(const char* path, const char* mode) override
+    {
+        calls += std::string("fopen(") + mode + ") ";
+        return CMemoryFileSystem::fopen(path, mode);
+    }
+    size_t fwrite(const void* buffer, size_t size, size_t n, FileHandle file) override
+    {
+        calls += "fwrite ";
+        return CMemoryFileSystem::fwrite(buffer, size, n, file);
+    }
+    int fseek(FileHandle file, long offset, int whence) override
+    {
+        calls += "fseek ";
+        return CMemoryFileSystem::fseek(file, offset, whence);
+    }
+    long ftell(FileHandle file) override
+    {
+        calls += "ftell ";
+        return CMemoryFileSystem::ftell(file);
+    }
+    int stat(const char* path, FileInfo& info) override
+    {
+        calls += "stat ";
+        const int result = CMemoryFileSystem::stat(path, info);
+        info.size += surplus;
+        return result;
+    }
+
+    std::string calls;
+    uint64_t surplus = 0; ///< what stat() says too much
+};
+
+template <typename File>
+class StreamTest : public testing::Test
+{
+protected:
+    CTemporaryFolder folder;
+    CLogCapture log;
+    File file;
+    char bytes[64] = {};
+
+    bool open(const std::string& path, uint32_t flags) { return file.open(path.c_str(), flags); }
+    long write(const std::string& text)
+    {
+        std::string copy = text;
+        return file.write(copy.data(), static_cast<long>(copy.size()));
+    }
+    std::string read(size_t size)
+    {
+        std::string text(size, '\0');
+        const long count = file.read(text.data(), static_cast<long>(size));
+        return count < 0 ? "closed" : text.substr(0, static_cast<size_t>(count));
+    }
+    /// "position/length"
+    std::string place() { return std::to_string(file.getPosition()) + "/" + length(); }
+    std::string length() { return std::to_string(file.getLength()); }
+};
+
+typedef testing::Types<CFile, CLfsFile> Files;
+TYPED_TEST_SUITE(StreamTest, Files);
+
+struct OpenCase
+{
+    uint32_t flags;
+    const char* before;  ///< null: no file
+    const char* place;   ///< after opening; null: refused
+    const char* written; ///< after two bytes; null: refused
+    const char* after;   ///< content in the end
+};
+
+TYPED_TEST(StreamTest, AccessModesDecideWhatIsMadeKeptAndAppendedTo)
+{
+    const uint32_t create = CFile::modeCreate;
+    const uint32_t keep = CFile::modeNoTruncate;
+    const uint32_t readWrite = CFile::modeReadWrite;
+    const OpenCase cases[] = {
+        {CFile::modeRead, nullptr, nullptr, nullptr, ""},
+        {CFile::modeRead, "abcdef", "0/6", nullptr, "abcdef"},
+        {CFile::modeRead | create, "abcdef", "0/6", nullptr, "abcdef"},
+        {CFile::modeWrite, nullptr, "0/0", "2/2", "XY"},
+        {CFile::modeWrite, "abcdef", "0/0", "2/2", "XY"},
+        {CFile::modeWrite | keep, "abcdef", "0/6", "8/8", "abcdefXY"},
+        {readWrite, nullptr, nullptr, nullptr, ""},
+        {readWrite, "abcdef", "0/6", "2/6", "XYcdef"},
+        {readWrite | keep | CFile::shareDenyWrite | CFile::typeText, "abcdef", "0/6", "2/6",
+         "XYcdef"},
+        {readWrite | create, nullptr, "0/0", "2/2", "XY"},
+        {readWrite | create, "abcdef", "0/0", "2/2", "XY"},
+        {readWrite | create | keep, nullptr, "0/0", "2/2", "XY"},
+        {readWrite | create | keep, "abcdef", "0/6", "8/8", "abcdefXY"},
+    };
+    for (const OpenCase& one : cases) {
+        const std::string path = this->folder.path("file");
+        fs::remove(path);
+        if (one.before != nullptr) {
+            setContent(path, one.before);
+        }
+        SCOPED_TRACE(testing::Message() << one.flags << (one.before ? one.before : " missing"));
+        ASSERT_EQ(this->open(path, one.flags), one.place != nullptr);
+        EXPECT_EQ(this->file.isOpen(), one.place != nullptr);
+        if (one.place != nullptr) {
+            EXPECT_EQ(this->place(), one.place);
+            EXPECT_EQ(this->write("XY"), one.written == nullptr ? 0 : 2);
+            EXPECT_EQ(this->place(), one.written == nullptr ? one.place : one.written);
+        }
+        this->file.close();
+        EXPECT_EQ(contentOf(path), one.after);
+    }
+    unended(this->log);
+}
+
+TYPED_TEST(StreamTest, UnknownAccessModesAreRefusedWithAMessage)
+{
+    const std::string path = this->folder.path("file");
+    setContent(path, "abc");
+    const std::string name = std::is_same<TypeParam, CFile>::value ? "CFile" : "CLfsFile";
+    for (const uint32_t mode : {3U, 4U, 15U}) {
+        ASSERT_TRUE(this->open(path, CFile::modeRead));
+        EXPECT_FALSE(this->open(path, mode));
+        EXPECT_FALSE(this->file.isOpen());
+        EXPECT_EQ(this->log.takeLeveled(), std::string("error|this:") + pointer(&this->file) + " " +
+                                               name + "::open() dwFlags:" + std::to_string(mode) +
+                                               " is invalid\n");
+    }
+}
+
+TYPED_TEST(StreamTest, AClosedFileAnswersWithoutAFile)
+{
+    io_vec vector = {this->bytes, 1};
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(this->file.read(this->bytes, 1), -1);
+        EXPECT_EQ(this->file.write(this->bytes, 1), -1);
+        EXPECT_EQ(this->file.writev(&vector, 1), -1);
+        EXPECT_EQ(this->file.seek(1, TypeParam::begin), 0);
+        EXPECT_EQ(this->place(), "0/0");
+        EXPECT_EQ(this->file.puts("x"), 0);
+        EXPECT_EQ(this->file.gets(this->bytes, 8), nullptr);
+        EXPECT_FALSE(this->file.setvbuf(nullptr, TypeParam::IONBF, 0));
+        EXPECT_FALSE(this->file.resv1() || this->file.resv2() || this->file.resv3() ||
+                     this->file.resv4());
+        this->file.flush();
+        this->file.close();
+        this->file.unload();
+        EXPECT_EQ(this->log.takeLeveled(),
+                  "warn|CFile::setvbuf failed, file has not been opened!\n");
+        ASSERT_TRUE(this->open(this->folder.path("file"), CFile::modeWrite)); // and closed again
+        this->file.close();
+    }
+}
+
+/// Every operation, with position and length after it: the same on the system and in memory.
+TYPED_TEST(StreamTest, PositionsAndLengthsOfAWholeSession)
+{
+    CMemoryFileSystem memory("/memory", 1 << 20);
+    const CHook hook("/memory", memory);
+    for (const std::string& path : {this->folder.path("file"), std::string("/memory/file")}) {
+        SCOPED_TRACE(path);
+        TypeParam& file = this->file;
+        ASSERT_TRUE(this->open(path, CFile::modeReadWrite | CFile::modeCreate));
+        EXPECT_EQ(this->write("one\ntwo\nthree\n"), 14);
+        EXPECT_EQ(this->place(), "14/14");
+        EXPECT_EQ(file.seek(4, TypeParam::begin), 4);
+        EXPECT_STREQ(file.gets(this->bytes, 64), "two\n");
+        EXPECT_EQ(this->place(), "8/14");
+        EXPECT_STREQ(file.gets(this->bytes, 4), "thr");
+        EXPECT_EQ(file.seek(0, TypeParam::current), 11);
+        EXPECT_EQ(file.seek(-2, TypeParam::current), 9);
+        EXPECT_EQ(file.seek(-100, TypeParam::current), 0); // refused
+        EXPECT_EQ(this->place(), "9/14");
+        EXPECT_EQ(file.seek(-3, TypeParam::end), 11);
+        EXPECT_EQ(this->read(64), "ee\n");
+        EXPECT_EQ(this->read(64), "");
+        EXPECT_EQ(file.gets(this->bytes, 64), nullptr);
+        EXPECT_EQ(this->place(), "14/14");
+        EXPECT_EQ(file.seek(0, TypeParam::end), 14);
+        EXPECT_GE(file.puts("four\n"), 0);
+        EXPECT_EQ(this->place(), "19/19");
+        file.flush();
+        EXPECT_EQ(file.seek(1, TypeParam::begin), 1);
+        EXPECT_EQ(this->write("N"), 1);
+        EXPECT_EQ(this->place(), "2/19");
+        EXPECT_EQ(file.seek(30, TypeParam::begin), 30); // a gap, filled with zeros
+        EXPECT_EQ(this->write("!"), 1);
+        EXPECT_EQ(this->place(), "31/31");
+
+        const std::string other = path + "2";
+        EXPECT_TRUE(TypeParam::rename(path.c_str(), other.c_str()));
+        uint8_t* const loaded = file.load(other.c_str());
+        ASSERT_NE(loaded, nullptr);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(loaded), 31),
+                  std::string("oNe\ntwo\nthree\nfour\n") + std::string(11, '\0') + "!");
+        EXPECT_EQ(this->place(), "31/31");
+        EXPECT_EQ(file.load("/no/such/file"), loaded);
+        file.unload();
+        EXPECT_FALSE(file.isOpen());
+        EXPECT_TRUE(TypeParam::remove(other.c_str()));
+        EXPECT_EQ(file.load(other.c_str()), nullptr);
+    }
+    EXPECT_EQ(memory.openHandles(), 0);
+}
+
+/// What is counted must be what the stream would say, whatever was done to it.
+TYPED_TEST(StreamTest, CountedPositionsAreThoseOfAStreamThatIsAsked)
+{
+    std::mt19937 random(7);
+    const std::string text("ab\nc\0d", 6);
+    ASSERT_TRUE(this->open(this->folder.path("file"), CFile::modeReadWrite | CFile::modeCreate));
+    const std::unique_ptr<FILE, int (*)(FILE*)> asked(
+        ::fopen(this->folder.path("asked").c_str(), "wb+"), fclose);
+    for (int step = 0; step < 3000; ++step) {
+        const long number = static_cast<long>(random() % 30000);
+        switch (random() % 6) {
+        case 0:
+            this->file.seek(number, TypeParam::begin);
+            fseek(asked.get(), number, SEEK_SET);
+            break;
+        case 1:
+            this->file.seek(-(number % 5), TypeParam::end);
+            fseek(asked.get(), -(number % 5), SEEK_END);
+            break;
+        case 2: {
+            std::string line(8, '\0');
+            this->file.seek(number % 50, TypeParam::begin);
+            this->file.gets(line.data(), 8);
+            fseek(asked.get(), number % 50, SEEK_SET);
+            (void)fgets(line.data(), 8, asked.get());
+            this->file.flush(); // a read may be followed by a write after this
+            fseek(asked.get(), 0, SEEK_CUR);
+            break;
+        }
+        default: {
+            std::string record;
+            while (record.size() < static_cast<size_t>(number % 300)) {
+                record += text;
+            }
+            this->write(record);
+            fwrite(record.data(), 1, record.size(), asked.get());
+        }
+        }
+        ASSERT_EQ(static_cast<long>(this->file.getPosition()), ftell(asked.get())) << step;
+    }
+    this->file.close();
+    fflush(asked.get());
+    EXPECT_EQ(contentOf(this->folder.path("file")), contentOf(this->folder.path("asked")));
+}
+
+TYPED_TEST(StreamTest, AStreamWritesSixteenKilobytesAtOnce)
+{
+    const std::string path = this->folder.path("file");
+    ASSERT_TRUE(this->open(path, CFile::modeWrite));
+    this->write(std::string(16383, 'x'));
+    EXPECT_EQ(fs::file_size(path), 0U);
+    this->write("yz");
+    EXPECT_EQ(fs::file_size(path), 16384U);
+    EXPECT_EQ(this->place(), "16385/16385");
+    ASSERT_TRUE(this->file.setvbuf(nullptr, TypeParam::IOLBF, 4096)); // writes what is there
+    this->file.puts("line\n");
+    EXPECT_EQ(fs::file_size(path), 16390U);
+}
+
+TYPED_TEST(StreamTest, WhatAFileHasGrownByIsRead)
+{
+    const std::string path = this->folder.path("file");
+    setContent(path, "one\n");
+    ASSERT_TRUE(this->open(path, CFile::modeRead));
+    EXPECT_EQ(this->read(64), "one\n");
+    EXPECT_EQ(this->read(64), "");
+    std::ofstream(path, std::ios::app) << "two\nthree\n";
+    EXPECT_STREQ(this->file.gets(this->bytes, 64), "two\n");
+    EXPECT_EQ(this->read(64), "three\n");
+    EXPECT_EQ(this->place(), "14/4"); // the length is that of opening
+}
+
+TYPED_TEST(StreamTest, VectorsPassTheBufferBy)
+{
+    char first[] = "CD";
+    char second[] = "EFG";
+    const io_vec vector[] = {{first, 2}, {second, 3}};
+    const std::string path = this->folder.path("file");
+    ASSERT_TRUE(this->open(path, CFile::modeWrite));
+    this->write("ab");
+    EXPECT_EQ(this->file.writev(vector, 2), 5);
+    EXPECT_EQ(this->place(), "7/7");
+    EXPECT_EQ(contentOf(path), "CDEFG");
+    this->write("h");
+    EXPECT_EQ(this->place(), "8/8");
+    EXPECT_EQ(this->file.writev(vector, -1), -1);
+    this->file.close();
+    EXPECT_EQ(contentOf(path), "CDEFGabh");
+
+    CMemoryFileSystem memory("/memory", 1 << 20); // its handles are no streams of the system
+    const CHook hook("/memory", memory);
+    ASSERT_TRUE(this->open("/memory/file", CFile::modeWrite));
+    this->log.clear();
+    EXPECT_EQ(this->file.writev(vector, 2), 0);
+    EXPECT_FALSE(this->file.setvbuf(nullptr, TypeParam::IONBF, 0));
+    EXPECT_EQ(this->log.takeLeveled(), "warn|CFile::setvbuf failed\n");
+    this->file.close();
+}
+
+TYPED_TEST(StreamTest, AFileThatIsShorterThanItSaysIsNotLoaded)
+{
+    CNotingFileSystem memory("/memory", 1 << 20);
+    const CHook hook("/memory", memory);
+    this->open("/memory/file", CFile::modeWrite);
+    this->write("0123456789");
+    memory.surplus = 2;
+    this->log.clear();
+    EXPECT_EQ(this->file.load("/memory/file"), nullptr);
+    EXPECT_FALSE(this->file.isOpen());
+    const std::string self = std::string("warn|this:") + pointer(&this->file);
+    const bool is32 = std::is_same<TypeParam, CFile>::value;
+    const std::string expected =
+        is32 ? self + " CFile::load() length:12, ret:10, errmsg:Success\n"
+             : self + " fread get error, total:12 has read:10, expected:2 return actuallen:0\n" +
+                   self + " CLfsFile::load() length:12, ret:10, errmsg:Success\n";
+    EXPECT_EQ(this->log.takeLeveled(), expected);
+    memory.surplus = 0;
+    this->open("/memory/file", CFile::modeWrite);
+    EXPECT_EQ(this->file.load("/memory/file"), nullptr); // empty
+    EXPECT_TRUE(this->file.isOpen());
+    this->file.close();
+}
+
+TYPED_TEST(StreamTest, ADirectoryIsNoFile)
+{
+    ASSERT_TRUE(this->open(this->folder.path(), CFile::modeRead)); // as the system has it
+    EXPECT_EQ(this->read(64), "");
+    const TestSupport::ChildResult child = TestSupport::runInChild([this] {
+        EXPECT_EQ(this->file.load(this->folder.path().c_str()), nullptr);
+        EXPECT_TRUE(this->log.contains("errmsg:Is a directory\n")) << this->log.text();
+    });
+    EXPECT_TRUE(child.succeeded()) << child.report();
+    EXPECT_NE(child.output.find(this->folder.path()), std::string::npos) << "where it leads to";
+    EXPECT_FALSE(this->open(this->folder.path(), CFile::modeReadWrite));
+}
+
+TYPED_TEST(StreamTest, PathsThatNameNothingAreRefused)
+{
+    FileInfo info = {};
+    info.size = 7;
+    uint64_t numbers[3] = {1, 2, 3};
+    const std::string longPaths[] = {"", std::string(255, 'x'), std::string(256, 'x'),
+                                     std::string(4096, 'x'), std::string(255, 'y') + "/z"};
+    std::vector<const char*> paths = {nullptr};
+    for (const std::string& path : longPaths) {
+        paths.push_back(path.c_str());
+    }
+    for (const char* path : paths) {
+        SCOPED_TRACE(path == nullptr ? "null" : path);
+        EXPECT_FALSE(this->file.open(path, CFile::modeRead));
+        EXPECT_EQ(this->file.load(path), nullptr);
+        EXPECT_FALSE(TypeParam::rename(path, "/tmp/x"));
+        EXPECT_FALSE(TypeParam::remove(path));
+        EXPECT_FALSE(TypeParam::removeDirectory(path));
+        EXPECT_FALSE(TypeParam::access(path, F_OK));
+        EXPECT_FALSE(TypeParam::stat(path, info));
+        EXPECT_FALSE(TypeParam::statFS(path, numbers[0], numbers[1], numbers[2]));
+        EXPECT_FALSE(CFile::removeDirectoryRecursively(path, true));
+    }
+    unended(this->log);
+    EXPECT_FALSE(TypeParam::makeDirectory(nullptr));
+    EXPECT_FALSE(TypeParam::rename("/tmp/x", nullptr));
+    EXPECT_EQ(info.size, 7U);
+    EXPECT_EQ(numbers[0] + numbers[1] + numbers[2], 0U);
+}
+
+TYPED_TEST(StreamTest, StaticOperationsTellWhatTheSystemDoes)
+{
+    const std::string path = this->folder.path("file %s\n");
+    setContent(path, "12345");
+    chmod(path.c_str(), 0640);
+    FileInfo info = {};
+    struct stat status = {};
+    ASSERT_TRUE(TypeParam::stat(path.c_str(), info));
+    ::stat(path.c_str(), &status);
+    EXPECT_STREQ(info.name, path.c_str());
+    EXPECT_EQ(info.attrib, 0100640);
+    EXPECT_EQ(info.size, 5U);
+    EXPECT_EQ(info.timeWrite, static_cast<uint64_t>(status.st_mtime));
+    EXPECT_TRUE(TypeParam::access(path.c_str(), R_OK));
+    uint64_t user = 0;
+    uint64_t total = 0;
+    uint64_t free = 0;
+    EXPECT_TRUE(TypeParam::statFS(path.c_str(), user, total, free));
+    EXPECT_TRUE(user <= free && free <= total && total > 0);
+}
+
+TEST(FileTest, AFullDiskAndAReadOnlyFileAreNamedInAMessage)
+{
+    CLogCapture log;
+    CFile file;
+    CLfsFile large;
+    std::string block(20000, 'x');
+    ASSERT_TRUE(file.open("/dev/full", CFile::modeWrite));
+    EXPECT_LT(file.write(block.data(), block.size()), 20000);
+    EXPECT_THAT(
+        log.takeLeveled(),
+        testing::MatchesRegex("warn.fwrite failed, expected:20000, actual:[0-9]+, errno:28, "
+                              "errmsg:No space left on device\n"));
+    ASSERT_TRUE(file.open("/dev/null", CFile::modeRead));
+    EXPECT_EQ(file.write(block.data(), 3), 0);
+    EXPECT_EQ(log.takeLeveled(),
+              "warn|fwrite failed, expected:3, actual:0, errno:9, errmsg:Bad file "
+              "descriptor\n");
+    ASSERT_TRUE(large.open("/dev/null", CFile::modeRead));
+    const std::string self = std::string("warn|this:") + pointer(&large);
+    EXPECT_EQ(large.write(block.data(), 3), 0);
+    EXPECT_EQ(unended(log),
+              self + " fwrite get error, total:3 has write:0,expected:3 return actuallen:0");
+    EXPECT_EQ(large.read(block.data(), 3), 0);
+    EXPECT_EQ(large.read(block.data(), -3), 0);
+    EXPECT_EQ(large.gets(block.data(), 1LL << 31), nullptr);
+    log.take();
+    EXPECT_EQ(large.read(block.data(), 0), 0);
+    EXPECT_EQ(log.takeLeveled(), "");
+}
+
+TEST(FileTest, ALargeFileGoesPastFourGigabytes)
+{
+    constexpr int64_t far = (5LL << 30) + 7;
+    char byte = 'x';
+    const CTemporaryFolder folder;
+    const std::string path = folder.path("sparse");
+    CLfsFile large;
+    ASSERT_TRUE(large.open(path.c_str(), CFile::modeReadWrite | CFile::modeCreate));
+    EXPECT_EQ(large.seek(far, CLfsFile::begin), far);
+    EXPECT_EQ(large.write(&byte, 1), 1);
+    EXPECT_EQ(large.getLength(), far + 1);
+    EXPECT_EQ(large.seek(-1, CLfsFile::end), far);
+    byte = 0;
+    EXPECT_EQ(large.read(&byte, 1), 1);
+    EXPECT_EQ(byte, 'x');
+    large.close();
+
+    CFile file; // half of it is lost, the byte is still found
+    ASSERT_TRUE(file.open(path.c_str(), CFile::modeRead));
+    EXPECT_EQ(file.getLength(), (1U << 30) + 8);
+    EXPECT_EQ(file.seek(far, CFile::begin), (1U << 30) + 7);
+    EXPECT_EQ(file.read(&byte, 1), 1);
+    file.close();
+    ASSERT_EQ(truncate(path.c_str(), 4LL << 30), 0);
+    EXPECT_EQ(file.load(path.c_str()), nullptr); // a length of 0
+}
+
+/// The descriptor that leads to `path`.
+int descriptorOf(const std::string& path)
+{
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (fs::read_symlink(entry.path(), gone) == path) {
+            return std::stoi(entry.path().filename());
+        }
+    }
+    return -1;
+}
+
+TEST(FileTest, InheritanceAndTheCacheArePassedOnToTheSystem)
+{
+    const CTemporaryFolder folder;
+    const std::string path = folder.path("file");
+    CFile file;
+    ASSERT_TRUE(file.open(path.c_str(), CFile::modeWrite | CFile::modeNoInherit));
+    EXPECT_EQ(fcntl(descriptorOf(path), F_GETFD), FD_CLOEXEC);
+    ASSERT_TRUE(file.open(path.c_str(), CFile::modeWrite));
+    EXPECT_EQ(fcntl(descriptorOf(path), F_GETFD), 0);
+    EXPECT_EQ(fcntl(descriptorOf(path), F_GETFL) & O_DIRECT, 0);
+    if (file.open(path.c_str(), CFile::modeWrite | CFile::osNoBuffer)) { // not everywhere
+        EXPECT_NE(fcntl(descriptorOf(path), F_GETFL) & O_DIRECT, 0);
+    }
+    CLfsFile large;
+    ASSERT_TRUE(large.open(path.c_str(), CFile::modeWrite | CFile::osNoBuffer));
+    file.close();
+    EXPECT_EQ(fcntl(descriptorOf(path), F_GETFL) & O_DIRECT, 0);
+}
+
+TEST(FileTest, WhatIsBufferedAtTheProcesssEndIsWritten)
+{
+    const CTemporaryFolder folder;
+    TestSupport::inChild([&folder] {
+        static CFile destroyed;
+        static CFile* const left = new CFile;
+        char text[] = "text";
+        destroyed.open(folder.path("destroyed").c_str(), CFile::modeWrite);
+        left->open(folder.path("left").c_str(), CFile::modeWrite);
+        destroyed.write(text, 4);
+        left->write(text, 4);
+    });
+    EXPECT_EQ(contentOf(folder.path("destroyed")), "text");
+    EXPECT_EQ(contentOf(folder.path("left")), "text");
+}
+
+TEST(HookTest, AFileSystemIsAskedNoMoreThanNeeded)
+{
+    CLogCapture log;
+    CNotingFileSystem memory("/memory", 1 << 20);
+    const CHook hook("/memory", memory);
+    char text[] = "text";
+    CFile file;
+    file.open("/memory/a",
+              CFile::modeReadWrite | CFile::modeCreate | CFile::modeNoInherit | CFile::osNoBuffer);
+    EXPECT_EQ(memory.calls, "fopen(wb+ed) ftell ");
+    memory.calls.clear();
+    file.write(text, 4);
+    EXPECT_EQ(memory.calls, "fwrite ftell ");
+    memory.calls.clear();
+    EXPECT_EQ(file.seek(0, CFile::current) + file.seek(4, CFile::begin) + file.getLength(), 12U);
+    EXPECT_EQ(memory.calls, "");
+    file.seek(0, CFile::end);
+    EXPECT_EQ(memory.calls, "fseek ftell ");
+    file.open("/memory/a", CFile::modeRead);
+    EXPECT_EQ(memory.calls, "fseek ftell fopen(rb) ftell stat ");
+}
+
+/// "1" for the first, "2" for the second, "-" for neither.
+std::string ownerOf(const std::string& path, CMemoryFileSystem& first, CMemoryFileSystem& second)
+{
+    const int before[] = {first.openHandles(), second.openHandles()};
+    CFileFind finder;
+    finder.findFile(path.c_str());
+    if (first.openHandles() > before[0]) {
+        return "1";
+    }
+    return second.openHandles() > before[1] ? "2" : "-";
+}
+
+TEST(HookTest, TheLowestPlaceWhosePrefixFitsWins)
+{
+    CLogCapture log;
+    CMemoryFileSystem first("/memory/a", 1 << 20);
+    CMemoryFileSystem second("/memory/a", 1 << 20);
+    first.mkdir("/memory/a/b");
+    second.mkdir("/memory/a/b");
+    const auto owner = [&](const char* path) { return ownerOf(path, first, second); };
+
+    EXPECT_EQ(owner("/memory/a/b"), "-");
+    hookFileSystem("/memory/a/b", &first);
+    hookFileSystem("/memory/a", &second);
+    hookFileSystem("/memory/a/b", &second); // the same prefix again
+    EXPECT_EQ(owner("/memory/a/b") + owner("/memory/a"), "12");
+    hookFileSystem("/memory/a/b", nullptr); // the first of the two
+    EXPECT_EQ(owner("/memory/a/b"), "2");
+    hookFileSystem("/memory", &first); // into the place that is free
+    EXPECT_EQ(owner("/memory/a/b") + owner("/memory/a"), "11");
+    hookFileSystem("/memory", nullptr);
+    hookFileSystem("/memory/a/b", nullptr);
+    hookFileSystem("/memory/a/", nullptr); // not exactly
+    EXPECT_EQ(owner("/memory/a/b"), "2");
+    hookFileSystem("/memory/a", nullptr);
+    EXPECT_EQ(owner("/memory/a/b"), "-");
+    hookFileSystem(nullptr, &first);
+    hookFileSystem("", &first);
+    EXPECT_EQ(owner("/memory/a/b"), "-");
+    EXPECT_EQ(TestSupport::countOf(log.takeLeveled(), announcement), 11);
+}
+
+TEST(HookTest, ThereAre31PlacesFor255Characters)
+{
+    CLogCapture log;
+    CMemoryFileSystem memory("/memory", 1 << 20);
+    CMemoryFileSystem other("/memory", 1 << 20);
+    TestSupport::inChild([&] {
+        const std::string prefix = std::string("/") + std::string(254, 'p');
+        hookFileSystem((prefix + "cut").c_str(), &memory);
+        FileInfo info = {};
+        EXPECT_FALSE(CFile::stat((prefix + "/x").c_str(), info)); // memory has no such file
+        uint64_t size[3] = {};
+        EXPECT_TRUE(CFile::statFS((prefix + "x").c_str(), size[0], size[1], size[2]));
+        hookFileSystem((prefix + "cut").c_str(), nullptr); // longer than any that is kept
+        EXPECT_TRUE(CFile::statFS((prefix + "x").c_str(), size[0], size[1], size[2]));
+        for (int i = 2; i <= 32; ++i) {
+            hookFileSystem((std::string("/memory") + std::to_string(i) + "/").c_str(), &memory);
+        }
+        EXPECT_TRUE(CFile::statFS("/memory31/x", size[0], size[1], size[2]));
+        EXPECT_FALSE(CFile::statFS("/memory32/x", size[0], size[1], size[2]));
+    });
+}
+
+TEST(HookTest, WhatIsOpenStaysWithTheFileSystemThatOpenedIt)
+{
+    CLogCapture log;
+    CMemoryFileSystem memory("/memory", 1 << 20);
+    char text[] = "text";
+    CFile file;
+    CFileFind finder;
+    hookFileSystem("/memory", &memory);
+    file.open("/memory/file", CFile::modeWrite);
+    EXPECT_TRUE(finder.findFile("/memory/*"));
+    hookFileSystem("/memory", nullptr);
+    EXPECT_EQ(file.write(text, 4), 4);
+    EXPECT_TRUE(finder.findNextFile());
+    EXPECT_FALSE(CFile::access("/memory/file", F_OK));
+    EXPECT_EQ(memory.openHandles(), 2);
+    file.close();
+    finder.close();
+    EXPECT_EQ(memory.openHandles(), 0);
+}
+
+TEST(HookTest, HooksMayComeAndGoWhileOthersUseFiles)
+{
+    CLogCapture log;
+    const CTemporaryFolder folder;
+    CMemoryFileSystem memory("/memory", 1 << 20);
+    CHook lasting("/memory/", memory);
+    std::vector<std::thread> users;
+    for (int user = 0; user < 4; ++user) {
+        users.emplace_back([&folder, user] {
+            const std::string name = std::string("file") + std::to_string(user);
+            for (int i = 0; i < 200; ++i) {
+                char text[] = "text";
+                CFile system;
+                CFile inMemory;
+                ASSERT_TRUE(system.open(folder.path(name).c_str(), CFile::modeWrite));
+                ASSERT_TRUE(
+                    inMemory.open((std::string("/memory/") + name).c_str(), CFile::modeWrite));
+                EXPECT_EQ(system.write(text, 4) + inMemory.write(text, 4), 8);
+            }
+        });
+    }
+    for (int i = 0; i < 500; ++i) {
+        hookFileSystem("/memory", i % 2 == 0 ? &memory : nullptr);
+    }
+    for (std::thread& user : users) {
+        user.join();
+    }
+    EXPECT_EQ(contentOf(folder.path("file3")), "text");
+}
+
+TEST(HookTest, TablesOfFunctionsAreFileSystemsAndOutliveTheirHook)
+{
+    CLogCapture log;
+    FSOperations operations = {};
+    operations.fopen = [](const char*, const char*) -> FileHandle { return stdin; };
+    operations.ftell = [](FileHandle) { return 5L; };
+    operations.fclose = [](FileHandle) { return 0; };
+    operations.stat = [](const char*, FileInfo& info) { return info.size = 9, 0; };
+    hookFS("/table/", &operations);
+    operations = {}; // it was copied
+    hookFS(nullptr, &operations);
+
+    char byte = 'x';
+    const io_vec vector = {&byte, 1};
+    CFile file;
+    CLfsFile large;
+    ASSERT_TRUE(file.open("/table/file", CFile::modeRead));
+    hookFS("/table", nullptr); // not that one
+    ASSERT_TRUE(large.open("/table/file", CFile::modeRead));
+    hookFS("/table/", nullptr);
+    EXPECT_FALSE(CFile::access("/table/file", F_OK));
+    EXPECT_EQ(file.getPosition(), 5U);
+    EXPECT_EQ(large.getPosition(), 0); // no such operation in a table
+    EXPECT_EQ(large.getLength(), 9);
+    EXPECT_EQ(file.writev(&vector, 1), 0);
+    EXPECT_EQ(file.write(&byte, 1), 0); // left out
+    file.close();
+    large.close();
+
+    TestSupport::inChild([] {
+        const FSOperations none = {};
+        for (int i = 0; i < 33; ++i) {
+            hookFS((std::string("/table") + std::to_string(i)).c_str(), &none);
+        }
+        uint64_t size[3] = {1, 1, 1};
+        EXPECT_FALSE(CFile::statFS("/table30", size[0], size[1], size[2]));
+        EXPECT_EQ(size[0], 1U); // a table was asked
+        EXPECT_FALSE(CFile::statFS("/TABLE", size[0], size[1], size[2]));
+        EXPECT_EQ(size[0], 0U); // the system was
+    });
+}
+
+TEST(DirectoryTest, WholePathsAreMadeAndRemoved)
+{
+    CLogCapture log;
+    const CTemporaryFolder folder;
+    CMemoryFileSystem memory("/memory", 1 << 20);
+    const CHook hook("/memory", memory);
+    log.clear();
+    for (const std::string& root : {folder.path(), std::string("/memory")}) {
+        SCOPED_TRACE(root);
+        const std::string top = root + "/a";
+        const std::string bottom = top + "/b/c";
+        EXPECT_TRUE(CFile::makeDirectoryRecursively((bottom + "/").c_str()));
+        EXPECT_FALSE(CFile::makeDirectoryRecursively(bottom.c_str()));
+        for (const std::string& name : {top + "/one", bottom + "/two %d\n"}) {
+            CFile file;
+            EXPECT_TRUE(file.open(name.c_str(), CFile::modeWrite));
+        }
+        EXPECT_TRUE(CFile::removeDirectoryRecursively((top + "/*").c_str(), false));
+        EXPECT_TRUE(CFile::access(top.c_str(), F_OK));
+        EXPECT_FALSE(CFile::access((top + "/b").c_str(), F_OK));
+        EXPECT_TRUE(CFile::makeDirectoryRecursively(bottom.c_str()));
+        EXPECT_TRUE(CFile::removeDirectoryRecursively((top + "/").c_str(), true));
+        EXPECT_FALSE(CFile::access(top.c_str(), F_OK));
+        EXPECT_EQ(log.takeLeveled(), "");
+        EXPECT_FALSE(CFile::removeDirectoryRecursively(top.c_str(), true));
+        EXPECT_EQ(unended(log), "warn|the path does not exist");
+    }
+    EXPECT_FALSE(CFile::makeDirectoryRecursively("/"));
+    EXPECT_FALSE(CFile::makeDirectoryRecursively(""));
+    EXPECT_FALSE(CFile::removeDirectoryRecursively(nullptr, false));
+    EXPECT_EQ(unended(log), "warn|the path is unvalidthe path is unvalid");
+}
+
+TEST(DirectoryTest, LinksAreRemovedAndNeverFollowed)
+{
+    CLogCapture log;
+    const CTemporaryFolder folder;
+    const std::string kept = folder.path("kept");
+    const std::string tree = folder.path("tree");
+    fs::create_directories(kept + "/inside");
+    setContent(kept + "/file", "kept");
+    fs::create_directories(tree + "/deeper/directory");
+    fs::create_symlink(kept, tree + "/to-directory");
+    fs::create_symlink(kept + "/file", tree + "/deeper/to-file");
+    fs::create_symlink("/no/such/file", tree + "/dangling");
+    fs::create_symlink("..", tree + "/deeper/loop");
+    fs::create_symlink("itself", tree + "/itself");
+    fs::create_symlink(tree, folder.path("link"));
+    setContent(tree + "/" + std::string(255, 'n'), "a long name");
+
+    EXPECT_FALSE(CFile::removeDirectoryRecursively(folder.path("link").c_str(), false));
+    EXPECT_EQ(unended(log), "warn|the path does not exist");
+    EXPECT_TRUE(fs::exists(tree + "/deeper"));
+    EXPECT_TRUE(CFile::removeDirectoryRecursively(folder.path("link").c_str(), true));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(folder.path("link"))));
+    EXPECT_TRUE(fs::exists(tree + "/deeper"));
+    EXPECT_TRUE(CFile::removeDirectoryRecursively(tree.c_str(), true));
+    EXPECT_FALSE(fs::exists(tree));
+    EXPECT_TRUE(fs::exists(kept + "/inside"));
+    EXPECT_EQ(contentOf(kept + "/file"), "kept");
+
+    fs::create_symlink(kept, folder.path("link")); // with a '/' it is the directory
+    EXPECT_TRUE(CFile::removeDirectoryRecursively((folder.path("link") + "/").c_str(), false));
+    EXPECT_TRUE(fs::is_empty(kept));
+}
+
+/// A hook below makes the paths of a tree be asked for one by one.
+TEST(DirectoryTest, WhatIsHookedInTheMiddleOfATreeIsRemovedThroughTheHook)
+{
+    CLogCapture log;
+    const CTemporaryFolder folder;
+    const std::string mounted = folder.path("tree/mounted");
+    const std::string kept = folder.path("kept");
+    fs::create_directories(mounted + "/of-the-system");
+    fs::create_directories(kept + "/inside");
+    fs::create_symlink(kept, folder.path("tree/link"));
+    CMemoryFileSystem memory(mounted, 1 << 20);
+    const CHook hook(mounted + "/", memory);
+    EXPECT_TRUE(CFile::makeDirectoryRecursively((mounted + "/in/memory").c_str()));
+
+    EXPECT_FALSE(CFile::removeDirectoryRecursively(folder.path("tree").c_str(), true));
+    FileInfo info = {};
+    EXPECT_EQ(memory.stat((mounted + "/in").c_str(), info), -1);
+    EXPECT_TRUE(fs::exists(mounted + "/of-the-system"));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(folder.path("tree/link"))));
+    EXPECT_TRUE(fs::exists(kept + "/inside"));
+}
+
+TEST(DirectoryTest, ATreeDeeperThanAnyPathIsRemoved)
+{
+    const CTemporaryFolder folder;
+    const std::string name(200, 'd');
+    TestSupport::inChild([&] { // it changes its directory
+        ASSERT_EQ(chdir(folder.path().c_str()), 0);
+        for (int depth = 0; depth < 2000; ++depth) {
+            ASSERT_TRUE(mkdir(name.c_str(), 0777) == 0 && chdir(name.c_str()) == 0) << depth;
+            setContent("file", "x");
+        }
+    });
+    EXPECT_TRUE(CFile::removeDirectoryRecursively(folder.path(name).c_str(), true));
+    EXPECT_TRUE(fs::is_empty(folder.path()));
+}
+
+TEST(DirectoryTest, APathThatWouldHaveToBeCutIsRefused)
+{
+    CLogCapture log;
+    CMemoryFileSystem memory("/memory", 1 << 20);
+    const CHook hook("/memory", memory);
+    std::string fits = "/memory";
+    for (const size_t step : {250, 250, 250, 260}) {
+        fits += std::string("/") + std::string(step, 'x');
+        memory.mkdir(fits.c_str());
+    }
+    ASSERT_EQ(fits.size(), 1021U); // "/" and "*" go behind it
+    const std::string tooLong = fits + "y";
+    memory.mkdir(tooLong.c_str());
+    log.clear();
+    EXPECT_FALSE(CFile::removeDirectoryRecursively(tooLong.c_str(), true));
+    EXPECT_EQ(unended(log), "warn|the path does not exist");
+    EXPECT_TRUE(CFile::removeDirectoryRecursively(fits.c_str(), true));
+    EXPECT_FALSE(CFile::access(fits.c_str(), F_OK));
+    EXPECT_TRUE(CFile::access(tooLong.c_str(), F_OK));
+}
+
+} // namespace
+} // namespace Infra
+} // namespace Tarsel
