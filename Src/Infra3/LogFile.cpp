@@ -405,13 +405,13 @@ void CLogFile::rotateLocked(const LogDate& today)
 CLogFile::Moved CLogFile::moveAwayLocked(LogDate date)
 {
     const CFlagged moving(m_moving);
-    const std::string path = m_path;
+    const std::string pathBefore = m_path;
     const bool wasOpen = m_stream.isOpen();
     const int number =
         askFileSystemLocked([&](const std::string& path, const std::string& directory) {
             return nextLogNumber(path, directory, date);
         });
-    if (m_path != path || (wasOpen && !m_stream.isOpen())) {
+    if (m_path != pathBefore || (wasOpen && !m_stream.isOpen())) {
         return Moved::overtaken;
     }
     m_stream.stamp();

@@ -19,7 +19,8 @@
 // file system. While no file system is hooked, that happens under the lock, and a file ends with the
 // line that filled it. Hooks are application code and are asked without it: lines of other threads
 // meanwhile go on into the file that is still open, and whoever rotates looks again afterwards
-// whether there is still something to do.
+// whether there is still something to do. (A hook that logs under a lock which its listing takes as
+// well may meet itself: its line can be the one that rotates.)
 // A line that a thread logs while it is in here (the file system speaks through the log too) goes
 // everywhere but to the file. The library's own lines are held back until the lock is free.
 // Failures are printed, for a log line about them would come here again.

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -46,7 +47,6 @@ using TestSupport::CLogCapture;
 using TestSupport::command;
 using TestSupport::contentOf;
 using TestSupport::countOf;
-using TestSupport::inChild;
 using TestSupport::runInChild;
 using TestSupport::setContent;
 namespace fs = std::filesystem;
@@ -408,23 +408,40 @@ TEST_F(LogFileTest, WhatIsNoFileIsNeverRenamed)
     EXPECT_EQ(countOf(complaints, "\n"), 1);
 }
 
-/// Becomes a user whom modes of files concern; the folder and what is in it is given to him.
-void becomeNobody(const std::string& path)
+/// While it lives, the process belongs to a user whom modes of files concern. The folder and what is
+/// in it is given to him.
+class CNobody
 {
-    if (geteuid() == 0) {
-        for (const auto& entry : fs::directory_iterator(path)) {
-            ASSERT_EQ(chown(entry.path().c_str(), 65534, 65534), 0);
+public:
+    explicit CNobody(const std::string& path) : m_wasRoot(geteuid() == 0)
+    {
+        if (m_wasRoot) {
+            for (const auto& entry : fs::directory_iterator(path)) {
+                EXPECT_EQ(chown(entry.path().c_str(), 65534, 65534), 0);
+            }
+            EXPECT_EQ(chown(path.c_str(), 65534, 65534), 0);
+            EXPECT_EQ(seteuid(65534), 0);
         }
-        ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
-        ASSERT_EQ(seteuid(65534), 0);
     }
-}
+    ~CNobody()
+    {
+        if (m_wasRoot) {
+            EXPECT_EQ(seteuid(0), 0);
+            prctl(PR_SET_DUMPABLE, 1); // the look for leaks at the end needs it
+        }
+    }
+    CNobody(const CNobody&) = delete;
+    CNobody& operator=(const CNobody&) = delete;
+
+private:
+    const bool m_wasRoot;
+};
 
 TEST_F(LogFileTest, AReadOnlyFileTakesNoLines)
 {
     setContent(log(), "kept");
     const std::string complaints = complaintsOf([&] {
-        becomeNobody(folder.path());
+        const CNobody nobody(folder.path());
         ASSERT_EQ(chmod(log().c_str(), 0444), 0);
         openLog();
         logLines(0, 1);
@@ -440,7 +457,7 @@ TEST_F(LogFileTest, AReadOnlyFileTakesNoLines)
 TEST_F(LogFileTest, ADirectoryThatCannotBeListedLosesNoOldFile)
 {
     const std::string complaints = complaintsOf([&] {
-        becomeNobody(folder.path());
+        const CNobody nobody(folder.path());
         ASSERT_EQ(chmod(folder.path().c_str(), 0300), 0);
         openLog();
         command({"-logsavesetting", "bysize", "1", "1"});
