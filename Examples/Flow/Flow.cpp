@@ -36,6 +36,7 @@
 #include <Memory/PacketManager.h>
 
 #include "HandOver.h"
+#include "RotatingLog.h"
 
 using Tarsel::Infra::CFile;
 using Tarsel::Infra::CThreadLite;
@@ -86,6 +87,7 @@ struct Counters
 };
 
 /// Shows the first complaint about a dry pool, which is wanted here, and only counts the others.
+/// They and the lines about single pieces are in the log file.
 class CPrinter
 {
 public:
@@ -93,7 +95,8 @@ public:
     {
         const bool aboutPool =
             strstr(text, "No Free Space") != nullptr || strstr(text, "NO enough") != nullptr;
-        if (aboutPool && m_complaints++ >= 2) {
+        const bool aboutPiece = strstr(text, "]wrote piece ") != nullptr;
+        if (aboutPiece || (aboutPool && m_complaints++ >= 2)) {
             return;
         }
         fputs(text, stdout);
@@ -213,6 +216,8 @@ private:
         }
         m_counters.bytes += packet.size();
         ++m_counters.packets;
+        logInfo("wrote piece %llu, %zu bytes\n", static_cast<unsigned long long>(head.sequence),
+                packet.size());
         return true;
     }
 
@@ -372,11 +377,13 @@ int main(int argc, char** argv)
 
     CPrinter printer;
     Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc(&CPrinter::print, &printer));
+    const CRotatingLog log(temporary + "-log");
     Counters counters;
     const auto begin = std::chrono::steady_clock::now();
     bool good = flow(from, to, counters);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
     good = good && report(from, to, counters, seconds.count());
+    log.showFiles();
     if (argc == 2) {
         std::error_code ignored;
         std::filesystem::remove(temporary, ignored);

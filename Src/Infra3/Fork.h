@@ -24,6 +24,7 @@ enum class ForkRank
     loadController,
     threads,
     packets,
+    logFile,
     values, ///< the leaf locks (LeafMutex.h)
     count
 };

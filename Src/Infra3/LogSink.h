@@ -6,8 +6,10 @@
 // counted and nothing goes to a file.
 
 #include <cstddef>
+#include <cstdint>
 
 #include "Infra/Infra3/CPrintLog.h"
+#include "Infra/Infra3/PrintLog.h"
 
 namespace Tarsel
 {
@@ -29,6 +31,9 @@ void setLogSink(const LogSink* sink);
 
 /// Switches the counting of printed bytes by module on or off.
 void setLogStatistics(bool on);
+
+/// Sets one flag in both option records, and leaves the others of either alone.
+void setPrintOption(uint8_t PrintOptions::*flag, uint8_t value);
 
 } // namespace Infra
 } // namespace Tarsel

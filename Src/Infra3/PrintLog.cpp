@@ -302,6 +302,14 @@ void setPrintOptions(PrintOptions printOptions)
     storeBytes(Infra_getPrintOption(), &printOptions, optionFlags);
 }
 
+void setPrintOption(uint8_t PrintOptions::*flag, uint8_t value)
+{
+    uint8_t& option = s_options.*flag;
+    const ptrdiff_t place = &option - reinterpret_cast<const uint8_t*>(&s_options);
+    storePlain(option, value);
+    storePlain(reinterpret_cast<uint8_t*>(Infra_getPrintOption())[place], value);
+}
+
 int getPrintOptions(PrintOptions* printOptions)
 {
     if (printOptions != nullptr) {

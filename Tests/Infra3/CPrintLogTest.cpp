@@ -12,6 +12,7 @@
 
 #include "Infra/Infra3/CPrintLog.h"
 #include "Infra/Infra3/PrintLog.h"
+#include "Infra3/CPrintLogC.h"
 #include "Support/ChildProcess.h"
 
 namespace Tarsel
@@ -81,22 +82,38 @@ TEST(CPrintLogTest, ErrorsAreFlushed)
     EXPECT_NE(result.output.find("the C error\n"), std::string::npos);
 }
 
-TEST(CPrintLogTest, OptionsAreSharedWithTheOtherInterfaceOneWay)
+/// What C code sets shows in C++ lines and the other way round, but for the record that
+/// getPrintOptions() returns: that one is setPrintOptions()'s own.
+TEST(CPrintLogTest, COptionsAndSwitchesAreThoseOfTheOtherInterface)
 {
     const ChildResult result = runInChild([] {
         PrintOptions options = {};
-        options.style = options.color = options.time = options.thread = 1;
+        options.style = options.color = options.time = options.thread = options.function = 1;
         setPrintOptions(options);
-        EXPECT_EQ(Infra_getPrintOption()->style, 1);
-        Infra_getPrintOption()->style = 0;
+        setPrintLogLevel(5);
+        Infra_openLog = OPEN_PARITAL;
+        EXPECT_EQ(functionFlagInC(), 1);
+        EXPECT_EQ(switchesInC(), 51);
+        printf("BEGIN");
+        EXPECT_EQ(logInC(6, "C", "tagged\n"), 58);
+        setOptionsInC(/*tagged*/ 0, /*coloured*/ 0, /*timed*/ 0);
         getPrintOptions(&options);
         EXPECT_EQ(options.style, 1);
-        printf("BEGIN");
         logWarn("by the C record\n");
+        setOptionsInC(/*tagged*/ 0, /*coloured*/ 1, /*timed*/ 0);
+        EXPECT_EQ(logInC(3, "C", "coloured\n"), 27);
+        setSwitchesInC(2, OPEN_ALL);
+        EXPECT_EQ(getPrintLogLevel(), 2);
+        EXPECT_EQ(logWarn("off\n"), 0);
+        setSwitchesInC(4, CLOSE_LOG);
+        EXPECT_EQ(logFatal("off\n"), 0);
     });
     EXPECT_TRUE(result.succeeded()) << result.report();
-    EXPECT_NE(result.output.find("BEGIN[ warn Unknown Unknown:0]by the C record\n"),
-              std::string::npos);
+    EXPECT_NE(result.output.find("BEGIN[|T:  L:trace |[C] [ver:] F:part.c|l:9|f:logInC|m:]tagged\n"
+                                 "[ warn Unknown Unknown:0]by the C record\n"
+                                 "\033[33;40m[ warn C part.c:9]coloured\n\033[0m"),
+              std::string::npos)
+        << result.report();
 }
 
 TEST(CPrintLogTest, ThePrefixKeepsToItsBuffer)

@@ -114,6 +114,29 @@ INFRA_API int getPrintOptions(PrintOptions* printOptions);
 /// A copy of what each module has printed, by module name.
 INFRA_API std::map<std::string, LogModuleInfo> getLogStatistics();
 
+/// Carries out one command of the log filter, split into words: argv[0] is the option, the others
+/// are its values. Options are compared as they are, "on", "off", "none", "bysize" and "byday"
+/// whatever their case. Unknown commands, and known ones with a value missing or null, are ignored.
+///
+/// | Command | Effect |
+/// |---|---|
+/// | no word, or `-h` alone | prints the usage |
+/// | `-loglevel N` | prints levels up to N |
+/// | `-logmodule NAME on/off` | switches one module; modules are looked at from now on |
+/// | `-logmodule on/off` | all modules, or none; the switches of single ones stay |
+/// | `-logtime on/off` and `-logthread`, `-logversion`, `-logfunction` | that option: on is 0, else 1 |
+/// | `-logpath PATH` | appends every line to PATH, "" for none; a file that is open stays |
+/// | `-logsize K` | a file of K KiB is full; 0: none is. The product wraps in 32 bits |
+/// | `-logsavesetting none` | a file that is full is emptied, and no old files are made |
+/// | `-logsavesetting bysize K M` | one that is full becomes an old file; M of them stay, 0 is all |
+/// | `-logsavesetting byday on/off M` | the same for one that was opened on another day |
+/// | `-logmodulestatistics on/off` | counts for getLogStatistics() |
+///
+/// Old files are named PATH_YYYY-MM-DD_N, by the date of their opening. What goes wrong with the file
+/// is printed, and the line is missing from the file only.
+/// Threads: safe from any thread, while others log.
+INFRA_API void setLogFilter(int argc, char** argv);
+
 /// Closes the log file if one is open; the next line that goes to a file opens it again.
 INFRA_API void logCleanup();
 

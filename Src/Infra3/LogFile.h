@@ -1,0 +1,145 @@
+#ifndef INFRA_SRC_INFRA3_LOGFILE_H
+#define INFRA_SRC_INFRA3_LOGFILE_H
+
+// The log file: where it lies, when a new one is begun, and how a line gets into it.
+//
+//     ./app.log                  the live file, always open for appending, closed by logCleanup()
+//     ./app.log_2026-11-23_0     old files: the date of their opening, a number within the date
+//     ./app.log_2026-11-23_1
+//
+// Old way: a file that is full is emptied in place. New way: it is renamed, by size, by day or by
+// both, and of the old files so many are kept.
+//
+// A line is one write() and nothing else: what it costs is what the system asks for a write. The
+// directory is listed when a file is renamed, never before. A line is in the file whole or not at
+// all, and only what the system took counts towards the size, so a full disk neither tears lines nor
+// has good files renamed away; lines flow again as soon as there is room.
+//
+// Locks: one, m_mutex, around all of it. Old files are listed and removed through the replaceable
+// file system. While no file system is hooked, that happens under the lock, and a file ends with the
+// line that filled it. Hooks are application code and are asked without it: lines of other threads
+// meanwhile go on into the file that is still open, and whoever rotates looks again afterwards
+// whether there is still something to do. (A hook that logs under a lock which its listing takes as
+// well may meet itself: its line can be the one that rotates.)
+// A line that a thread logs while it is in here (the file system speaks through the log too) goes
+// everywhere but to the file. The library's own lines are held back until the lock is free.
+// Failures are printed, for a log line about them would come here again.
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "Infra/Infra3/CPrintLog.h"
+#include "Infra/Infra3/Mutex.h"
+#include "Infra3/LogFileNames.h"
+
+namespace Tarsel
+{
+namespace Infra
+{
+
+/// A file open for appending, closed on exec. Owned by one thread at a time.
+class CLogStream
+{
+public:
+    CLogStream() = default;
+    ~CLogStream() { close(); }
+    CLogStream(const CLogStream&) = delete;
+    CLogStream& operator=(const CLogStream&) = delete;
+
+    bool isOpen() const { return m_descriptor >= 0; }
+    /// True for a file proper; a device or a pipe is never renamed away.
+    bool isRegular() const { return m_regular; }
+
+    /// Opens `path`, making it if it is missing. `extraFlags` as for open(). False, with errno set,
+    /// on failure.
+    bool open(const char* path, int extraFlags);
+    void close();
+    /// Empties the file. False, with errno set, on failure.
+    bool empty();
+    /// Sets the time of the last change to now, by a finer clock than a write does: of several
+    /// files that are filled within one tick of the system, the oldest must be seen.
+    void stamp();
+    /// Appends all of `text` or, on a regular file, nothing. Returns the bytes that are in the file
+    /// now.
+    size_t append(const char* text, size_t length);
+
+private:
+    void takeBack(size_t length);
+
+    int m_descriptor = -1;
+    bool m_regular = false;
+};
+
+/// The process's log file with its settings. Safe from any thread.
+class CLogFile
+{
+public:
+    CLogFile();
+
+    /// @param path  without a directory: in the working directory; empty: no log file from now on;
+    ///              with a '/' or '\\' at its end: the same, and a complaint
+    void setPath(const char* path);
+    /// @param bytes  0: no limit
+    void setSizeLimit(int32_t bytes);
+    void saveInOldWay();
+    /// @param oldFiles  how many are kept; 0: all
+    void saveBySize(int32_t bytes, int32_t oldFiles);
+    void saveByDay(bool on, int32_t oldFiles);
+
+    /// Appends one text, in a new file if the one there is full or of another day.
+    void write(const char* text, size_t length, const Infra_SystemTimeEx& now);
+    void close();
+
+private:
+    friend struct LogFileFork;
+
+    enum class Moved
+    {
+        yes,
+        no,
+        overtaken ///< path or file were changed meanwhile
+    };
+
+    // Called with the lock held.
+    bool prepareLocked(const LogDate& today);
+    void treatLeftoverLocked(const LogDate& today);
+    bool openLocked(int extraFlags);
+    bool isFullLocked() const;
+    bool isDayOverLocked(const LogDate& today) const;
+    bool mayRotateLocked() const;
+    void emptyLocked();
+    void rotateLocked(const LogDate& today);
+    Moved moveAwayLocked(LogDate date);
+    void limitOldFilesLocked();
+    /// Lets the lock go for as long as `question` runs if a file system is hooked.
+    template <typename Question>
+    auto askFileSystemLocked(const Question& question);
+
+    std::atomic<bool> m_on{false}; ///< a path is set; asked before the lock
+
+    CMutex m_mutex;          // guards all below
+    std::string m_path;      ///< empty: no log file
+    std::string m_directory; ///< as it is listed
+    int32_t m_sizeLimit = 0; ///< bytes; 0: none
+    int32_t m_oldFiles = 0;  ///< how many are kept; 0: all
+    bool m_oldWay = true;    ///< a full file is emptied in place
+    bool m_byDay = false;
+
+    CLogStream m_stream;
+    int64_t m_length = 0;           ///< bytes of the file, as counted here; survives a closing
+    LogDate m_openedOn = {0, 0, 0}; ///< what an old file is named after
+    bool m_leftoverTreated = false; ///< the file of an earlier run is treated once a process
+    bool m_moving = false;          ///< some thread is renaming, perhaps with the lock let go
+};
+
+/// The one log file.
+CLogFile& logFile();
+
+} // namespace Infra
+} // namespace Tarsel
+
+#endif
