@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 
 namespace
 {

@@ -14,7 +14,7 @@
 #include <set>
 
 #include "Commands.h"
-#include "Failure.h"
+#include "Common/Failure.h"
 #include "LivePool.h"
 
 namespace
