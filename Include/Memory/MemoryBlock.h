@@ -28,7 +28,7 @@ static_assert(sizeof(MemoryBlockDes) == 20, "a format");
 /// Behaviour: a process has one handle for a block, however often it asks; `delete` drops one
 /// reference, and the last one of the process lets go of the block. To hand a block to another
 /// process, describe it and send the description; the receiver makes a handle of it. A description
-/// that nobody takes up within two seconds is void. Descriptions come from processes that are
+/// that nobody takes up within a second may be void, after two it is. Descriptions come from processes that are
 /// trusted with the pool: a wrong one is refused, but one that names another block that is in use
 /// cannot be told from a right one.
 ///

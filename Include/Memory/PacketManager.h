@@ -89,14 +89,15 @@ public:
     /// Copies `len` bytes that do not overlap and returns `dest`.
     void* memcpy(void* dest, const void* src, size_t len);
 
-    /// Bytes of pool, whether in use or not; 0 without a pool.
+    /// Bytes of pool, whether in use or not; 0 without a pool. In policySharePool without one the
+    /// process ends.
     size_t getBufferSize();
-    /// Bytes of pool that are free at this moment, however scattered; 0 without a pool. Counted as
+    /// Bytes of pool that are free at this moment, however scattered; the rest as above. Counted as
     /// blocks come and go, except in policySharePool, where the shared pool is asked.
     size_t getFreeSize();
     /// Writes to the log, at info level: in policyPool every free list and every block on it, as
-    /// they were at one moment; in policySharePool what the shared pool says of itself; else one
-    /// line without figures, in policyPoolSystem too.
+    /// they were at one moment; else one line without figures, in policyPoolSystem too. In
+    /// policySharePool the free blocks of the shared pool are printed on standard output.
     void dumpNodes();
     /// The pool's memory as the allocation primitive gave it; null without a pool. It may change
     /// once the process exits.

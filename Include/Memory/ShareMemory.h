@@ -18,8 +18,8 @@ namespace Memory
 /// Behaviour: one process makes the pool with initMemPool(), the others attach to it with
 /// loadMemPool(). Blocks are pages, handed out in powers of two. Who holds which block is counted by
 /// process: a block goes back when nobody holds it and no hand-over to another process is on its
-/// way. A hand-over that nobody takes expires within two seconds, as long as the process that made
-/// the pool lives. What a dead process held comes back by freeResourceByPid(); a process may die at
+/// way. A hand-over that nobody takes lasts for one second at least and expires within two, as long as
+/// the process that made the pool lives. What a dead process held comes back by freeResourceByPid(); a process may die at
 /// any moment, its death costs the others nothing.
 ///
 /// All processes of a pool share one process-id and one IPC namespace, and trust each other: any of
@@ -47,10 +47,16 @@ public:
         size_t poolSize;  ///< bytes of memory to hand out; less than 4 GiB
         size_t chunkSize; ///< bytes of a page; a power of two, 64 or more
         size_t orderNum;  ///< blocks of up to 2^(orderNum - 1) pages; 0: of any size
-        size_t debugFlag; ///< 1, 2: a guard page before, behind each allocation; 0: none
+        size_t debugFlag; ///< 1, 2: a guard page before, behind each allocation; 0: none; others
+                          ///< allocate nothing
         size_t reserved[6];
     };
 
+protected:
+    IMemPool();
+    virtual ~IMemPool();
+
+public:
     /// Makes the pool of the namespace and attaches to it. A pool left by processes that are gone is
     /// wiped; processes that still use one keep it to themselves. False, and nothing changed, in a
     /// process that already has a pool and for settings that no pool can have; a page size that is
@@ -59,7 +65,8 @@ public:
     /// This process's pool; the first call attaches. `param` matters only for a pool that no process
     /// has initialised yet, and for its debugFlag. Null without a pool.
     static IMemPool* loadMemPool(const PoolParam& param);
-    /// Removes the pool; it goes when the last process that is attached ends.
+    /// Removes the pool that has the name, whoever made it; it goes when the last process that is
+    /// attached ends.
     static bool deinitMemPool();
 
     /// Bytes of the pool, and bytes that are free at this moment, as 32 bits; always true. Without a
@@ -69,7 +76,8 @@ public:
     /// Prints the free blocks, a line each, on standard output.
     static void dumpInfo();
 
-    /// Lets go of this process's pool object; the mappings stay. The object is gone then.
+    /// Ends this process's use of the pool. The mappings stay, and a thread that is inside the pool
+    /// finishes; nothing must be called on the object afterwards.
     virtual void destroy() = 0;
     /// A block of at least `size` bytes with one reference of this process; null without one.
     /// `size` becomes what was granted.
@@ -89,10 +97,6 @@ public:
     /// Drops one reference to each block that process `pid`, which is dead, holds. It may have had
     /// several to one block: to be repeated until getMemFreeSize() grows no more.
     virtual bool freeResourceByPid(pid_t pid) = 0;
-
-protected:
-    IMemPool();
-    virtual ~IMemPool();
 };
 
 } // namespace Memory

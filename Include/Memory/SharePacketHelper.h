@@ -33,7 +33,7 @@ struct SharePacketArg : BaseArg
 /// Behaviour: in policySharePool every packet with a size lives in the shared pool. Describing such
 /// a packet gives a small packet of bytes for another process, which turns them back into a packet
 /// over the same memory; nothing is copied but the extra data. A description that nobody takes up
-/// within two seconds is void. In other policies both conversions give the packet itself.
+/// within a second may be void, after two it is. In other policies both conversions give the packet itself.
 ///
 /// Failure: an error line and a packet that is not valid. Threads: safe from any thread.
 ///

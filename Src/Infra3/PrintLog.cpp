@@ -36,7 +36,7 @@ namespace
 
 /// Printers and procedures may log; one that does so without end is stopped here instead of by the
 /// end of its stack.
-constexpr int deepestNesting = 16;
+constexpr int deepestNesting = 4;
 constinit thread_local int t_nesting = 0;
 
 class CNesting

@@ -20,9 +20,9 @@ struct SharePacketSeam
 {
     /// A packet in the shared pool; null, and logged, on failure.
     PacketInternal* (*create)(size_t size, size_t extraSize);
-    /// A packet around a block of the shared pool; null, and logged, on failure.
+    /// The packet that a description of `size` bytes at `buf` is about; null, and logged, on failure.
     PacketInternal* (*createFrom)(void* buf, size_t size);
-    /// True for the function that marks a buffer as a block of the shared pool.
+    /// True for the function that marks a buffer as a description.
     bool (*isToSharePacket)(const FreeMemFunc& func);
 
     size_t (*getMemSize)();

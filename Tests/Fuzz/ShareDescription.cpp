@@ -6,6 +6,7 @@
 // without a description to begin with, the bytes are the description.
 
 #include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -52,8 +53,9 @@ public:
     CScene()
     {
         Infra_openLog = CLOSE_LOG;
-        if (unshare(CLONE_NEWIPC) != 0) {
-            expect(unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0, "no IPC namespace");
+        if (unshare(CLONE_NEWIPC) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWIPC) != 0) {
+            fputs("no IPC namespace\n", stderr);
+            _exit(77); // as a test: skipped
         }
         CPacketManager::config(CPacketManager::policySharePool);
         SharePacketArg arg;

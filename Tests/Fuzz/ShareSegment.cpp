@@ -17,8 +17,10 @@
 #include "Memory/ShareMem/Repair.h"
 #include "Memory/ShareMem/Report.h"
 #include "ShareMem/MiniPool.h"
+#include "ShareMem/PoolChecker.h"
 
 using Tarsel::TestSupport::CMiniPool;
+using Tarsel::TestSupport::faultsOf;
 
 namespace
 {
@@ -97,18 +99,6 @@ Segments segmentsOf(const uint8_t* bytes, size_t size)
     return made;
 }
 
-size_t faultsOf(const ShareMem::Layout& layout, ShareMem::CScratch& scratch, std::string* text)
-{
-    return ShareMem::checkPool(
-        layout, scratch,
-        [](void* all, const char* fault) {
-            if (static_cast<std::string*>(all)->size() < 1000) {
-                *static_cast<std::string*>(all) += std::string(fault) + "\n";
-            }
-        },
-        text);
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
@@ -125,11 +115,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         !scratch.reserve(layout.info->pageNum)) {
         return 0;
     }
-    std::string before;
-    std::string after;
-    faultsOf(layout, scratch, &before);
+    const std::string before = faultsOf(layout, scratch);
     ShareMem::repairPool(layout, scratch);
-    if (faultsOf(layout, scratch, &after) != 0) {
+    const std::string after = faultsOf(layout, scratch);
+    if (!after.empty()) {
         fprintf(stderr, "before:\n%safter:\n%s", before.c_str(), after.c_str());
         std::abort();
     }

@@ -296,7 +296,9 @@ TEST_F(LogTool, FollowsALogThroughItsRenamings)
         fs::rename(m_log, m_log + "_2026-11-22_" + std::to_string(round));
     }
     EXPECT_TRUE(eventually(isShown)) << printed();
-    add(++number);
+    for (int i = 0; i < 3; ++i) {
+        add(++number);
+    }
     EXPECT_TRUE(eventually(isShown)) << printed();
     EXPECT_TRUE(eventually([&] { // shorter than what was read: it begins again
         write("app.log", "");

@@ -86,10 +86,13 @@ bool isWhole(const CMiniPool& pool, const Held& held)
     return true;
 }
 
+typedef void (*Step)(CMiniPool& pool, const std::vector<Held>& held);
+
 class CScene
 {
 public:
-    explicit CScene(const PoolShape& shape) : pool(shape), m_total(pool.freeSize())
+    /// `prepare` may be null.
+    CScene(const PoolShape& shape, Step prepare) : pool(shape), m_total(pool.freeSize())
     {
         const size_t page = shape.pageSize;
         for (const size_t size : {page, 2 * page, page, 3 * page, page}) {
@@ -102,6 +105,10 @@ public:
         // A hand-over of the second block is on its way, and it has two references.
         pool.refer()->incDeliverRef(pool.refer(), held[1].offset);
         pool.refer()->addRefer(pool.refer(), held[1].offset);
+        if (prepare != nullptr) {
+            prepare(pool, held);
+        }
+        memcpy(&deadBefore, pool.layout().syncZone->zoneData, sizeof(deadBefore));
     }
 
     /// What a survivor finds: nothing of what it holds is hurt, and when the dead process's
@@ -153,8 +160,8 @@ const PoolShape shapes[] = {
 const struct
 {
     const char* name;
-    void (*prepare)(CMiniPool& pool, const std::vector<Held>& held); ///< may be null
-    void (*action)(CMiniPool& pool, const std::vector<Held>& held);
+    Step prepare;
+    Step action;
 } actions[] = {
     {"take one page", nullptr, [](CMiniPool& pool, const std::vector<Held>&) { pool.take(1); }},
     {"take three pages", nullptr,
@@ -227,11 +234,7 @@ TEST(ShareMemCrash, ADeathAtAnyInstructionHurtsNobodyElse)
     long deaths = 0;
     for (const PoolShape& shape : shapes) {
         for (const auto& one : actions) {
-            CScene scene(shape);
-            if (one.prepare != nullptr) {
-                one.prepare(scene.pool, scene.held);
-            }
-            memcpy(&scene.deadBefore, scene.pool.layout().syncZone->zoneData, sizeof(pid_t));
+            CScene scene(shape, one.prepare);
             const std::string where =
                 std::string(one.name) + ", pages of " + std::to_string(shape.pageSize);
             long point = 0;
@@ -264,11 +267,7 @@ TEST(ShareMemCrash, ADeathInTheRepairIsRepairedByTheNext)
     long all = 0;
     for (const PoolShape& shape : {shapes[0], shapes[4]}) {
         for (const auto& one : actions) {
-            CScene scene(shape);
-            if (one.prepare != nullptr) {
-                one.prepare(scene.pool, scene.held);
-            }
-            memcpy(&scene.deadBefore, scene.pool.layout().syncZone->zoneData, sizeof(pid_t));
+            CScene scene(shape, one.prepare);
             stepThrough(
                 scene.pool, [&](CMiniPool& pool) { one.action(pool, scene.held); },
                 [&](pid_t dead) {
@@ -325,11 +324,7 @@ TEST(ShareMemCrash, TheNextToLockRepairsWhatARealDeathLeft)
     for (const auto& one : actions) {
         bool isOver = false;
         for (long instructions = 1; !isOver; instructions += stride) {
-            CScene scene(shapes[0]);
-            if (one.prepare != nullptr) {
-                one.prepare(scene.pool, scene.held);
-            }
-            memcpy(&scene.deadBefore, scene.pool.layout().syncZone->zoneData, sizeof(pid_t));
+            CScene scene(shapes[0], one.prepare);
             scene.pool.layout().syncZone->initFlag = 0; // until now a place for a number
             ASSERT_EQ(initProcessMutex(scene.pool.layout().syncZone), 0);
             s_repaired = &scene.pool;

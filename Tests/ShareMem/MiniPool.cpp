@@ -5,6 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "ShareMem/PoolChecker.h"
+
 namespace Tarsel
 {
 namespace TestSupport
@@ -83,14 +85,7 @@ void CMiniPool::repair()
 
 std::string CMiniPool::faults()
 {
-    std::string text;
-    ShareMem::checkPool(
-        m_layout, m_scratch,
-        [](void* all, const char* fault) {
-            *static_cast<std::string*>(all) += std::string(fault) + "\n";
-        },
-        &text);
-    return text;
+    return faultsOf(m_layout, m_scratch);
 }
 
 } // namespace TestSupport

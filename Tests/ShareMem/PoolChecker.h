@@ -14,6 +14,21 @@ namespace Tarsel
 namespace TestSupport
 {
 
+/// What is wrong while nobody is inside, a line each, not much more than a page; empty when nothing is.
+inline std::string faultsOf(const ShareMem::Layout& layout, ShareMem::CScratch& scratch)
+{
+    std::string text;
+    ShareMem::checkPool(
+        layout, scratch,
+        [](void* all, const char* fault) {
+            if (static_cast<std::string*>(all)->size() < 2000) {
+                *static_cast<std::string*>(all) += std::string(fault) + "\n";
+            }
+        },
+        &text);
+    return text;
+}
+
 class CPoolChecker
 {
 public:
@@ -32,23 +47,18 @@ public:
     CPoolChecker(const CPoolChecker&) = delete;
     CPoolChecker& operator=(const CPoolChecker&) = delete;
 
-    /// What is wrong while nobody is inside, a line each; empty when nothing is.
     std::string faults()
     {
         ProcessMutex* const mutex = getProcessMutex(0);
-        std::string text;
         if (!m_found || mutex->lock(mutex) != 0) {
             return "no pool";
         }
-        ShareMem::checkPool(
-            m_layout, m_scratch,
-            [](void* all, const char* fault) {
-                *static_cast<std::string*>(all) += std::string(fault) + "\n";
-            },
-            &text);
+        const std::string text = faultsOf(m_layout, m_scratch);
         mutex->unlock(mutex);
         return text;
     }
+    const ShareMem::Mapping& control() const { return m_control; }
+    const ShareMem::Mapping& data() const { return m_data; }
 
 private:
     static ShareMem::Mapping map(const char* key)

@@ -9,10 +9,16 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/shm.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdio>
 #include <functional>
+#include <new>
 
 #include <gtest/gtest.h>
 
@@ -58,6 +64,64 @@ inline Memory::IMemPool::PoolParam poolParam(size_t size, size_t pageSize)
     param.poolSize = size;
     param.chunkSize = pageSize;
     return param;
+}
+
+/// Bytes that are free in the pool of this process.
+inline uint32_t freeSize()
+{
+    uint32_t size = 0;
+    Memory::IMemPool::getMemFreeSize(size);
+    return size;
+}
+
+/// Runs `body` in a further process, which ends with its parent, and if it hangs.
+template <typename Body>
+pid_t startProcess(const Body& body)
+{
+    fflush(nullptr);
+    const pid_t process = fork();
+    if (process == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        alarm(50);
+        body();
+        fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    return process;
+}
+
+/// Waits for its end: its exit code, or -signal.
+inline int endOf(pid_t process)
+{
+    int status = 0;
+    waitpid(process, &status, 0);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+/// Runs `body` in a further process and waits for its end; `*id` becomes its process id.
+template <typename Body>
+int inProcess(const Body& body, pid_t* id = nullptr)
+{
+    const pid_t process = startProcess(body);
+    if (id != nullptr) {
+        *id = process;
+    }
+    return endOf(process);
+}
+
+/// Makes a pool in a process that is gone afterwards, and with it the timer of expiry.
+inline void makePool(const Memory::IMemPool::PoolParam& param)
+{
+    EXPECT_EQ(inProcess([&] { EXPECT_TRUE(Memory::IMemPool::initMemPool(param)); }), 0);
+}
+
+/// A T that this process and those it starts share.
+template <typename T>
+T& makeShared()
+{
+    void* const place =
+        mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *new (place) T();
 }
 
 } // namespace TestSupport

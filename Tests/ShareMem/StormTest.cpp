@@ -5,7 +5,6 @@
 // has no thread, so that it may fork anywhere. With INFRA_STORM in the environment thousands die.
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -17,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -34,6 +32,9 @@ using namespace Tarsel::Memory;
 using Tarsel::TestSupport::ChildResult;
 using Tarsel::TestSupport::countOf;
 using Tarsel::TestSupport::CPoolChecker;
+using Tarsel::TestSupport::freeSize;
+using Tarsel::TestSupport::makePool;
+using Tarsel::TestSupport::makeShared;
 using Tarsel::TestSupport::poolParam;
 using Tarsel::TestSupport::runWithPools;
 
@@ -62,13 +63,6 @@ struct Counts
     std::atomic<long> damaged;
     std::atomic<long> refused; ///< claims of blocks that were on their way
 };
-
-uint32_t freeSize()
-{
-    uint32_t size = 0;
-    IMemPool::getMemFreeSize(size);
-    return size;
-}
 
 // A worker ---------------------------------------------------------------------------------------
 
@@ -205,11 +199,8 @@ private:
 class CStorm
 {
 public:
-    CStorm()
+    CStorm() : m_counts(&makeShared<Counts>())
     {
-        void* const shared = mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE,
-                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        m_counts = new (shared) Counts();
         EXPECT_EQ(pipe2(m_way, O_NONBLOCK), 0);
         fcntl(m_way[1], F_SETPIPE_SZ, 4096);
     }
@@ -301,13 +292,7 @@ TEST(ShareMemStorm, WhoDiesTakesNothingAlong)
     const ChildResult child = runWithPools([kills] {
         alarm(60 + static_cast<unsigned>(kills) / 20);
         Infra_openLog = CLOSE_LOG; // a pool may be full for a moment
-        const pid_t maker = fork();
-        if (maker == 0) {
-            _exit(IMemPool::initMemPool(poolParam(poolSize, pageSize)) ? 0 : 1);
-        }
-        int status = -1;
-        waitpid(maker, &status, 0);
-        ASSERT_EQ(status, 0);
+        makePool(poolParam(poolSize, pageSize));
         CMemoryBlock::setPoolParameter(poolParam(poolSize, pageSize));
         CStorm().run(kills);
     });

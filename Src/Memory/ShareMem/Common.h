@@ -105,6 +105,10 @@ struct ProcessMutex
 /// processes that come at the same time one makes the mutexes, the others wait for it; if it dies,
 /// another takes over.
 int initProcessMutex(ZoneHead* head);
+/// While a process makes the mutexes, or the pool, the flag of zone 0 is its claim.
+uint32_t ownZoneClaim();
+/// Whether `flag` is the claim of another process that lives.
+bool isClaimedByOther(uint32_t flag);
 /// The handle of mutex 0 to 2, or null. It stays where it is for the life of the process.
 ProcessMutex* getProcessMutex(size_t id);
 

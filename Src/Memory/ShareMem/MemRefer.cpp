@@ -222,11 +222,13 @@ void freeBlock(const Access& access, size_t offset)
     access.buddy->free(access.buddy, access.data + offset);
 }
 
-void removeNodeAndBlock(const Access& access, BlockReferNode* node)
+/// For blocks that nobody let go of. The last holder's release frees the node first: which of the two
+/// goes first shows in the order of the free lists, and so in the format. A death in between leaves a
+/// node that names no block, or a block that no node names; a repair drops either.
+void removeBlockAndNode(const Access& access, BlockReferNode* node)
 {
-    const size_t offset = node->offset;
+    freeBlock(access, node->offset);
     removeNode(access, node);
-    freeBlock(access, offset);
 }
 
 // Operations -------------------------------------------------------------------------------------
@@ -274,7 +276,8 @@ int releaseRefer(MemRefer* memRefer, size_t offset)
     }
     removeEntry(access, node, entry);
     if (isUnused(node)) {
-        removeNodeAndBlock(access, node);
+        removeNode(access, node);
+        freeBlock(access, offset);
     }
     return 0;
 }
@@ -297,7 +300,7 @@ int releaseByPid(MemRefer* memRefer, pid_t pid)
         if (entry != nullptr) {
             removeEntry(access, node, entry);
             if (isUnused(node)) {
-                removeNodeAndBlock(access, node);
+                removeBlockAndNode(access, node);
             }
         }
         node = next;
@@ -336,7 +339,7 @@ void expireNode(const Access& access, BlockReferNode* node)
     const uint32_t count = node->expireCount - 1;
     publish(node->expireCount, count);
     if ((count == 0 || count >= wrapped) && !hasHolder(node)) {
-        removeNodeAndBlock(access, node);
+        removeBlockAndNode(access, node);
     }
 }
 

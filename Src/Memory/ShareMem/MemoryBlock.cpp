@@ -54,6 +54,15 @@ CShareMemory* loadedPool()
     return static_cast<CShareMemory*>(gloMemPoolPtr.load(std::memory_order_acquire));
 }
 
+/// Handles of blocks that lie in another mapping are of no use any more.
+void usePool(IMemPool* pool)
+{
+    if (pool != nullptr) {
+        MemoryBlockAccess::blocks().startIn(static_cast<CShareMemory*>(pool)->dataBase());
+    }
+    gloMemPoolPtr.store(pool, std::memory_order_release);
+}
+
 /// The pool; made with `param` if it is missing. The lock is held.
 CShareMemory* loadLocked(const IMemPool::PoolParam& param)
 {
@@ -62,7 +71,7 @@ CShareMemory* loadLocked(const IMemPool::PoolParam& param)
         if (pool == nullptr) {
             INFRA_LOG_ERROR("loadMemPool failed.\n");
         }
-        gloMemPoolPtr.store(pool, std::memory_order_release);
+        usePool(pool);
     }
     return loadedPool();
 }
@@ -88,6 +97,7 @@ CShareMemory& needPoolOf(const MemoryBlockDes& description)
     IMemPool::PoolParam param = gloMemPoolCfg;
     if (param.poolSize == 0) {
         param.poolSize = description.memPoolSize;
+        param.poolType = static_cast<IMemPool::PoolType>(description.memPoolType);
     }
     CShareMemory* const pool = loadLocked(param);
     INFRA_ASSERT_TEXT(pool != nullptr, "NULL != gloMemPoolPtr");
@@ -119,7 +129,7 @@ CMemoryBlock* recordBlock(CShareMemory& pool, void* buffer, size_t totalSize)
 {
     CMemoryBlock* const handle = MemoryBlockHandle::make(buffer, totalSize);
     CMemoryBlock* recorded = nullptr;
-    if (handle != nullptr && !MemoryBlockAccess::blocks().addBlock(handle, &recorded)) {
+    if (handle != nullptr && !MemoryBlockAccess::blocks().addBlock(pool, handle, &recorded)) {
         recorded = nullptr;
     }
     if (recorded != handle || handle == nullptr) {
@@ -170,8 +180,8 @@ CMemoryBlock* CMemoryBlock::getMemoryBlock(void* desc, size_t len)
     }
     CShareMemory& pool = needPoolOf(description);
     CMemoryBlock* handle = MemoryBlockAccess::blocks().getBlock(description.offset, true);
-    if (handle == nullptr && pool.hasBlock(description.offset, description.totalSize)) {
-        void* const buffer = pool.getMem(description.offset);
+    if (handle == nullptr) {
+        void* const buffer = pool.claim(description.offset, description.totalSize);
         handle = buffer != nullptr ? recordBlock(pool, buffer, description.totalSize) : nullptr;
     }
     if (handle == nullptr) {
@@ -187,7 +197,7 @@ void CMemoryBlock::setPoolParameter(const IMemPool::PoolParam& param)
     const Infra::CLogHold hold;
     CGuard guard(gloMemPoolMutex());
     gloMemPoolCfg = param;
-    gloMemPoolPtr.store(IMemPool::loadMemPool(param), std::memory_order_release);
+    usePool(IMemPool::loadMemPool(param));
 }
 
 bool CMemoryBlock::getMemoryBlockDesc(void* buf, void* desc, size_t len)
@@ -288,8 +298,10 @@ void resumeParent()
     gloMemPoolMutex().leave();
 }
 
+/// The parent's references are not the child's, so its handles are not either.
 void resumeChild()
 {
+    MemoryBlockAccess::blocks().forgetAll();
     Infra::ForkAccess::renewTaken(gloMemPoolMutex());
 }
 

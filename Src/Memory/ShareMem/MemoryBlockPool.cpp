@@ -23,24 +23,39 @@ CMemoryBlockPool::CMemoryBlockPool() = default;
 
 CMemoryBlockPool::~CMemoryBlockPool()
 {
+    forgetAll();
+}
+
+void CMemoryBlockPool::forgetAll()
+{
     for (const auto& [offset, refer] : m_referMap) {
         delete refer;
+    }
+    m_referMap.clear();
+}
+
+void CMemoryBlockPool::startIn(const void* base)
+{
+    CGuard guard(m_mapMutex);
+    if (m_base != base) {
+        forgetAll();
+        m_base = base;
     }
 }
 
 bool CMemoryBlockPool::addBlock(CMemoryBlock* block)
 {
-    CMemoryBlock* recorded = nullptr;
-    return addBlock(block, &recorded);
-}
-
-bool CMemoryBlockPool::addBlock(CMemoryBlock* block, CMemoryBlock** recorded)
-{
     IMemPool* const pool = MemoryBlockAccess::pool();
     INFRA_ASSERT_TEXT(block != nullptr, "NULL != block");
     INFRA_ASSERT_TEXT(pool != nullptr, "NULL != gloMemPoolPtr");
+    CMemoryBlock* recorded = nullptr;
+    return addBlock(*pool, block, &recorded);
+}
+
+bool CMemoryBlockPool::addBlock(IMemPool& pool, CMemoryBlock* block, CMemoryBlock** recorded)
+{
     size_t offset = 0;
-    if (!pool->getOffset(block->getBuffer(), offset)) {
+    if (!pool.getOffset(block->getBuffer(), offset)) {
         INFRA_LOG_ERROR("this:%p getOffset failed.\n", static_cast<void*>(this));
         return false;
     }

@@ -2,8 +2,14 @@
 //
 // What the segments hold may be half written or of somebody else, so it is looked at before it is
 // used. Zones 1 to 3 are initialised under process mutex 0, so that of processes that come at the
-// same time one does it; zone 0 has its own way (ProcessMutex.cpp). A process that makes a pool
-// writes the zones' lengths last of all: until then nobody can attach.
+// same time one does it; zone 0 has its own way (ProcessMutex.cpp).
+//
+// Making:     a process that makes a pool claims zone 0 of the control segment first, so that of two
+//             that do so one after the other makes one. It writes the zones' lengths last of all:
+//             until then nobody can attach.
+// Attaching:  both segments are found by name, and a name may move to another segment at any moment.
+//             So what a mapping is of is known only if the name led to the same segment before and
+//             after, and that the two belong together only when the layout could be read in between.
 
 #include "Memory/ShareMem/PoolInstance.h"
 
@@ -13,6 +19,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 #include <new>
 #include <utility>
@@ -33,6 +40,32 @@ namespace Tarsel
 {
 namespace Memory
 {
+
+/// Pool objects that are not in use. sg_shareMemory_mutex guards them.
+struct ParkedPools
+{
+    static void put(CShareMemory* pool)
+    {
+        pool->m_nextParked = s_first;
+        s_first = pool;
+    }
+    /// One over the pages at `data` with these guard pages, or null.
+    static CShareMemory* take(const uint8_t* data, size_t debugFlag)
+    {
+        for (CShareMemory** at = &s_first; *at != nullptr; at = &(*at)->m_nextParked) {
+            CShareMemory* const pool = *at;
+            if (pool->dataBase() == data && pool->boundary() == static_cast<int>(debugFlag)) {
+                *at = pool->m_nextParked;
+                return pool;
+            }
+        }
+        return nullptr;
+    }
+
+private:
+    static constinit inline CShareMemory* s_first = nullptr;
+};
+
 namespace
 {
 
@@ -42,6 +75,9 @@ using ShareMem::Layout;
 using ShareMem::Mapping;
 
 constexpr size_t smallestPage = smallBlockSize;
+constexpr int attachAttempts = 1000;             // while pools are made at the same time
+constexpr int makerPatience = 10000;             // looks at a pool that another process makes
+constexpr timespec pollPause = {0, 1000 * 1000}; // between them: 1 ms
 
 // Process-wide state -------------------------------------------------------------------------------
 
@@ -124,22 +160,24 @@ void unmapSegment(const char* key, uint8_t* mapping)
     }
 }
 
-/// Maps the existing segment; the mapping that there is, if it is the same. Null start on failure.
+/// Maps the segment that the name led to just now; the mapping that there is, if it is the same. Null
+/// start on failure.
 Segment attachSegment(const Segment& before)
 {
     Segment now = {before.key};
-    now.mapping.start = mapSegment(before.key, 0, 0);
-    if (now.mapping.start == nullptr) {
-        return now;
-    }
     now.id = idOf(before.key);
     if (now.id != -1 && now.id == before.id) {
-        unmapSegment(before.key, now.mapping.start);
         return before;
     }
+    now.mapping.start = mapSegment(before.key, 0, 0);
     // Segments that a replaced primitive gives are not known to the system, and taken on trust.
     now.mapping.size = now.id != -1 ? stateOf(now.id).shm_segsz : SIZE_MAX;
     return now;
+}
+
+bool isStillNamed(const Segment& segment)
+{
+    return idOf(segment.key) == segment.id;
 }
 
 void detachSegment(const Segment& now, const Segment& before)
@@ -217,11 +255,24 @@ const char* openLayers(Attached& pool, const BuddyConfig& config, Handles* handl
     return nullptr;
 }
 
+/// Reads where the zones are. They are the zones of a pool only if both names still lead to what was
+/// mapped.
+bool findPool(Attached& pool)
+{
+    return ShareMem::findZones(pool.control.mapping, pool.data.mapping, &pool.layout) &&
+           isStillNamed(pool.control) && isStillNamed(pool.data);
+}
+
+/// Whoever waited for another process in initProcessMutex() may find a different pool afterwards.
+bool openMutexes(Attached& pool)
+{
+    return findPool(pool) && initProcessMutex(pool.layout.syncZone) == 0 && findPool(pool);
+}
+
 /// Room for a repair is there before the lock is taken for the first time: that may be the moment.
 const char* openPool(Attached& pool, const BuddyConfig& config, Handles* handles)
 {
-    if (!ShareMem::findZones(pool.control.mapping, pool.data.mapping, &pool.layout) ||
-        initProcessMutex(pool.layout.syncZone) != 0) {
+    if (!openMutexes(pool)) {
         return "initProcessMutex failed.\n";
     }
     pool.known = {};
@@ -233,7 +284,7 @@ const char* openPool(Attached& pool, const BuddyConfig& config, Handles* handles
     return openLayers(pool, config, handles);
 }
 
-CShareMemory* makePool(const Handles& handles, size_t debugFlag)
+CShareMemory* newPool(const Handles& handles, size_t debugFlag)
 {
     if (debugFlag != 0) {
         return new (std::nothrow) CShareMemoryDebug(handles.buddy, handles.memRefer,
@@ -242,32 +293,67 @@ CShareMemory* makePool(const Handles& handles, size_t debugFlag)
     return new (std::nothrow) CShareMemory(handles.buddy, handles.memRefer, handles.smallMem);
 }
 
+/// A parked object over the same pages, or a new one, which has the handles then. Null without memory.
+CShareMemory* makePool(Handles& handles, size_t debugFlag)
+{
+    CShareMemory* const parked = ParkedPools::take(handles.buddy->priv->data, debugFlag);
+    if (parked != nullptr) {
+        handles.destroy();
+        return parked;
+    }
+    CShareMemory* const made = newPool(handles, debugFlag);
+    if (made == nullptr) {
+        handles.destroy();
+    }
+    return made;
+}
+
+/// Back to what was attached before; the mutexes' handles too.
+void detachPool(Attached& pool, const Segment& controlBefore, const Segment& dataBefore)
+{
+    pool.layout = {};
+    detachSegment(pool.control, controlBefore);
+    detachSegment(pool.data, dataBefore);
+    pool.control = controlBefore;
+    pool.data = dataBefore;
+    if (pool.control.mapping.start != nullptr &&
+        ShareMem::findZones(pool.control.mapping, pool.data.mapping, &pool.layout) &&
+        pool.layout.syncZone->initFlag == zoneReady) {
+        initProcessMutex(pool.layout.syncZone);
+    }
+}
+
+/// One attempt; null is success, else what went wrong.
+const char* tryAttach(Attached& pool, const BuddyConfig& config, Handles* handles)
+{
+    pool.control = attachSegment(pool.control);
+    pool.data = attachSegment(pool.data);
+    return pool.control.mapping.start != nullptr && pool.data.mapping.start != nullptr
+               ? openPool(pool, config, handles)
+               : "shareMemGet failed.\n";
+}
+
 /// The pool object over the segments that exist; null, logged, on failure. The pool's lock is held.
 CShareMemory* attachPool(const IMemPool::PoolParam& param)
 {
     Attached& pool = attached();
     const Segment controlBefore = pool.control;
     const Segment dataBefore = pool.data;
-    pool.control = attachSegment(controlBefore);
-    pool.data = attachSegment(dataBefore);
-
-    const char* failure = "shareMemGet failed.\n";
-    Handles handles;
-    if (pool.control.mapping.start != nullptr && pool.data.mapping.start != nullptr) {
-        failure = openPool(pool, configOf(param), &handles);
+    for (int attempt = 0;; ++attempt) {
+        Handles handles;
+        const char* const failure = tryAttach(pool, configOf(param), &handles);
+        CShareMemory* const made =
+            failure == nullptr ? makePool(handles, param.debugFlag) : nullptr;
+        if (made != nullptr) {
+            return made;
+        }
+        const bool hasMoved = !isStillNamed(pool.control) || !isStillNamed(pool.data);
+        detachPool(pool, controlBefore, dataBefore);
+        if (!hasMoved || attempt == attachAttempts) {
+            INFRA_LOG_ERROR("%s", failure != nullptr ? failure : "new ShareMemory failed.\n");
+            return nullptr;
+        }
     }
-    CShareMemory* const made = failure == nullptr ? makePool(handles, param.debugFlag) : nullptr;
-    if (made != nullptr) {
-        return made;
-    }
-    INFRA_LOG_ERROR("%s", failure != nullptr ? failure : "new ShareMemory failed.\n");
-    handles.destroy();
-    pool.layout = {};
-    detachSegment(pool.control, controlBefore);
-    detachSegment(pool.data, dataBefore);
-    pool.control = controlBefore;
-    pool.data = dataBefore;
-    return nullptr;
 }
 
 // Making -----------------------------------------------------------------------------------------
@@ -287,10 +373,12 @@ bool isPossible(const IMemPool::PoolParam& param)
         return false;
     }
     const BuddyConfig config = configOf(param);
-    INFRA_ASSERT_TEXT(config.pageSize > 0 && config.dataSize > 0,
-                      "config.pageSize > 0 && config.dataSize > 0");
-    INFRA_ASSERT_TEXT(config.dataSize >= config.pageSize, "config.dataSize >= config.pageSize");
-    INFRA_ASSERT_TEXT(Infra::isPowerOfTwo(config.pageSize), "config.pageSize == (1 << shift)");
+    INFRA_SYSTEM_ASSERT_TEXT(config.pageSize > 0 && config.dataSize > 0,
+                             "config.pageSize > 0 && config.dataSize > 0");
+    INFRA_SYSTEM_ASSERT_TEXT(config.dataSize >= config.pageSize,
+                             "config.dataSize >= config.pageSize");
+    INFRA_SYSTEM_ASSERT_TEXT(Infra::isPowerOfTwo(config.pageSize),
+                             "config.pageSize == (1 << shift)");
     if (config.pageSize < smallestPage) {
         INFRA_LOG_ERROR("pages too small for bookkeeping, chunk:%u.\n", config.pageSize);
         return false;
@@ -302,77 +390,148 @@ bool isPossible(const IMemPool::PoolParam& param)
     return true;
 }
 
-/// A segment of this process's making.
+/// A segment that this process makes a pool of.
 struct NewSegment
 {
+    const char* key;
+    int id = -1;
     uint8_t* start = nullptr;
     size_t size = 0;      ///< bytes; one that was there may be larger than asked for
     bool isFresh = false; ///< all 0, because it was not there before
 };
 
+/// Others than the mapping just made.
+bool hasOtherUsers(const NewSegment& segment)
+{
+    return stateOf(segment.id).shm_nattch > 1;
+}
+
+/// Maps the segment of that name, which is made where it is missing or too small. Null start on
+/// failure.
 NewSegment createSegment(const char* key, size_t size)
 {
-    NewSegment made;
-    const bool wasMissing = idOf(key) == -1;
-    made.start = mapSegment(key, size, IPC_CREAT);
-    const shmid_ds state = stateOf(idOf(key));
-    made.size = state.shm_segsz != 0 ? state.shm_segsz : size;
-    made.isFresh = wasMissing && state.shm_cpid == getpid();
-    return made;
-}
-
-/// Others than the mapping just made.
-bool hasOtherUsers(const char* key)
-{
-    return stateOf(idOf(key)).shm_nattch > 1;
-}
-
-void dropSegments(const NewSegment& control, const NewSegment& data)
-{
-    unmapSegment(controlSegment, control.start);
-    unmapSegment(dataSegment, data.start);
-    gloShareMemOperation.shareMemRemove(controlSegment, nullptr, removeSegment);
-    gloShareMemOperation.shareMemRemove(dataSegment, nullptr, removeSegment);
-}
-
-/// Processes that still use the pool there is keep it: it loses its name, and the new one gets it.
-bool createSegments(size_t controlSize, size_t dataSize, NewSegment* control, NewSegment* data)
-{
-    *control = createSegment(controlSegment, controlSize);
-    *data = createSegment(dataSegment, dataSize);
-    if (control->start != nullptr && data->start != nullptr &&
-        (hasOtherUsers(controlSegment) || hasOtherUsers(dataSegment))) {
-        dropSegments(*control, *data);
-        *control = createSegment(controlSegment, controlSize);
-        *data = createSegment(dataSegment, dataSize);
+    for (;;) {
+        const int before = idOf(key);
+        NewSegment made = {key};
+        made.start = mapSegment(key, size, IPC_CREAT);
+        made.id = idOf(key);
+        const shmid_ds state = stateOf(made.id);
+        made.isFresh = made.id != before && state.shm_cpid == getpid();
+        made.size = state.shm_segsz != 0 ? state.shm_segsz : size;
+        if (made.start == nullptr || made.id == before || made.isFresh) {
+            return made;
+        }
+        unmapSegment(key, made.start); // the name has moved, and so it may be another
     }
-    if (control->start != nullptr && data->start != nullptr) {
-        return true;
+}
+
+/// Takes the name from a segment; who has mapped it keeps it. By its id: another process may have
+/// given the name to a segment of its own meanwhile.
+void unname(const char* key, int id)
+{
+    if (id == -1 || gloShareMemOperation.shareMemRemove != shareMemRemove) {
+        gloShareMemOperation.shareMemRemove(key, nullptr, removeSegment);
+    } else {
+        shmctl(id, IPC_RMID, nullptr);
     }
-    INFRA_LOG_ERROR("shareMemGet failed.\n");
-    unmapSegment(controlSegment, control->start);
-    unmapSegment(dataSegment, data->start);
-    for (const auto& [key, segment] : {std::pair(controlSegment, control), {dataSegment, data}}) {
-        if (segment->start != nullptr && segment->isFresh) {
-            gloShareMemOperation.shareMemRemove(key, nullptr, removeSegment);
+}
+
+void drop(const NewSegment& segment, bool withName)
+{
+    unmapSegment(segment.key, segment.start);
+    if (segment.start != nullptr && withName) {
+        unname(segment.key, segment.id);
+    }
+}
+
+enum class Claim
+{
+    taken,
+    inUse,    ///< processes use the pool in it
+    elsewhere ///< another process makes a pool in it
+};
+
+/// Makes the zone this process's, so that nobody else makes a pool there and nobody who attaches goes
+/// on before this one is ready. Only where no process is inside, which is looked at once more
+/// afterwards: who maps the segment later finds the claim.
+Claim claimControl(const NewSegment& control)
+{
+    ZoneHead* const zone = reinterpret_cast<ZoneHead*>(control.start);
+    uint32_t flag = __atomic_load_n(&zone->initFlag, __ATOMIC_ACQUIRE);
+    const bool isPool = flag == zoneReady;
+    if (isClaimedByOther(flag)) {
+        return Claim::elsewhere;
+    }
+    if (isPool && hasOtherUsers(control)) {
+        return Claim::inUse;
+    }
+    if (!__atomic_compare_exchange_n(&zone->initFlag, &flag, ownZoneClaim(), false,
+                                     __ATOMIC_SEQ_CST, __ATOMIC_RELAXED)) {
+        return Claim::elsewhere;
+    }
+    if (isPool && hasOtherUsers(control)) {
+        publish(zone->initFlag, zoneReady);
+        return Claim::inUse;
+    }
+    return Claim::taken;
+}
+
+/// The control segment, claimed; null start, logged, on failure. Processes that still use the pool
+/// there is keep it: it loses its names, and the new one gets them.
+NewSegment claimedControl(size_t size)
+{
+    for (int wait = 0; wait < makerPatience; ++wait) {
+        NewSegment control = createSegment(controlSegment, size);
+        if (control.start == nullptr) {
+            INFRA_LOG_ERROR("shareMemGet failed.\n");
+            return control;
+        }
+        const int data = idOf(dataSegment);
+        switch (claimControl(control)) {
+        case Claim::taken:
+            return control;
+        case Claim::inUse:
+            drop(control, true);
+            if (data != -1) {
+                unname(dataSegment, data);
+            }
+            break;
+        case Claim::elsewhere:
+            drop(control, false);
+            nanosleep(&pollPause, nullptr);
+            break;
         }
     }
-    return false;
+    INFRA_LOG_ERROR("another process is making a pool.\n");
+    return {controlSegment};
 }
 
-void clearSegment(const NewSegment& segment)
+/// A data segment that nobody uses; null start, logged, on failure.
+NewSegment unusedData(size_t size)
 {
-    if (!segment.isFresh) {
-        memset(segment.start, 0, segment.size);
+    NewSegment data = createSegment(dataSegment, size);
+    while (data.start != nullptr && hasOtherUsers(data)) {
+        drop(data, true);
+        data = createSegment(dataSegment, size);
     }
+    if (data.start == nullptr) {
+        INFRA_LOG_ERROR("shareMemGet failed.\n");
+    }
+    return data;
 }
 
-/// While the first zone has no length, nobody takes the segments for a pool.
+/// While the first zone has no length, nobody takes the segments for a pool. Its flag stays: it is
+/// the claim.
 void layOutPool(const NewSegment& control, const NewSegment& data, size_t buddyZoneSize)
 {
-    publish(reinterpret_cast<ZoneHead*>(control.start)->zoneLen, 0);
-    clearSegment(data);
-    clearSegment(control);
+    ZoneHead* const first = reinterpret_cast<ZoneHead*>(control.start);
+    publish(first->zoneLen, 0);
+    if (!data.isFresh) {
+        memset(data.start, 0, data.size);
+    }
+    if (!control.isFresh) {
+        memset(first->zoneData, 0, control.size - sizeof(ZoneHead));
+    }
     const size_t lengths[] = {getSyncZoneSize(), getReferZoneSize(), getSmallMemZoneSize(),
                               buddyZoneSize};
     uint8_t* places[std::size(lengths)] = {control.start};
@@ -383,6 +542,50 @@ void layOutPool(const NewSegment& control, const NewSegment& data, size_t buddyZ
         publish(reinterpret_cast<ZoneHead*>(places[i])->zoneLen,
                 static_cast<uint32_t>(lengths[i] + sizeof(ZoneHead)));
     }
+}
+
+/// Gives up what was made. Who waits for it goes on, and finds no pool or its own.
+void abandon(const NewSegment& control, const NewSegment& data, bool withNames)
+{
+    ZoneHead* const zone = reinterpret_cast<ZoneHead*>(control.start);
+    if (zone->initFlag == ownZoneClaim()) {
+        publish(zone->initFlag, 0);
+    }
+    drop(control, withNames || control.isFresh);
+    drop(data, withNames || data.isFresh);
+}
+
+CShareMemory* loadLocked(const IMemPool::PoolParam& param)
+{
+    if (PoolInstance::current() == nullptr) {
+        CShareMemory* const pool = attachPool(param);
+        sg_shareMemory_ref += pool != nullptr ? 1 : 0;
+        sg_shareMemory_instance.store(pool, std::memory_order_release);
+    }
+    return static_cast<CShareMemory*>(PoolInstance::current());
+}
+
+/// The caller has no pool, and the pool's lock.
+bool makeLocked(const IMemPool::PoolParam& param, CShareMemory** made)
+{
+    const size_t buddyZoneSize = getBuddyZoneSize(configOf(param));
+    const NewSegment control = claimedControl(ShareMem::controlSizeFor(configOf(param)));
+    if (control.start == nullptr) {
+        return false;
+    }
+    const NewSegment data = unusedData(param.poolSize);
+    if (data.start == nullptr) {
+        abandon(control, data, false);
+        return false;
+    }
+    layOutPool(control, data, buddyZoneSize);
+    *made = loadLocked(param);
+    if (*made == nullptr) {
+        INFRA_LOG_ERROR("loadMemPool failed.\n");
+        abandon(control, data, true);
+        return false;
+    }
+    return true;
 }
 
 // fork -------------------------------------------------------------------------------------------
@@ -397,8 +600,12 @@ void resumeParent()
     sg_shareMemory_mutex().leave();
 }
 
+/// What guard pages protect in the parent the child neither knows nor gives back.
 void resumeChild()
 {
+    if (IMemPool* const pool = PoolInstance::current()) {
+        static_cast<CShareMemory*>(pool)->unprotect();
+    }
     Infra::ForkAccess::renewTaken(sg_shareMemory_mutex());
 }
 
@@ -429,35 +636,35 @@ bool PoolInstance::detach(IMemPool* pool)
     return true;
 }
 
+void PoolInstance::park(CShareMemory* pool)
+{
+    CGuard guard(sg_shareMemory_mutex());
+    ParkedPools::put(pool);
+}
+
 bool IMemPool::initMemPool(const PoolParam& param)
 {
     if (param.poolType != PT_ShareMemory) {
         INFRA_LOG_ERROR("pool type error.\n");
         return false;
     }
-    if (PoolInstance::current() != nullptr) {
-        INFRA_LOG_ERROR("this process has a pool already.\n");
-        return false;
-    }
-    if (!isPossible(param)) {
-        return false;
-    }
-    const size_t buddyZoneSize = getBuddyZoneSize(configOf(param));
-    const size_t controlSize = ShareMem::controlSizeFor(configOf(param));
-    NewSegment control;
-    NewSegment data;
-    if (!createSegments(controlSize, param.poolSize, &control, &data)) {
-        return false;
-    }
-    layOutPool(control, data, buddyZoneSize);
-
-    CShareMemory* const pool = static_cast<CShareMemory*>(loadMemPool(param));
-    if (pool == nullptr || !pool->startTimer()) {
-        INFRA_LOG_ERROR("loadMemPool failed.\n");
-        if (pool != nullptr) {
-            pool->destroy();
+    const CLogHold hold;
+    CShareMemory* pool = nullptr;
+    {
+        CGuard guard(sg_shareMemory_mutex());
+        if (PoolInstance::current() != nullptr) {
+            INFRA_LOG_ERROR("this process has a pool already.\n");
+            return false;
         }
-        deinitMemPool();
+        if (!isPossible(param) || !makeLocked(param, &pool)) {
+            return false;
+        }
+    }
+    if (!pool->startTimer()) {
+        INFRA_LOG_ERROR("loadMemPool failed.\n");
+        unname(controlSegment, attached().control.id);
+        unname(dataSegment, attached().data.id);
+        pool->destroy();
         return false;
     }
     return true;
@@ -471,12 +678,7 @@ IMemPool* IMemPool::loadMemPool(const PoolParam& param)
     }
     const CLogHold hold;
     CGuard guard(sg_shareMemory_mutex());
-    if (PoolInstance::current() == nullptr) {
-        CShareMemory* const pool = attachPool(param);
-        sg_shareMemory_ref += pool != nullptr ? 1 : 0;
-        sg_shareMemory_instance.store(pool, std::memory_order_release);
-    }
-    return PoolInstance::current();
+    return loadLocked(param);
 }
 
 bool IMemPool::deinitMemPool()

@@ -8,6 +8,7 @@ namespace Tarsel
 namespace Memory
 {
 
+class CShareMemory;
 class IMemPool;
 
 struct PoolInstance
@@ -15,8 +16,10 @@ struct PoolInstance
     /// The pool in use, or null. Needs no lock.
     static IMemPool* current();
     /// Counts one user of `pool` less. True when that was the last one: the pool is no longer in use,
-    /// and the caller's to delete.
+    /// and the caller's to park.
     static bool detach(IMemPool* pool);
+    /// Keeps a pool object that is not in use, for the next time.
+    static void park(CShareMemory* pool);
 };
 
 } // namespace Memory

@@ -73,28 +73,20 @@ int lock(ProcessMutex* mutex)
 
 // Making ---------------------------------------------------------------------------------------
 
-// While one process makes the mutexes, the zone's flag says which.
 constexpr uint32_t claimBit = 0x40000000; // not in zoneReady; process ids stay below it
 static_assert((zoneReady & claimBit) == 0);
-
-bool isBeingMade(uint32_t flag)
-{
-    const pid_t maker = static_cast<pid_t>(flag & ~claimBit);
-    return (flag & claimBit) != 0 && maker != getpid() && (kill(maker, 0) == 0 || errno == EPERM);
-}
 
 /// False when the mutexes are there; true when it is for this process to make them.
 bool claimZone(ZoneHead* head)
 {
-    const uint32_t claim = claimBit | static_cast<uint32_t>(getpid());
     for (;;) {
         uint32_t flag = __atomic_load_n(&head->initFlag, __ATOMIC_ACQUIRE);
         if (flag == zoneReady) {
             return false;
         }
-        if (isBeingMade(flag)) {
+        if (isClaimedByOther(flag)) {
             nanosleep(&pollPause, nullptr);
-        } else if (__atomic_compare_exchange_n(&head->initFlag, &flag, claim, false,
+        } else if (__atomic_compare_exchange_n(&head->initFlag, &flag, ownZoneClaim(), false,
                                                __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
             return true;
         }
@@ -153,6 +145,17 @@ int openHandles(ZoneHead* head)
 }
 
 } // namespace
+
+uint32_t ownZoneClaim()
+{
+    return claimBit | static_cast<uint32_t>(getpid());
+}
+
+bool isClaimedByOther(uint32_t flag)
+{
+    const pid_t maker = static_cast<pid_t>(flag & ~claimBit);
+    return (flag & claimBit) != 0 && maker != getpid() && (kill(maker, 0) == 0 || errno == EPERM);
+}
 
 int initProcessMutex(ZoneHead* head)
 {

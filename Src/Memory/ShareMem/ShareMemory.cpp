@@ -57,25 +57,24 @@ CShareMemory::CShareMemory(Buddy* buddy, MemRefer* memRefer, SmallMem* smallMem)
       m_memRefer(memRefer),
       m_smallMem(smallMem),
       m_expireCleanTimer("expireClean"),
-      m_timerProcess(0)
+      m_timerProcess(0),
+      m_nextParked(nullptr)
 {}
 
+CShareMemory::~CShareMemory() = default;
+
 /// In the child of a fork there is no timer to wait for.
-CShareMemory::~CShareMemory()
+void CShareMemory::destroy()
 {
+    if (!PoolInstance::detach(this)) {
+        return;
+    }
     if (m_timerProcess == getpid()) {
         m_expireCleanTimer.stopAndWait();
     }
-    m_memRefer->destroy(m_memRefer);
-    m_smallMem->destroy(m_smallMem);
-    m_buddy->destroy(m_buddy);
-}
-
-void CShareMemory::destroy()
-{
-    if (PoolInstance::detach(this)) {
-        delete this;
-    }
+    m_timerProcess = 0;
+    unprotect();
+    PoolInstance::park(this);
 }
 
 bool CShareMemory::startTimer()
@@ -174,12 +173,18 @@ bool CShareMemory::getOffset(void* p, size_t& offset)
     return m_buddy->getOffset(m_buddy, p, &offset) == 0;
 }
 
-bool CShareMemory::hasBlock(size_t offset, size_t size)
+/// In one step: a block that is only looked at may be freed, and another be there, before it is
+/// counted.
+void* CShareMemory::claim(size_t offset, size_t size)
 {
+    const CLogHold hold;
     CProcessGuard guard(m_mutex);
     void* const block = guard.ok() ? m_buddy->getAddress(m_buddy, offset) : nullptr;
-    return block != nullptr && hasNode(m_memRefer, offset) && size > 0 &&
-           size <= blockLength(block);
+    if (block == nullptr || !hasNode(m_memRefer, offset) || size == 0 ||
+        size > blockLength(block) || m_memRefer->addRefer(m_memRefer, offset) != 0) {
+        return nullptr;
+    }
+    return block;
 }
 
 bool CShareMemory::isInData(const void* p, size_t length) const

@@ -3,6 +3,8 @@
 
 // The pool object of a process, and the lock of all processes.
 //
+// Life:   an object is never deleted, because other threads may be inside it when destroy() is called.
+//         It is parked, and used again when the process attaches to the same segments.
 // Locks:  sg_shareMemory_mutex guards making and ending the object. Process mutex 0 guards the
 //         shared state; nothing is logged or printed, and no other lock is taken, while it is held.
 
@@ -75,11 +77,20 @@ public:
     virtual bool getMemFreeSize(uint32_t& size);
     virtual void dumpInfo();
 
-    /// Whether there is a block of a user at `offset`, any number, of at least `size` bytes, more
-    /// than 0. What another process describes is held against this before anything is counted.
-    bool hasBlock(size_t offset, size_t size);
+    /// The block of a user at `offset`, any number, of at least `size` bytes, more than 0, with a
+    /// further reference of this process; null, and nothing counted, when there is none. For what
+    /// another process describes.
+    void* claim(size_t offset, size_t size);
     /// False where blocks cannot be told by their offset in other processes.
     virtual bool canHandOver() const { return true; }
+    /// Where guard pages stand; 0: there are none.
+    virtual int boundary() const { return 0; }
+    /// Makes all pages of this process's mapping writable that this object has protected.
+    virtual void unprotect() {}
+
+    /// Where the pages lie in this process.
+    const uint8_t* dataBase() const { return m_buddy->priv->data; }
+    size_t dataSize() const { return m_buddy->geTotalSize(m_buddy); }
 
 protected:
     ~CShareMemory() override;
@@ -103,6 +114,9 @@ private:
     Infra::CTimer m_expireCleanTimer;
     CProcessMutex m_mutex;
     pid_t m_timerProcess; ///< the process that started the timer; 0: none
+
+    friend struct ParkedPools;
+    CShareMemory* m_nextParked;
 };
 
 /// A pool whose allocations each have a read-only page beside them: a write across the end, or the
@@ -118,6 +132,8 @@ public:
     bool incDeliverRef(void* p) override;
     bool decDeliverRef(void* p) override;
     bool canHandOver() const override { return false; }
+    void unprotect() override;
+    int boundary() const override { return m_boundary; }
 
 private:
     ~CShareMemoryDebug() override;

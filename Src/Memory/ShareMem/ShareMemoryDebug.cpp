@@ -63,6 +63,9 @@ void* CShareMemoryDebug::allocMem(size_t& size)
     const uintptr_t lastPage = (start + granted) / s_pageSize * s_pageSize - s_pageSize;
     uint8_t* const guard = block + ((m_boundary == guardBefore ? firstPage : lastPage) - start);
     uint8_t* const data = m_boundary == guardBefore ? guard + s_pageSize : guard - size;
+    // Another process may have freed what this one had protected, and not know of it.
+    memProtect(reinterpret_cast<uint8_t*>(firstPage), lastPage + s_pageSize - firstPage,
+               PROT_READ | PROT_WRITE);
     const Header header = {size, block, guard, debugMarker};
     memcpy(data - sizeof(header), &header, sizeof(header));
     if ((m_boundary != guardBefore && m_boundary != guardBehind) ||
@@ -71,6 +74,12 @@ void* CShareMemoryDebug::allocMem(size_t& size)
         return nullptr;
     }
     return data;
+}
+
+void CShareMemoryDebug::unprotect()
+{
+    memProtect(const_cast<uint8_t*>(dataBase()), dataSize() / s_pageSize * s_pageSize,
+               PROT_READ | PROT_WRITE);
 }
 
 /// The block behind `p`, if that is the data of an allocation with a guard page; else null.

@@ -13,7 +13,6 @@
 #include "Infra3/LogFront.h"
 #include "Memory/CopyBytes.h"
 #include "Memory/PacketManager.h"
-#include "Memory/ShareMem/MemoryBlockAccess.h"
 #include "Memory/ShareMemory.h"
 #include "Memory/SharePacketHelper.h"
 #include "Memory/SharePacketSeam.h"
