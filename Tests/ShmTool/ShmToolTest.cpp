@@ -22,11 +22,14 @@
 #include "Memory/ShareMem/Layout.h"
 #include "ShareMem/SharePool.h"
 #include "Support/Eventually.h"
+#include "Support/RunTool.h"
 
 using namespace Tarsel::Memory;
 using nlohmann::json;
 using Tarsel::TestSupport::ChildResult;
 using Tarsel::TestSupport::poolParam;
+using Tarsel::TestSupport::Ran;
+using Tarsel::TestSupport::runTool;
 using Tarsel::TestSupport::runWithPools;
 using testing::HasSubstr;
 
@@ -36,25 +39,10 @@ namespace
 constexpr size_t poolSize = 1 << 20;
 constexpr size_t pageSize = 1024;
 
-struct Ran
-{
-    int code;
-    std::string output;
-};
-
 /// Runs the tool; the output is both of its outputs together, or the standard one alone.
 Ran tool(const std::string& arguments, const char* errors = " 2>&1")
 {
-    fflush(stdout);
-    FILE* const pipe = popen((INFRA_SHM_TOOL " " + arguments + errors).c_str(), "r");
-    Ran ran = {-1, ""};
-    char bytes[4096];
-    for (size_t got = 0; (got = fread(bytes, 1, sizeof(bytes), pipe)) > 0;) {
-        ran.output.append(bytes, got);
-    }
-    const int status = pclose(pipe);
-    ran.code = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    return ran;
+    return runTool(INFRA_SHM_TOOL " " + arguments + errors);
 }
 
 json toolJson(const std::string& arguments)

@@ -4,7 +4,7 @@
 
 #include <sys/shm.h>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 #include "Infra3/Arithmetic.h"
 #include "LivePool.h"
 #include "Memory/ShareMemory.h"

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 
 namespace
 {

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstdarg>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 
 namespace
 {

@@ -16,7 +16,7 @@
 #include <set>
 
 #include "Commands.h"
-#include "Failure.h"
+#include "Common/Failure.h"
 #include "LivePool.h"
 
 namespace

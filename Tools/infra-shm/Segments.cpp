@@ -11,7 +11,7 @@
 #include <sstream>
 #include <utility>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 
 using ShareMem::findZones;
 using ShareMem::Layout;

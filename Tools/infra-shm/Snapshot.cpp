@@ -18,7 +18,7 @@
 #include <memory>
 #include <utility>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 #include "Infra3/Arithmetic.h"
 #include "Memory/ShareMem/Repair.h"
 

@@ -7,7 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Commands.h"
-#include "Failure.h"
+#include "Common/Failure.h"
 #include "Infra/Infra3/PrintLog.h"
 
 namespace
