@@ -27,7 +27,6 @@
 #include <Infra/Infra3/ThreadLite.h>
 
 using Tarsel::Infra::CThreadLite;
-using Tarsel::Infra::LogLevel;
 
 namespace
 {
