@@ -55,27 +55,37 @@ int unlock(ProcessMutex* mutex)
     return 0;
 }
 
+int noteTaken(const ProcessMutex* mutex)
+{
+    ShareMem::holdReports();
+    if (mutex == s_handles[0]) {
+        s_epoch.store(s_epoch.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    return 0;
+}
+
+/// Goes on behind a first attempt that did not simply succeed. Stands apart so that one that does
+/// needs hardly a register.
+template <typename Take>
+[[gnu::cold, gnu::noinline]] int lockAfterDeath(ProcessMutex* mutex, Take take, int result)
+{
+    while (result == EOWNERDEAD) {
+        ShareMem::holdReports();
+        repairAfterDeath(mutex);
+        pthread_mutex_consistent(&mutex->internal->m_lock);
+        unlock(mutex);
+        result = take(&mutex->internal->m_lock);
+    }
+    return result == 0 ? noteTaken(mutex) : result;
+}
+
 template <typename Take>
 int lockBy(ProcessMutex* mutex, Take take)
 {
     INFRA_SYSTEM_ASSERT_TEXT(mutex != nullptr && mutex->internal != nullptr,
                              "mutex != ((void *)0) && mutex->internal != ((void *)0)");
-    pthread_mutex_t* const own = &mutex->internal->m_lock;
-    int result = take(own);
-    while (result == EOWNERDEAD) {
-        ShareMem::holdReports();
-        repairAfterDeath(mutex);
-        pthread_mutex_consistent(own);
-        unlock(mutex);
-        result = take(own);
-    }
-    if (result == 0) {
-        ShareMem::holdReports();
-        if (mutex == s_handles[0]) {
-            s_epoch.store(s_epoch.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        }
-    }
-    return result;
+    const int result = take(&mutex->internal->m_lock);
+    return result == 0 ? noteTaken(mutex) : lockAfterDeath(mutex, take, result);
 }
 
 int lock(ProcessMutex* mutex)
