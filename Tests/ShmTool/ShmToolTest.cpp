@@ -286,7 +286,7 @@ TEST(ShmTool, ShowsBlocksWithTheirHolders)
             } else if (block["offset"] == shared) {
                 EXPECT_EQ(sign, '>');
                 EXPECT_EQ(block["handOvers"], 1);
-                EXPECT_EQ(block["passesToExpire"], 2);
+                EXPECT_THAT(block["passesToExpire"], testing::AnyOf(1, 2)); // the timer runs
                 EXPECT_TRUE(block["holders"].empty());
             } else {
                 EXPECT_EQ(sign, 'x');
