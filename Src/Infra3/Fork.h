@@ -19,6 +19,7 @@ enum class ForkRank
 {
     shareBlocks, ///< attaching makes a timer and what runs it
     sharePool,
+    clients, ///< its list makes a timer
     singletons,
     timers,
     loadController,

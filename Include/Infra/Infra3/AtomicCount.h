@@ -30,6 +30,19 @@ public:
     {
         return __atomic_load_n(&value_, __ATOMIC_ACQUIRE) == 1 || --*this == 0;
     }
+    /// Takes one away unless it is the last: what has to happen with the last one under a lock needs
+    /// none before. The count left; 0, and nothing changed, when there were not two.
+    int dropUnlessLast() noexcept
+    {
+        int count = __atomic_load_n(&value_, __ATOMIC_RELAXED);
+        while (count > 1) {
+            if (__atomic_compare_exchange_n(&value_, &count, count - 1, true, __ATOMIC_ACQ_REL,
+                                            __ATOMIC_RELAXED)) {
+                return count - 1;
+            }
+        }
+        return 0;
+    }
     int value() const noexcept { return __atomic_load_n(&value_, __ATOMIC_RELAXED); }
     operator int() const noexcept { return value(); }
 

@@ -1,0 +1,111 @@
+#ifndef INFRA_SRC_COMPONENT_COMPONENTINTERNAL_H
+#define INFRA_SRC_COMPONENT_COMPONENTINTERNAL_H
+
+// Components: counted objects, where they come from, and who shares them.
+//
+//     application ── TComPtr ──> object ── through ──> client (logged in to a server)
+//         │                        ▲                      ▲
+//         │ interface + class      │ makes, shares        │ finds, makes, logs in
+//         └──────────────> factory registry ──────────────┘
+//         │ class + server         ▲
+//         └──────────────> creator registry ── dlopen ── ./lib<class>.so
+//
+// Who shares an object decides what happens to its last reference:
+//
+//     by                 | lock, besides the count             | then
+//     nobody             | none                                | destroy()
+//     an object table    | the table's (ObjectTable.h)         | leave the table; destroy()
+//     creator registry   | instances (OldUnknown.cpp)          | leave the class's list; destroy()
+//     the client list    | the list's (ClientFactory.cpp)      | leave the list; logout(), destroy()
+//
+// While there are two references or more, one is dropped with a compare-and-swap and no lock. The
+// last one is dropped under the lock of what shares the object, where look-ups add theirs; so what
+// a look-up finds is alive, and an object that is about to go cannot be found. logout(), destroy(),
+// creators, login() and the dynamic linker run without a lock of the registries held.
+//
+// Factories register from static constructors and are taken out by static destructors of any
+// library, so all registries are immortal. Names are never taken out of a registry: they are looked
+// up without a lock (NameTable.h).
+//
+// Lock order: client creation, then the client list; all others are leaves. getUserID() of clients
+// is asked, and create() of client factories called, under these two; both are recursive.
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "Component/ObjectTable.h"
+#include "Component/OrderedIndex.h"
+#include "Component/Unknown.h"
+#include "Infra/Infra3/AtomicCount.h"
+
+namespace Tarsel
+{
+namespace Component
+{
+
+class IClient;
+struct ComponentClass;
+
+/// A shared object of the creator registry, and the server for which it was made.
+struct ComponentInstance
+{
+    IUnknown* pointer;
+    bool remote; ///< made for a server
+    std::string serverAddress;
+    uint32_t serverPort;
+    std::string userName;
+    std::string password;
+    int loginType;
+    ComponentClass* owner;
+};
+
+typedef TOrderedIndex<ComponentInstance> ComponentInstanceList;
+
+struct IUnknown::UnknownInternal
+{
+    Infra::CAtomicCount refCount{1};
+    /// 0 or 1: handed to a user. Until then the reference of its making is the user's to be.
+    std::atomic<int64_t> isUsing{0};
+    bool instance = false; ///< in the list of the creator registry
+    const char* cid = "";  ///< its class in the creator registry, whose names live for ever
+    Detail::CObjectTable* table = nullptr;
+    IClient* client = nullptr; ///< the object itself, if it is one
+    /// Its place in the creator registry's list, while `instance`.
+    ComponentInstanceList::Node* place = nullptr;
+
+    /// Drops a reference unless it is the last: the count left, or 0 and nothing was dropped.
+    int dropUnlessLast();
+
+    /// The first hand-out passes the first reference on, every later one adds one.
+    void handOut()
+    {
+        if (markUsed()) {
+            ++refCount;
+        }
+    }
+    /// True when it was used before. Objects in use are not written to.
+    bool markUsed() { return isUsing.load() == 1 || isUsing.exchange(1) == 1; }
+};
+
+/// Drops a reference to a shared object of the creator registry under the registry's lock; the last
+/// one takes the object out of its list. The count left.
+int dropInstance(IUnknown* object);
+/// The same for a client and the client list.
+int dropClient(IClient* client);
+/// A client has one reference left: it may be the list's, and the client become idle.
+void noteOneReferenceLeft(IClient* client);
+
+inline int IUnknown::UnknownInternal::dropUnlessLast()
+{
+    const int left = refCount.dropUnlessLast();
+    if (left == 1 && client != nullptr) {
+        noteOneReferenceLeft(client);
+    }
+    return left;
+}
+
+} // namespace Component
+} // namespace Tarsel
+
+#endif

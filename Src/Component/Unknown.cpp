@@ -1,0 +1,98 @@
+// Unknown.cpp: counting references.
+//
+// A reference that is not the last is dropped without a lock. For the last one it matters who
+// shares the object, see ComponentInternal.h: between reading a count of 1 and getting the lock a
+// look-up may have added a reference, so the count that is left is only known under the lock.
+
+#include "Component/Unknown.h"
+
+#include "Component/ComponentInternal.h"
+#include "Infra3/AssertFront.h"
+
+namespace Tarsel
+{
+namespace Component
+{
+namespace
+{
+
+/// Drops a reference under the lock of who lists the object, and has it leave that list with the
+/// last one.
+int dropLast(IUnknown* object)
+{
+    if (object->m_internal->instance) {
+        return dropInstance(object);
+    }
+    if (object->m_internal->client != nullptr) {
+        return dropClient(object->m_internal->client);
+    }
+    return --object->m_internal->refCount;
+}
+
+} // namespace
+
+IUnknown::IUnknown() : m_internal(new UnknownInternal) {}
+
+IUnknown::~IUnknown()
+{
+    delete m_internal;
+}
+
+int IUnknown::addRef()
+{
+    m_internal->markUsed();
+    return ++m_internal->refCount;
+}
+
+int IUnknown::release()
+{
+    int left = m_internal->dropUnlessLast();
+    if (left > 0) {
+        return left;
+    }
+    Detail::CObjectTable* const table = m_internal->table;
+    if (table == nullptr) {
+        left = dropLast(this);
+    } else {
+        table->lock();
+        left = dropLast(this);
+        if (left == 0) {
+            table->erase(this);
+        }
+        table->unlock();
+    }
+    if (left == 0) {
+        destroy();
+    }
+    return left;
+}
+
+int getRefCount(IUnknown* object)
+{
+    return object == nullptr ? 0 : object->m_internal->refCount.value();
+}
+
+int decreaseRefCount(IUnknown* object)
+{
+    INFRA_ASSERT(object);
+    const int left = --object->m_internal->refCount;
+    if (left == 1 && object->m_internal->client != nullptr) {
+        noteOneReferenceLeft(object->m_internal->client);
+    }
+    return left;
+}
+
+void setObjectTable(IUnknown* object, Detail::CObjectTable* table)
+{
+    INFRA_ASSERT(object);
+    object->m_internal->table = table;
+}
+
+void makeInstanceForTable(IUnknown* object)
+{
+    INFRA_ASSERT(object);
+    object->m_internal->handOut();
+}
+
+} // namespace Component
+} // namespace Tarsel
