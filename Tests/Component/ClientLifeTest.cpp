@@ -1,0 +1,295 @@
+// Clients and threads, the clock, the end of the process, and fork.
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Component/Session.h"
+#include "Infra/Infra3/PrintLog.h"
+#include "Infra/Infra3/Semaphore.h"
+#include "Infra/Infra3/Time.h"
+#include "Support/ChildProcess.h"
+#include "Support/Eventually.h"
+#include "Support/FreshProcess.h"
+#include "Support/SystemClock.h"
+
+namespace
+{
+
+using namespace Tarsel::Component;
+using namespace Tarsel::TestSupport;
+using Tarsel::Infra::CSemaphore;
+using Tarsel::Infra::CTime;
+
+typedef IClient::ClientInternal Record;
+
+// The clock. It stands still, so the check that runs 17 times a second beside ours sees the same.
+
+class IdleTest : public testing::Test
+{
+protected:
+    IdleTest() : m_startMs(CTime::getCurrentMilliSecond()) { setClock(0); }
+    ~IdleTest() override { freezeMonotonicClock(0); }
+
+    void setClock(uint64_t sinceStartMs)
+    {
+        freezeMonotonicClock((m_startMs + sinceStartMs) * 1000);
+    }
+    static void check() { CClientInstanceList::instance()->removeIdleClientInstance(0); }
+
+    /// A client whose login failed: only the list knows of it.
+    static IClient* makeIdle(uint32_t port)
+    {
+        IClient* const client = ClientFactory::createAndMakeClientObject("Dev", serverAt(port));
+        CComponentHelper::release(client);
+        return client;
+    }
+
+    CSessionFactory factory{"Dev"};
+
+private:
+    const uint64_t m_startMs;
+};
+
+TEST_F(IdleTest, WhatNobodyUsesForMoreThanFiveMinutesGoes)
+{
+    factory.plan.login = [] { return true; };
+    IClient* const held = ClientFactory::createAndMakeClientObject("Dev", serverAt(1));
+    IClient* const retried = makeIdle(2);
+    IClient* const later = makeIdle(3);
+    makeIdle(4);
+    IClient* const handedOut = makeIdle(5); // as a look-up by user does, login or not
+    IClient* none = nullptr;
+    ASSERT_NE(ClientFactory::getAndMakeClientInstance("Dev", serverAt(5)), nullptr);
+    ClientFactory::markClientUsing(handedOut);
+    EXPECT_EQ(clientCountsOf(handedOut), (ClientCounts{1, 1, 1, true}));
+    auto* const wrapper = static_cast<IClient::IFactory*>(
+        CComponentHelper::getComponentFactory("Client", "Dev", -1, none));
+    IClient* const byFactory = wrapper->create(serverAt(6));
+    CSession* const loggedIn = sessionFor("Dev", serverAt(7));
+    ASSERT_EQ(CSession::s_alive, 7);
+
+    setClock(300000);
+    later->m_internal->retryTime = CTime::getCurrentMilliSecond() + 1; // set while a check begins
+    check();
+    EXPECT_EQ(CSession::s_alive, 7);
+    EXPECT_TRUE(clientLogin(retried));
+    retried->m_internal->state = Record::created;
+    setClock(300001);
+    check();
+    EXPECT_EQ(CSession::s_alive, 6); // the fourth
+    EXPECT_EQ(CSession::s_logouts, 1);
+    EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Dev", serverAt(4)), nullptr);
+
+    EXPECT_EQ(CComponentHelper::release(held), 1); // idle all the time, but held
+    check();
+    EXPECT_EQ(CSession::s_alive, 5);
+    setClock(600000);
+    check();
+    EXPECT_EQ(CSession::s_alive, 5);
+    setClock(600001);
+    check();
+    EXPECT_EQ(CSession::s_alive, 4); // the one that was tried again
+    setClock(600002);
+    check();
+    EXPECT_EQ(CSession::s_alive, 3);
+    setClock(100000000);
+    check();
+    for (IClient* used : {handedOut, byFactory, static_cast<IClient*>(loggedIn)}) {
+        EXPECT_TRUE(clientCountsOf(used).isListed);
+        EXPECT_EQ(CComponentHelper::release(used), 0);
+    }
+}
+
+TEST_F(IdleTest, TheTimerDropsIdleClients)
+{
+    makeIdle(8)->m_internal->retryTime = 1;
+    freezeMonotonicClock(0);
+    EXPECT_TRUE(eventually([] { return CSession::s_alive == 0; }));
+}
+
+// Threads.
+
+TEST(ClientThreadTest, OneThreadLogsInForAllThatAsk)
+{
+    CSessionFactory factory("Dev");
+    CSemaphore entered(0);
+    CSemaphore mayEnd(0);
+    factory.plan.login = [&] {
+        entered.post();
+        mayEnd.pend();
+        return true;
+    };
+    std::atomic<int> asking{0};
+    std::thread opener([&] {
+        entered.pend();
+        EXPECT_TRUE(eventually([&asking] { return asking == 8; }));
+        // Meanwhile the others come and go.
+        factory.plan.login = [] { return true; };
+        CComponentHelper::release(sessionFor("Dev", serverAt(21)));
+        mayEnd.post();
+    });
+    CSession* found[8] = {};
+    onThreads(8, [&](int thread) {
+        ++asking;
+        found[thread] = sessionFor("Dev", serverAt(20));
+    });
+    opener.join();
+    EXPECT_THAT(found, testing::Each(found[0]));
+    EXPECT_EQ(clientCountsOf(found[0]), (ClientCounts{8, 1, 1, true}));
+    EXPECT_EQ(found[0]->logins, 1);
+    for (CSession* client : found) {
+        CComponentHelper::release(client);
+    }
+    EXPECT_EQ(CSession::s_alive, 0);
+}
+
+TEST(ClientThreadTest, SharingBreakingAbortingAndCheckingGoOnAtOnce)
+{
+    CSessionFactory factory("Dev");
+    std::atomic<int> attempts{0};
+    factory.plan.login = [&attempts] { return ++attempts % 5 != 0; };
+    std::atomic<bool> done{false};
+    std::thread checker([&done] {
+        while (!done) {
+            CClientInstanceList::instance()->removeIdleClientInstance(0);
+        }
+    });
+    onThreads(6, [&factory](int thread) {
+        for (int round = 0; round < 400; ++round) {
+            const uint32_t port = 30 + static_cast<uint32_t>(round % 3);
+            const TComPtr<IClient> client(sessionFor("Dev", serverAt(port)), nullptr, 0);
+            if (!client) {
+                continue;
+            }
+            IClient* byUser = nullptr;
+            CComponentHelper::getComponentFactory("Recorder", "Dev", 7, byUser);
+            CComponentHelper::release(byUser);
+            if (round % 16 == thread) {
+                client->saveUserName("same");
+                static_cast<CSession*>(client.get())->broken = round % 32 == thread;
+                client->abort(round);
+            }
+            ServerInfo server = {};
+            client->getServerInfo(server);
+            EXPECT_GT(strlen(server.userName), 0u);
+            (void)factory.instance(7);
+        }
+    });
+    done = true;
+    checker.join();
+    // What is left are clients whose last login failed: nobody but the list has them.
+    for (uint32_t port = 30; port < 33; ++port) {
+        for (const char* user : {"user", "same"}) {
+            ServerInfo server = serverAt(port);
+            server.userName = user;
+            while (IClient* left = ClientFactory::getAndMakeClientInstance("Dev", server)) {
+                EXPECT_EQ(clientCountsOf(left), (ClientCounts{2, 1, 0, true}));
+                CComponentHelper::release(left);
+                CComponentHelper::release(left);
+            }
+        }
+    }
+    EXPECT_EQ(CSession::s_alive, 0);
+}
+
+// The end of the process.
+
+TEST(ClientExitTest, ClientsThatAreLeftStayAsTheyAre)
+{
+    INFRA_IN_FRESH_PROCESS(([] {
+        static CSessionFactory factory("Dev");
+        factory.plan.logout = [] { ADD_FAILURE() << "nobody logged out"; };
+        sessionFor("Dev", serverAt(40));
+        ClientFactory::createAndMakeClientObject("Dev", serverAt(41));
+    }));
+}
+
+TEST(ClientExitTest, ClientsMayBeReleasedAndAskedForBehindTheExitHandlers)
+{
+    const ChildResult child = runInChild([] {
+        // Statics end in the order opposite to that of their making: this one behind the list.
+        struct Late
+        {
+            ~Late()
+            {
+                CComponentHelper::release(client);
+                CSession* const another = sessionFor("Dev", serverAt(43));
+                CComponentHelper::release(another);
+                fprintf(stderr, "%d made, %d alive, %d logged out\n", CSession::s_made.load(),
+                        CSession::s_alive.load(), CSession::s_logouts.load());
+            }
+            CSessionFactory factory{"Dev"};
+            CSession* client = nullptr;
+        };
+        CSession::s_made = CSession::s_logouts = 0;
+        static Late s_late;
+        s_late.factory.plan.logout = [] { Tarsel::Infra::logInfo("a logout may log\n"); };
+        s_late.client = sessionFor("Dev", serverAt(42));
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.report();
+    EXPECT_THAT(child.errorOutput, testing::HasSubstr("2 made, 0 alive, 2 logged out\n"));
+    EXPECT_EQ(countOf(child.output, "a logout may log"), 2);
+}
+
+TEST(ClientExitTest, TheProcessMayExitInALogoutOfTheIdleCheck)
+{
+    const ChildResult child = runInChild([] {
+        CSessionFactory factory("Dev");
+        factory.plan.logout = [] { exit(3); };
+        IClient* const client = ClientFactory::createAndMakeClientObject("Dev", serverAt(44));
+        CComponentHelper::release(client);
+        client->m_internal->retryTime = 1;
+        pause();
+    });
+    EXPECT_EQ(child.exitCode, 3) << child.report();
+}
+
+// fork.
+
+TEST(ClientForkTest, TheChildOfABusyProcessCanUseClients)
+{
+    INFRA_NEEDS_A_HEAP_THAT_FORKS();
+    CSessionFactory factory("Dev");
+    CSession* const kept = sessionFor("Dev", serverAt(50));
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (uint32_t port = 50; port < 52; ++port) {
+        threads.emplace_back([port, &done] {
+            while (!done) {
+                CComponentHelper::release(sessionFor("Dev", serverAt(port)));
+            }
+        });
+    }
+    for (int i = 0; i < 20; ++i) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            alarm(20);
+            CSession* const again = sessionFor("Dev", serverAt(50));
+            CSession* const another = sessionFor("Dev", serverAt(52));
+            const bool isDropped = CComponentHelper::release(another) == 0;
+            // The idle check runs again.
+            IClient* const idle = ClientFactory::createAndMakeClientObject("Dev", serverAt(53));
+            const int alive = CSession::s_alive;
+            CComponentHelper::release(idle);
+            idle->m_internal->retryTime = 1;
+            const bool goes = eventually([alive] { return CSession::s_alive < alive; });
+            _exit(again == kept && isDropped && goes ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(status, 0);
+    }
+    done = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(CComponentHelper::release(kept), 0);
+}
+
+} // namespace
