@@ -44,7 +44,7 @@ constexpr uint32_t checkPeriodMs = 60;
 constexpr uint32_t checkTimeoutMs = 60000;
 
 /// No client can be idle before this time.
-constinit std::atomic<uint64_t> s_nextIdleCheck{UINT64_MAX};
+constinit std::atomic<uint64_t> s_nextIdleCheck{neverIdle};
 
 /// The list while the process forks, whose lock this thread has taken.
 constinit CClientInstanceList* s_lockedForFork = nullptr;
@@ -66,18 +66,16 @@ void end(IClient* client)
 
 void expectIdleClient(uint64_t sinceMs)
 {
-    const uint64_t time = sinceMs < UINT64_MAX - idleAfterMs ? sinceMs + idleAfterMs + 1 : sinceMs;
+    const uint64_t time = sinceMs < neverIdle - idleAfterMs ? sinceMs + idleAfterMs + 1 : neverIdle;
     uint64_t next = s_nextIdleCheck.load();
     while (time < next && !s_nextIdleCheck.compare_exchange_weak(next, time)) {
     }
 }
 
-void noteOneReferenceLeft(IClient* client)
+uint64_t idleSince(IClient* client)
 {
     const IClient::ClientInternal* const record = client->m_internal;
-    if (record != nullptr && record->mayBecomeIdle()) {
-        expectIdleClient(record->retryTime);
-    }
+    return record != nullptr && record->mayBecomeIdle() ? uint64_t{record->retryTime} : neverIdle;
 }
 
 int dropClient(IClient* client)
@@ -425,7 +423,7 @@ std::vector<IClient*> CClientInstanceList::unlinkIdle(uint64_t nowMs)
 {
     std::vector<IClient*> idle;
     CRecursiveGuard guard(m_mutex);
-    s_nextIdleCheck.store(UINT64_MAX);
+    s_nextIdleCheck.store(neverIdle);
     for (auto at = m_clientList.begin(); at != m_clientList.end();) {
         IClient* const client = (at++)->value;
         const IClient::ClientInternal& record = *client->m_internal;

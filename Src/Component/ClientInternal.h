@@ -14,6 +14,7 @@
 #include <string>
 
 #include "Component/Client.h"
+#include "Component/ComponentInternal.h"
 #include "Component/OrderedIndex.h"
 #include "Infra/Infra3/RecursiveMutex.h"
 #include "Infra/Infra3/Signal.h"
@@ -23,20 +24,20 @@ namespace Tarsel
 namespace Component
 {
 
-/// No idle check before this time may find a client of which nobody but the list knows.
-void expectIdleClient(uint64_t sinceMs);
-
 /// When a client last had something to do with its server. A client may become idle five minutes
 /// after each setting.
 class CRetryTime
 {
 public:
-    void operator=(uint64_t milliseconds) // NOLINT: it is no copy
+    void operator=(uint64_t milliseconds) // NOLINT(misc-unconventional-assign-operator)
     {
         m_milliseconds.store(milliseconds);
         expectIdleClient(milliseconds);
     }
-    operator uint64_t() const { return m_milliseconds.load(); } // NOLINT: reads like the number
+    operator uint64_t() const
+    {
+        return m_milliseconds.load();
+    } // NOLINT(google-explicit-constructor)
 
 private:
     std::atomic<uint64_t> m_milliseconds{0};

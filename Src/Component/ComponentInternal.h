@@ -93,14 +93,19 @@ struct IUnknown::UnknownInternal
 int dropInstance(IUnknown* object);
 /// The same for a client and the client list.
 int dropClient(IClient* client);
-/// A client has one reference left: it may be the list's, and the client become idle.
-void noteOneReferenceLeft(IClient* client);
+/// Since when a client would be idle if nobody but the list had it; neverIdle when it cannot be.
+uint64_t idleSince(IClient* client);
+constexpr uint64_t neverIdle = UINT64_MAX;
+/// Has the idle check look five minutes after `sinceMs`.
+void expectIdleClient(uint64_t sinceMs);
 
+/// Nothing of the object is touched behind the drop: others may drop theirs at once.
 inline int IUnknown::UnknownInternal::dropUnlessLast()
 {
+    const uint64_t since = client == nullptr ? neverIdle : idleSince(client);
     const int left = refCount.dropUnlessLast();
-    if (left == 1 && client != nullptr) {
-        noteOneReferenceLeft(client);
+    if (left == 1 && since != neverIdle) {
+        expectIdleClient(since);
     }
     return left;
 }

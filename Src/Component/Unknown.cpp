@@ -75,9 +75,11 @@ int getRefCount(IUnknown* object)
 int decreaseRefCount(IUnknown* object)
 {
     INFRA_ASSERT(object);
+    IClient* const client = object->m_internal->client;
+    const uint64_t since = client == nullptr ? neverIdle : idleSince(client);
     const int left = --object->m_internal->refCount;
-    if (left == 1 && object->m_internal->client != nullptr) {
-        noteOneReferenceLeft(object->m_internal->client);
+    if (left == 1 && since != neverIdle) {
+        expectIdleClient(since);
     }
     return left;
 }

@@ -255,6 +255,9 @@ TEST(ClientExitTest, TheProcessMayExitInALogoutOfTheIdleCheck)
 TEST(ClientForkTest, TheChildOfABusyProcessCanUseClients)
 {
     INFRA_NEEDS_A_HEAP_THAT_FORKS();
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer does not support new threads in the child of such a fork";
+#endif
     CSessionFactory factory("Dev");
     CSession* const kept = sessionFor("Dev", serverAt(50));
     std::atomic<bool> done{false};

@@ -380,7 +380,7 @@ TEST_F(ClientTest, ABrokenSessionIsLoggedInAgain)
     EXPECT_EQ(client->m_internal->state, Record::logined);
 
     log.clear();
-    client->m_internal->state = static_cast<Record::State>(9);
+    client->m_internal->state = static_cast<Record::State>(3);
     EXPECT_EQ(sessionFor("Dev", server), nullptr);
     EXPECT_EQ(log.takeLeveled(), "error|Infra.getComponentFactory(): client state is unknown!\n");
     for (int left = 3; left >= 0; --left) {
@@ -404,7 +404,8 @@ TEST_F(ClientTest, NoLineHoldsAPassword)
     factory.plan.login = [] { return false; };
     sessionFor("Dev", server);
     IClient* const client = CClientInstanceList::instance()->findClientInstance("Dev", server);
-    client->getServerInfo(server);
+    ServerInfo lent = {};
+    client->getServerInfo(lent);
     client->saveUserName("x");
     client->saveUserName("y");
     CComponentHelper::release(client);
