@@ -100,11 +100,14 @@ private:
 /// Is told when a session ends.
 struct Watch
 {
-    void onStatus(void* /*data*/, ClassID clsid, TComPtr<IClient> /*client*/,
-                  IClient::Status status, int reason)
+    void onStatus(void* /*data*/, ClassID clsid, TComPtr<IClient> client, IClient::Status status,
+                  int reason)
     {
         if (status == IClient::statusSessionAborted) {
-            std::printf("    a session of class %s ended, reason %d\n", clsid.m_str, reason);
+            ServerInfo server = {};
+            client->getServerInfo(server);
+            std::printf("    the %s session of %s ended, reason %d\n", clsid.m_str, server.userName,
+                        reason);
             ++aborted;
         }
     }

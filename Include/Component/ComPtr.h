@@ -51,14 +51,9 @@ public:
     }
     ~TComPtr() { dropRefs(); }
 
-    TComPtr& operator=(const TComPtr& other)
+    TComPtr& operator=(TComPtr other) noexcept
     {
-        TComPtr(other).swap(*this);
-        return *this;
-    }
-    TComPtr& operator=(TComPtr&& other) noexcept
-    {
-        TComPtr(std::move(other)).swap(*this);
+        swap(other);
         return *this;
     }
 

@@ -17,7 +17,7 @@ namespace Component
 
 IServerInfoQueryer::~IServerInfoQueryer() = default;
 
-bool setQueryerHandler(IServerInfoQueryerPtr queryerPtr)
+bool setQueryerHandler(IServerInfoQueryerPtr queryerPtr) // NOLINT(performance-*): published so
 {
     return CServerInfoQueryerHelper::instance().setQueryerHandler(queryerPtr);
 }

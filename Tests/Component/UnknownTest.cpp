@@ -212,8 +212,8 @@ TEST(ComPtrTest, IsTestedAndComparedWithNull)
     const bool isFull = full;
     EXPECT_TRUE(isFull);
     EXPECT_TRUE(full && !empty);
-    EXPECT_TRUE(full != nullptr && nullptr != full && full != NULL);
-    EXPECT_TRUE(empty == nullptr && nullptr == empty && empty == NULL);
+    EXPECT_TRUE(full != nullptr && nullptr != full && full != NULL);    // NOLINT
+    EXPECT_TRUE(empty == nullptr && nullptr == empty && empty == NULL); // NOLINT
     EXPECT_TRUE(full != empty && !(full == empty));
     EXPECT_EQ(empty ? 1 : 2, 2);
 }
