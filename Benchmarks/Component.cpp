@@ -30,6 +30,9 @@ namespace
 using namespace Bench;
 using namespace Tarsel::Component;
 
+/// A call is a call: the compiler does not know what is behind it.
+#define NOT_INLINE __attribute__((noinline, noipa))
+
 constexpr size_t counts[] = {1, 100, 10000};
 
 /// All numbers below `count`, shuffled.
@@ -66,7 +69,7 @@ struct IAdder
 class CAdder : public IAdder
 {
 public:
-    int add(int value) override { return m_sum += value; }
+    NOT_INLINE int add(int value) override { return m_sum += value; }
 
 private:
     int m_sum = 0;
@@ -93,7 +96,7 @@ template <size_t Count>
 class TAdder : public TComponent<TComponentAdder<Count>>
 {
 public:
-    int add(int value) override { return m_sum += value; }
+    NOT_INLINE int add(int value) override { return m_sum += value; }
 
 private:
     int m_sum = 0;

@@ -98,8 +98,7 @@ IClient* ClientFactory::getAndMakeClientInstance(const ClassID& clsid, const Ser
 
 IClient* ClientFactory::createAndMakeClientObject(const ClassID& clsid, const ServerInfo& server)
 {
-    IFactoryUnknown* const factory =
-        findFactory(IClient::IFactory::iid(), clientClassOf(clsid)).factory;
+    IFactoryUnknown* const factory = findFactory(clientInterface, clientClassOf(clsid)).factory;
     if (factory == nullptr) {
         Infra::setLastError(componentErrorClientNotFound);
         return nullptr;
@@ -154,7 +153,7 @@ IClient* IClient::IFactory::instance(int uid)
 
 const char* IClient::IFactory::iid()
 {
-    return "Client";
+    return clientInterface;
 }
 
 // IClientFactoryWrap.
@@ -298,29 +297,30 @@ void CClientInstanceList::resumeChild()
     if (list != nullptr && list == s_lockedForFork) {
         Infra::ForkAccess::renewTaken(list->m_mutex);
         for (ClientList::Node& node : list->m_clientList) {
-            Infra::ForkAccess::renew(node.value->m_internal->loginMutex);
+            Infra::ForkAccess::renew(node.value.client->m_internal->loginMutex);
         }
     } else if (list != nullptr) {
         Infra::ForkAccess::renew(list->m_mutex);
     }
 }
 
-template <typename Matches>
-IClient* CClientInstanceList::firstLocked(const ServerInfo& server, size_t hash,
-                                          const Matches& matches)
+template <typename Accepts>
+IClient* CClientInstanceList::firstLocked(const ClassID& clsid, const ServerInfo& server,
+                                          size_t hash, const Accepts& accepts)
 {
-    ClientList::Node* const node =
-        m_clientList.first(hash, [&](IClient* client) { return matches(client, server); });
-    return node == nullptr ? nullptr : node->value;
+    const std::string_view className = clientClassOf(clsid);
+    ClientList::Node* const node = m_clientList.first(hash, [&](const ListedClient& listed) {
+        return listed.isFor(className, server) && accepts(*listed.client->m_internal);
+    });
+    return node == nullptr ? nullptr : node->value.client;
 }
 
 IClient* CClientInstanceList::findClientInstance(const ClassID& clsid, const ServerInfo& server)
 {
     const size_t hash = clientHash(server);
     CRecursiveGuard guard(m_mutex);
-    return firstLocked(server, hash, [&clsid](IClient* client, const ServerInfo& wanted) {
-        return client->m_internal->state.load() != IClient::ClientInternal::broken &&
-               clientIsSameAs(client, clsid, wanted);
+    return firstLocked(clsid, server, hash, [](const IClient::ClientInternal& record) {
+        return record.state.load() != IClient::ClientInternal::broken;
     });
 }
 
@@ -328,9 +328,9 @@ IClient* CClientInstanceList::firstOfUserLocked(const ClassID& clsid, int uid)
 {
     const auto found =
         std::find_if(m_clientList.begin(), m_clientList.end(), [&](const ClientList::Node& node) {
-            return clientIsSameAs(node.value, clsid, uid);
+            return clientIsSameAs(node.value.client, clsid, uid);
         });
-    return found == m_clientList.end() ? nullptr : found->value;
+    return found == m_clientList.end() ? nullptr : found->value.client;
 }
 
 IClient* CClientInstanceList::findClientInstance(const ClassID& clsid, int uid)
@@ -362,9 +362,7 @@ IClient* CClientInstanceList::getAndMakeClientInstance(const ClassID& clsid,
     const size_t hash = clientHash(server);
     CRecursiveGuard guard(m_mutex);
     IClient* const client =
-        firstLocked(server, hash, [&clsid](IClient* listed, const ServerInfo& wanted) {
-            return clientIsSameAs(listed, clsid, wanted);
-        });
+        firstLocked(clsid, server, hash, [](const IClient::ClientInternal&) { return true; });
     return client == nullptr
                ? nullptr
                : static_cast<IClient*>(CComponentHelper::makeComponentInstance(client));
@@ -376,9 +374,10 @@ void CClientInstanceList::insertClientInstance(IClient* client)
         return;
     }
     const size_t hash = clientHash(client);
+    ListedClient listed(client);
     {
         CRecursiveGuard guard(m_mutex);
-        client->m_internal->place = m_clientList.append(client, hash);
+        client->m_internal->place = m_clientList.append(std::move(listed), hash);
         checkForIdle();
     }
     expectIdleClient(client->m_internal->retryTime);
@@ -425,7 +424,7 @@ std::vector<IClient*> CClientInstanceList::unlinkIdle(uint64_t nowMs)
     CRecursiveGuard guard(m_mutex);
     s_nextIdleCheck.store(neverIdle);
     for (auto at = m_clientList.begin(); at != m_clientList.end();) {
-        IClient* const client = (at++)->value;
+        IClient* const client = (at++)->value.client;
         const IClient::ClientInternal& record = *client->m_internal;
         if (!record.mayBecomeIdle() || getRefCount(client) > 1) {
             continue;

@@ -6,7 +6,7 @@
 
 #include "Component/ClassID.h"
 #include "Component/Client.h"
-#include "Component/OrderedIndex.h"
+#include "Component/ClientInternal.h"
 #include "Component/ServerInfo.h"
 #include "Infra/Infra3/RecursiveMutex.h"
 #include "Infra/Infra3/Timer.h"
@@ -16,6 +16,9 @@ namespace Tarsel
 {
 namespace Component
 {
+
+/// The interface under which client factories are registered.
+constexpr const char* clientInterface = "Client";
 
 /// Finding, making, sharing and dropping clients. Safe from any thread.
 class ClientFactory
@@ -100,7 +103,7 @@ public:
 private:
     template <typename T>
     friend class Infra::TSingleton;
-    typedef TOrderedIndex<IClient*> ClientList;
+    typedef TOrderedIndex<ListedClient> ClientList;
 
     CClientInstanceList();
     static bool staysInUse(CClientInstanceList* list);
@@ -108,8 +111,9 @@ private:
     static void resumeParent();
     static void resumeChild();
 
-    template <typename Matches>
-    IClient* firstLocked(const ServerInfo& server, size_t hash, const Matches& matches);
+    template <typename Accepts>
+    IClient* firstLocked(const ClassID& clsid, const ServerInfo& server, size_t hash,
+                         const Accepts& accepts);
     IClient* firstOfUserLocked(const ClassID& clsid, int uid);
     void unlinkLocked(IClient* client);
     std::vector<IClient*> unlinkIdle(uint64_t nowMs);

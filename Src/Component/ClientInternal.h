@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "Component/Client.h"
 #include "Component/ComponentInternal.h"
@@ -41,6 +42,23 @@ public:
 
 private:
     std::atomic<uint64_t> m_milliseconds{0};
+};
+
+/// A client in the list, with all that a look-up compares in one piece: a client that does not fit is
+/// not touched.
+struct ListedClient
+{
+    explicit ListedClient(IClient* listed);
+    ListedClient(ListedClient&&) = default;
+    ListedClient& operator=(ListedClient&&) = default;
+    /// Leaves no password in memory.
+    ~ListedClient();
+
+    /// clientIsSameAs().
+    bool isFor(std::string_view className, const ServerInfo& server) const;
+
+    IClient* client;
+    std::string key; ///< class, server's numbers, server's texts
 };
 
 struct IClient::ClientInternal
@@ -101,7 +119,7 @@ struct IClient::ClientInternal
     std::string userNameBefore;
     Infra::CRecursiveMutex loginMutex; // one login at a time; no other lock of ours is held
     std::atomic<uint64_t> logins{0};   ///< that succeeded
-    TOrderedIndex<IClient*>::Node* place = nullptr; ///< in the client list; guarded by its lock
+    TOrderedIndex<ListedClient>::Node* place = nullptr; ///< in the client list; guarded by its lock
 };
 
 /// Makes the record of a client that has none.
@@ -121,7 +139,7 @@ bool clientLogin(IClient* client);
 /// The same under the client's login lock, unless another thread has done it since there were
 /// `loginsSeen`. `isBroken`: the session turned out to have failed.
 bool clientLoginOnce(IClient* client, uint64_t loginsSeen, bool isBroken);
-/// Like hashes for all that clientIsSameAs takes for the same server.
+/// A hash of all that makes a server the same.
 size_t clientHash(const ServerInfo& server);
 size_t clientHash(IClient* client);
 /// The part of a class name before its first '.'.

@@ -10,6 +10,7 @@
 #include "Component/ComponentHelper.h"
 #include "Component/ComponentInternal.h"
 #include "Component/FactoryRegistry.h"
+#include "Component/Hash.h"
 #include "Component/NameTable.h"
 #include "Infra/Infra3/Error.h"
 #include "Infra/Infra3/Guard.h"
@@ -139,9 +140,9 @@ Infra::CString ClassIDList::operator[](int index) const
 namespace
 {
 
-bool isClientRequest(const char* iid)
+bool isClientRequest(std::string_view iid)
 {
-    return ClassID(iid) == ClassID(IClient::IFactory::iid());
+    return isSameText(iid, clientInterface);
 }
 
 /// Sees that a client that was found is logged in.
@@ -202,21 +203,24 @@ IClient* findLoggedIn(const char* iid, const ClassID& clsid, const ServerInfo& s
 }
 
 /// The factory for a client that was found, or for none. Takes over the reference to `found`.
-IFactoryUnknown* factoryFor(const char* iid, const ClassID& clsid, IClient* found, IClient*& client)
+IFactoryUnknown* factoryFor(std::string_view iid, const ClassID& clsid, IClient* found,
+                            IClient*& client)
 {
-    const FoundFactory result = findFactory(textOrEmpty(iid), textOrEmpty(clsid.m_str));
+    const FoundFactory result = findFactory(iid, textOrEmpty(clsid.m_str));
     if (result.error != 0) {
         Detail::CComponentHelper::release(found); // may log out, and that set a last error
         setLastError(result.error);
         return nullptr;
     }
-    Detail::CComponentHelper::setAsCurrentUser(found);
     client = found;
-    if (!isClientRequest(iid)) {
+    if (found != nullptr) { // never for a client request
+        Detail::CComponentHelper::setAsCurrentUser(found);
         ClientFactory::markClientUsing(found);
         return result.factory;
     }
-    return result.factory == nullptr ? nullptr : ClientFactory::wrapClientFactory(result.factory);
+    return isClientRequest(iid) && result.factory != nullptr
+               ? ClientFactory::wrapClientFactory(result.factory)
+               : result.factory;
 }
 
 } // namespace
@@ -231,13 +235,14 @@ IFactoryUnknown* CComponentHelper::getComponentFactory(const char* iid, const Cl
 {
     client = nullptr;
     IClient* found = nullptr;
-    if (uid != -1 && !isClientRequest(iid)) {
+    const std::string_view name = textOrEmpty(iid);
+    if (uid != -1 && !isClientRequest(name)) {
         found = ClientFactory::getAndMakeClientInstance(clsid, uid);
         if (found == nullptr) {
             return nullptr;
         }
     }
-    return factoryFor(iid, clsid, found, client);
+    return factoryFor(name, clsid, found, client);
 }
 
 IFactoryUnknown* CComponentHelper::getComponentFactory(const char* iid, const ClassID& clsid,
@@ -245,13 +250,14 @@ IFactoryUnknown* CComponentHelper::getComponentFactory(const char* iid, const Cl
 {
     client = nullptr;
     IClient* found = nullptr;
-    if (&si != &ServerInfo::none && !isClientRequest(iid)) {
-        found = findLoggedIn(textOrEmpty(iid), clsid, si);
+    const std::string_view name = textOrEmpty(iid);
+    if (&si != &ServerInfo::none && !isClientRequest(name)) {
+        found = findLoggedIn(name.data(), clsid, si);
         if (found == nullptr) {
             return nullptr;
         }
     }
-    return factoryFor(iid, clsid, found, client);
+    return factoryFor(name, clsid, found, client);
 }
 
 int CComponentHelper::addRef(IUnknown* object)
@@ -273,7 +279,7 @@ IUnknown* CComponentHelper::makeComponentObject(IUnknown* object)
     if (object == nullptr) {
         setLastError(componentErrorCreateObjectFailed);
     } else if (object->m_internal->table == nullptr) {
-        object->m_internal->markUsed();
+        object->m_internal->setUsed();
     }
     return object;
 }

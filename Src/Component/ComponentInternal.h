@@ -86,6 +86,13 @@ struct IUnknown::UnknownInternal
     }
     /// True when it was used before. Objects in use are not written to.
     bool markUsed() { return isUsing.load() == 1 || isUsing.exchange(1) == 1; }
+    /// The same where nobody asks what it was, as of an object that was just made.
+    void setUsed()
+    {
+        if (isUsing.load() != 1) {
+            isUsing.store(1, std::memory_order_release);
+        }
+    }
 };
 
 /// Drops a reference to a shared object of the creator registry under the registry's lock; the last

@@ -11,11 +11,14 @@
 // together are no larger than the one in use.
 
 #include <atomic>
-#include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "Component/Hash.h"
 
 namespace Tarsel
 {
@@ -29,7 +32,7 @@ class TNameTable
 public:
     struct Entry
     {
-        explicit Entry(std::string_view text) : name(text), hash(hashOf(text)) {}
+        explicit Entry(std::string_view text) : name(text), hash(hashText(text)) {}
         const std::string name;
         const size_t hash;
         Value value{};
@@ -37,18 +40,18 @@ public:
     /// Ascending byte order.
     typedef std::map<std::string_view, std::unique_ptr<Entry>> Ordered;
 
-    TNameTable() : m_slots(new Slots(16, nullptr)) {}
+    TNameTable() : m_slots(Slots::make(16, nullptr)) {}
     TNameTable(const TNameTable&) = delete;
     TNameTable& operator=(const TNameTable&) = delete;
 
     /// The entry of `name`, or null.
     Entry* find(std::string_view name) const
     {
-        const size_t hash = hashOf(name);
-        const Slots& slots = *m_slots.load(std::memory_order_acquire);
+        const size_t hash = hashText(name);
+        Slots& slots = *m_slots.load(std::memory_order_acquire);
         for (size_t at = hash;; ++at) {
             Entry* const entry = slots.at(at).load(std::memory_order_acquire);
-            if (entry == nullptr || (entry->hash == hash && entry->name == name)) {
+            if (entry == nullptr || (entry->hash == hash && isSameText(entry->name, name))) {
                 return entry;
             }
         }
@@ -63,19 +66,22 @@ public:
     const Ordered& orderedLocked() const { return m_ordered; }
 
 private:
+    /// Stands before its entries in one piece of memory, which is never given back.
     struct Slots
     {
-        Slots(size_t size, Slots* before)
-            : mask(size - 1), entries(new std::atomic<Entry*>[size]()), before(before)
-        {}
-        std::atomic<Entry*>& at(size_t hash) const { return entries[hash & mask]; }
-
         const size_t mask;
-        const std::unique_ptr<std::atomic<Entry*>[]> entries;
-        const std::unique_ptr<Slots> before;
-    };
+        Slots* const before; ///< smaller ones, where readers may still be
 
-    static size_t hashOf(std::string_view name) { return std::hash<std::string_view>()(name); }
+        static Slots* make(size_t size, Slots* before)
+        {
+            void* const place = ::operator new(sizeof(Slots) + size * sizeof(std::atomic<Entry*>));
+            Slots* const slots = new (place) Slots{size - 1, before};
+            std::uninitialized_value_construct_n(slots->first(), size);
+            return slots;
+        }
+        std::atomic<Entry*>* first() { return reinterpret_cast<std::atomic<Entry*>*>(this + 1); }
+        std::atomic<Entry*>& at(size_t hash) { return first()[hash & mask]; }
+    };
 
     Entry& addLocked(std::string_view name)
     {
@@ -92,11 +98,11 @@ private:
         Slots* const slots = m_slots.load(std::memory_order_relaxed);
         const size_t size = slots->mask + 1;
         if (m_ordered.size() + 1 > size / 4 * 3) {
-            auto larger = std::make_unique<Slots>(size * 2, slots);
+            Slots* const larger = Slots::make(size * 2, slots);
             for (const auto& named : m_ordered) {
                 put(*larger, *named.second);
             }
-            m_slots.store(larger.release(), std::memory_order_release);
+            m_slots.store(larger, std::memory_order_release);
         }
     }
 
@@ -109,7 +115,7 @@ private:
         slots.at(at).store(&entry, std::memory_order_release);
     }
 
-    std::atomic<Slots*> m_slots; ///< those in use own the ones before them
+    std::atomic<Slots*> m_slots;
     Ordered m_ordered;
 };
 

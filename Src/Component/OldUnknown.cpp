@@ -9,10 +9,9 @@
 #include <dlfcn.h>
 
 #include <cstring>
-#include <functional>
-#include <string_view>
 
 #include "Component/ComponentInternal.h"
+#include "Component/Hash.h"
 #include "Component/NameTable.h"
 #include "Component/ServerInfo.h"
 #include "Component/Unknown.h"
@@ -79,12 +78,11 @@ size_t hashOf(const ServerInfo* server)
     if (server == nullptr) {
         return 0;
     }
-    const std::hash<std::string_view> hash;
-    size_t mixed = mixHash(1, server->serverPort);
+    size_t hash = mixHash(server->loginType, server->serverPort);
     for (const char* text : {server->serverAddress, server->userName, server->password}) {
-        mixed = mixHash(mixed, hash(textOrEmpty(text)));
+        hash = hashText(textOrEmpty(text), hash);
     }
-    return mixHash(mixed, server->loginType);
+    return hash;
 }
 
 bool isFor(const ComponentInstance& instance, const ServerInfo* server)

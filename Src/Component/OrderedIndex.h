@@ -4,22 +4,23 @@
 // A list in the order of arrival with a hash index beside it: the first entry that fits is found
 // without a look at the others, and an entry leaves in the same time however many there are.
 //
-// Entries of one hash form a chain, in the order of arrival too.
+// The index is an array of chains, at least as many as there are entries, and a power of two. A
+// chain keeps the order of arrival, too, so many entries of one hash are no trouble: the first is in
+// front, and a new one goes to the end.
 
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <list>
-#include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace Tarsel
 {
 namespace Component
 {
 
-/// Always true: every node stands in the chain of its hash, chains ascend by number, and no chain
-/// is empty. Threads: under the owner's lock. Ownership: the index owns its nodes.
+/// Always true: every node stands in the chain of its hash, and chains ascend by number. Threads: under the owner's lock. Ownership: the index owns its nodes.
 template <typename T>
 class TOrderedIndex
 {
@@ -47,11 +48,13 @@ public:
     /// Appends `value`. The node stays where it is until it is removed.
     Node* append(T value, size_t hash)
     {
+        makeRoom();
         m_nodes.emplace_back(std::move(value));
         Node& node = m_nodes.back();
         node.self = std::prev(m_nodes.end());
+        node.hash = hash;
         node.number = ++m_lastNumber;
-        chain(node, hash);
+        chain(node);
         return &node;
     }
 
@@ -65,16 +68,16 @@ public:
     void rehash(Node* node, size_t hash)
     {
         unchain(*node);
-        chain(*node, hash);
+        node->hash = hash;
+        chain(*node);
     }
 
     /// The first node with this hash for which `matches(value)` is true, or null.
     template <typename Matches>
     Node* first(size_t hash, const Matches& matches)
     {
-        const auto found = m_chains.find(hash);
-        Node* node = found == m_chains.end() ? nullptr : found->second.first;
-        while (node != nullptr && !matches(node->value)) {
+        Node* node = chainOf(hash).first;
+        while (node != nullptr && !(node->hash == hash && matches(node->value))) {
             node = node->behind;
         }
         return node;
@@ -87,10 +90,11 @@ private:
         Node* last = nullptr;
     };
 
-    void chain(Node& node, size_t hash)
+    Chain& chainOf(size_t hash) { return m_chains[hash & (m_chains.size() - 1)]; }
+
+    void chain(Node& node)
     {
-        node.hash = hash;
-        Chain& chain = m_chains[hash];
+        Chain& chain = chainOf(node.hash);
         node.before = chain.last;
         while (node.before != nullptr && node.before->number > node.number) {
             node.before = node.before->before;
@@ -102,26 +106,27 @@ private:
 
     void unchain(Node& node)
     {
-        const auto found = m_chains.find(node.hash);
-        Chain& chain = found->second;
+        Chain& chain = chainOf(node.hash);
         (node.before == nullptr ? chain.first : node.before->behind) = node.behind;
         (node.behind == nullptr ? chain.last : node.behind->before) = node.before;
-        if (chain.first == nullptr) {
-            m_chains.erase(found);
+    }
+
+    void makeRoom()
+    {
+        if (m_nodes.size() < m_chains.size()) {
+            return;
+        }
+        std::vector<Chain> larger(m_chains.size() * 2);
+        m_chains.swap(larger);
+        for (Node& node : m_nodes) {
+            chain(node);
         }
     }
 
     std::list<Node> m_nodes;
-    std::unordered_map<size_t, Chain> m_chains;
+    std::vector<Chain> m_chains = std::vector<Chain>(4);
     uint64_t m_lastNumber = 0;
 };
-
-/// Adds one value to a hash over several.
-inline size_t mixHash(size_t hash, size_t value)
-{
-    hash = (hash ^ value) * 0x9E3779B97F4A7C15;
-    return hash ^ (hash >> 32);
-}
 
 } // namespace Component
 } // namespace Tarsel

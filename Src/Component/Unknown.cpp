@@ -17,7 +17,7 @@ namespace
 {
 
 /// Drops a reference under the lock of who lists the object, and has it leave that list with the
-/// last one.
+/// last one. Where nobody lists it there is no other reference, and none can be added.
 int dropLast(IUnknown* object)
 {
     if (object->m_internal->instance) {
@@ -26,7 +26,8 @@ int dropLast(IUnknown* object)
     if (object->m_internal->client != nullptr) {
         return dropClient(object->m_internal->client);
     }
-    return --object->m_internal->refCount;
+    return object->m_internal->table != nullptr ? --object->m_internal->refCount
+                                                : object->m_internal->refCount.dropOnly();
 }
 
 } // namespace
@@ -40,7 +41,7 @@ IUnknown::~IUnknown()
 
 int IUnknown::addRef()
 {
-    m_internal->markUsed();
+    m_internal->setUsed();
     return ++m_internal->refCount;
 }
 

@@ -34,14 +34,22 @@ public:
     /// none before. The count left; 0, and nothing changed, when there were not two.
     int dropUnlessLast() noexcept
     {
-        int count = __atomic_load_n(&value_, __ATOMIC_RELAXED);
+        int count = __atomic_load_n(&value_, __ATOMIC_ACQUIRE);
         while (count > 1) {
             if (__atomic_compare_exchange_n(&value_, &count, count - 1, true, __ATOMIC_ACQ_REL,
-                                            __ATOMIC_RELAXED)) {
+                                            __ATOMIC_ACQUIRE)) {
                 return count - 1;
             }
         }
         return 0;
+    }
+    /// Takes the last one away where nobody else can change the count: no atomic step then.
+    /// The count left, 0; a count that is no owner's goes below.
+    int dropOnly() noexcept
+    {
+        const int left = __atomic_load_n(&value_, __ATOMIC_RELAXED) - 1;
+        __atomic_store_n(&value_, left, __ATOMIC_RELAXED);
+        return left;
     }
     int value() const noexcept { return __atomic_load_n(&value_, __ATOMIC_RELAXED); }
     operator int() const noexcept { return value(); }
