@@ -105,7 +105,8 @@ public:
 
 /// Makes the clients of one class. It is registered under the interface iid().
 ///
-/// Threads: create runs on any thread, one at a time for all client factories of the process.
+/// Threads: create runs on any thread, one at a time for all client factories of the process. It
+/// asks for no component of a server: whoever logs a client in may be waiting for it.
 class INFRA_API IClient::IFactory : public IFactoryUnknown
 {
 public:

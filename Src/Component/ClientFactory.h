@@ -55,7 +55,7 @@ public:
     IClient* createAndMake(const ServerInfo& server);
 
     /// Guards the making of clients, so that two threads do not make two for one server. Recursive,
-    /// because a factory may make clients of other classes; taken before the list's lock.
+    /// because a factory may have another one make its clients; taken before the list's lock.
     static Infra::CRecursiveMutex& clientMutex();
 
 private:

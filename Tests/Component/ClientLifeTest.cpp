@@ -115,6 +115,15 @@ TEST_F(IdleTest, TheTimerDropsIdleClients)
 
 // Threads.
 
+struct Told
+{
+    void onStatus(void*, ClassID, TComPtr<IClient> client, IClient::Status, int) // NOLINT
+    {
+        count += client ? 1 : 0;
+    }
+    std::atomic<int> count{0};
+};
+
 TEST(ClientThreadTest, OneThreadLogsInForAllThatAsk)
 {
     CSessionFactory factory("Dev");
@@ -160,7 +169,8 @@ TEST(ClientThreadTest, SharingBreakingAbortingAndCheckingGoOnAtOnce)
             CClientInstanceList::instance()->removeIdleClientInstance(0);
         }
     });
-    onThreads(6, [&factory](int thread) {
+    Told told[6];
+    onThreads(6, [&factory, &told](int thread) {
         for (int round = 0; round < 400; ++round) {
             const uint32_t port = 30 + static_cast<uint32_t>(round % 3);
             const TComPtr<IClient> client(sessionFor("Dev", serverAt(port)), nullptr, 0);
@@ -170,11 +180,14 @@ TEST(ClientThreadTest, SharingBreakingAbortingAndCheckingGoOnAtOnce)
             IClient* byUser = nullptr;
             CComponentHelper::getComponentFactory("Recorder", "Dev", 7, byUser);
             CComponentHelper::release(byUser);
+            const IClient::StatusProc proc(&Told::onStatus, &told[thread]);
+            client->attachStatusProc(proc);
             if (round % 16 == thread) {
                 client->saveUserName("same");
                 static_cast<CSession*>(client.get())->broken = round % 32 == thread;
                 client->abort(round);
             }
+            client->detachStatusProc(proc);
             ServerInfo server = {};
             client->getServerInfo(server);
             EXPECT_GT(strlen(server.userName), 0u);
@@ -183,6 +196,7 @@ TEST(ClientThreadTest, SharingBreakingAbortingAndCheckingGoOnAtOnce)
     });
     done = true;
     checker.join();
+    EXPECT_GT(told[0].count, 0);
     // What is left are clients whose last login failed: nobody but the list has them.
     for (uint32_t port = 30; port < 33; ++port) {
         for (const char* user : {"user", "same"}) {

@@ -222,7 +222,8 @@ TEST_F(PluginTest, NamesAreCutToThirtyCharacters)
         {19, "lib" + std::string(19, 'a') + ".so"},
         {22, "lib" + std::string(22, 'a') + ".so"},
         {23, "lib" + std::string(23, 'a') + ".s"},
-        {25, "lib" + std::string(25, 'a')},
+        {29, "lib" + std::string(25, 'a')},
+        {30, "lib" + std::string(25, 'a')},
         {300, "lib" + std::string(25, 'a')},
     };
     for (const auto& cut : cases) {
