@@ -97,11 +97,12 @@ private:
     pid_t m_process = -1;
 };
 
-/// Is told when a session ends.
+/// Is told when a session ends. The library's delegate passes the client by value.
 struct Watch
 {
-    void onStatus(void* /*data*/, ClassID clsid, TComPtr<IClient> client, IClient::Status status,
-                  int reason)
+    void onStatus(void* /*data*/, ClassID clsid,
+                  TComPtr<IClient> client, // NOLINT(performance-unnecessary-value-param)
+                  IClient::Status status, int reason)
     {
         if (status == IClient::statusSessionAborted) {
             ServerInfo server = {};

@@ -28,88 +28,79 @@ using Tarsel::Infra::CTime;
 
 typedef IClient::ClientInternal Record;
 
-// The clock. It stands still, so the check that runs 17 times a second beside ours sees the same.
+// The clock.
 
-class IdleTest : public testing::Test
+/// A client whose login failed: only the list knows of it.
+IClient* makeIdle(uint32_t port)
 {
-protected:
-    IdleTest() : m_startMs(CTime::getCurrentMilliSecond()) { setClock(0); }
-    ~IdleTest() override { freezeMonotonicClock(0); }
+    IClient* const client = ClientFactory::createAndMakeClientObject("Dev", serverAt(port));
+    CComponentHelper::release(client);
+    return client;
+}
 
-    void setClock(uint64_t sinceStartMs)
-    {
-        freezeMonotonicClock((m_startMs + sinceStartMs) * 1000);
-    }
-    static void check() { CClientInstanceList::instance()->removeIdleClientInstance(0); }
-
-    /// A client whose login failed: only the list knows of it.
-    static IClient* makeIdle(uint32_t port)
-    {
-        IClient* const client = ClientFactory::createAndMakeClientObject("Dev", serverAt(port));
-        CComponentHelper::release(client);
-        return client;
-    }
-
-    CSessionFactory factory{"Dev"};
-
-private:
-    const uint64_t m_startMs;
-};
-
-TEST_F(IdleTest, WhatNobodyUsesForMoreThanFiveMinutesGoes)
+/// Puts the clock forward to where every client that nobody uses now is idle. It stands still then.
+void leapFiveMinutes()
 {
-    factory.plan.login = [] { return true; };
+    freezeMonotonicClock((CTime::getCurrentMilliSecond() + 300002) * 1000);
+}
+
+/// The clock stands where it is put, so the check that the timer runs beside ours sees the same. It
+/// never goes back, which would end the process.
+void dropIdleClients()
+{
+    const uint64_t startMs = CTime::getCurrentMilliSecond();
+    const auto checkAt = [startMs](uint64_t sinceStartMs) {
+        freezeMonotonicClock((startMs + sinceStartMs) * 1000);
+        CClientInstanceList::instance()->removeIdleClientInstance(0);
+        return CSession::s_alive.load();
+    };
+    freezeMonotonicClock(startMs * 1000);
+    CSessionFactory factory("Dev");
     IClient* const held = ClientFactory::createAndMakeClientObject("Dev", serverAt(1));
     IClient* const retried = makeIdle(2);
     IClient* const later = makeIdle(3);
     makeIdle(4);
     IClient* const handedOut = makeIdle(5); // as a look-up by user does, login or not
-    IClient* none = nullptr;
-    ASSERT_NE(ClientFactory::getAndMakeClientInstance("Dev", serverAt(5)), nullptr);
+    ClientFactory::getAndMakeClientInstance("Dev", serverAt(5));
     ClientFactory::markClientUsing(handedOut);
     EXPECT_EQ(clientCountsOf(handedOut), (ClientCounts{1, 1, 1, true}));
+    IClient* none = nullptr;
     auto* const wrapper = static_cast<IClient::IFactory*>(
         CComponentHelper::getComponentFactory("Client", "Dev", -1, none));
     IClient* const byFactory = wrapper->create(serverAt(6));
-    CSession* const loggedIn = sessionFor("Dev", serverAt(7));
-    ASSERT_EQ(CSession::s_alive, 7);
+    IClient* const loggedIn = sessionFor("Dev", serverAt(7));
 
-    setClock(300000);
-    later->m_internal->retryTime = CTime::getCurrentMilliSecond() + 1; // set while a check begins
-    check();
-    EXPECT_EQ(CSession::s_alive, 7);
+    EXPECT_EQ(checkAt(0), 7);
+    later->m_internal->retryTime = startMs + 300001; // set while a check begins
+    EXPECT_EQ(checkAt(300000), 7);
     EXPECT_TRUE(clientLogin(retried));
     retried->m_internal->state = Record::created;
-    setClock(300001);
-    check();
-    EXPECT_EQ(CSession::s_alive, 6); // the fourth
+    EXPECT_EQ(checkAt(300001), 6); // the fourth
     EXPECT_EQ(CSession::s_logouts, 1);
     EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Dev", serverAt(4)), nullptr);
 
     EXPECT_EQ(CComponentHelper::release(held), 1); // idle all the time, but held
-    check();
-    EXPECT_EQ(CSession::s_alive, 5);
-    setClock(600000);
-    check();
-    EXPECT_EQ(CSession::s_alive, 5);
-    setClock(600001);
-    check();
-    EXPECT_EQ(CSession::s_alive, 4); // the one that was tried again
-    setClock(600002);
-    check();
-    EXPECT_EQ(CSession::s_alive, 3);
-    setClock(100000000);
-    check();
-    for (IClient* used : {handedOut, byFactory, static_cast<IClient*>(loggedIn)}) {
+    EXPECT_EQ(checkAt(300001), 5);
+    EXPECT_EQ(checkAt(600000), 5);
+    EXPECT_EQ(checkAt(600001), 4); // the one that was tried again
+    EXPECT_EQ(checkAt(600002), 3);
+    EXPECT_EQ(checkAt(100000000), 3);
+    for (IClient* used : {handedOut, byFactory, loggedIn}) {
         EXPECT_TRUE(clientCountsOf(used).isListed);
         EXPECT_EQ(CComponentHelper::release(used), 0);
     }
 }
 
-TEST_F(IdleTest, TheTimerDropsIdleClients)
+TEST(IdleTest, WhatNobodyUsesForMoreThanFiveMinutesGoes)
 {
-    makeIdle(8)->m_internal->retryTime = 1;
-    freezeMonotonicClock(0);
+    INFRA_IN_FRESH_PROCESS(dropIdleClients);
+}
+
+TEST(IdleTest, TheTimerDropsIdleClients)
+{
+    CSessionFactory factory("Dev");
+    makeIdle(8);
+    leapFiveMinutes();
     EXPECT_TRUE(eventually([] { return CSession::s_alive == 0; }));
 }
 
@@ -256,9 +247,8 @@ TEST(ClientExitTest, TheProcessMayExitInALogoutOfTheIdleCheck)
     const ChildResult child = runInChild([] {
         CSessionFactory factory("Dev");
         factory.plan.logout = [] { exit(3); };
-        IClient* const client = ClientFactory::createAndMakeClientObject("Dev", serverAt(44));
-        CComponentHelper::release(client);
-        client->m_internal->retryTime = 1;
+        makeIdle(44);
+        leapFiveMinutes();
         pause();
     });
     EXPECT_EQ(child.exitCode, 3) << child.report();
@@ -291,10 +281,9 @@ TEST(ClientForkTest, TheChildOfABusyProcessCanUseClients)
             CSession* const another = sessionFor("Dev", serverAt(52));
             const bool isDropped = CComponentHelper::release(another) == 0;
             // The idle check runs again.
-            IClient* const idle = ClientFactory::createAndMakeClientObject("Dev", serverAt(53));
+            makeIdle(53);
             const int alive = CSession::s_alive;
-            CComponentHelper::release(idle);
-            idle->m_internal->retryTime = 1;
+            leapFiveMinutes();
             const bool goes = eventually([alive] { return CSession::s_alive < alive; });
             _exit(again == kept && isDropped && goes ? 0 : 1);
         }
