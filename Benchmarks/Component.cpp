@@ -4,8 +4,7 @@
 //   unordered_map     a std::unordered_map of names to factories, and std::make_unique
 // instance_get/N      one of N shared objects of a class, one a server, in turn: found and released
 //   weak_ptr          a std::unordered_map of servers to std::weak_ptr, under a mutex
-// client_get/N        a factory with the client of one of N servers, in turn: found and released;
-//   weak_ptr          as above
+// client_get/N        a factory with the client of one of N servers, in turn: found and released
 // client_idle/N       the idle check beside N clients, none of them idle
 // pointer_copy        a pointer to a component copied and dropped; the peer is std::shared_ptr
 // pointer_call        a virtual call through a pointer to a component without a client
@@ -346,7 +345,6 @@ int main(int argc, char** argv)
     }
     for (const size_t count : counts) {
         add(label("client_get", count), infra, getClients, count);
-        add(label("client_get", count), "weak_ptr", getPeerInstances, count);
     }
     for (const size_t count : counts) {
         add(label("client_idle", count), infra, checkForIdle, count);

@@ -43,8 +43,8 @@ public:
         }
         return 0;
     }
-    /// Takes the last one away where nobody else can change the count: no atomic step then.
-    /// The count left, 0; a count that is no owner's goes below.
+    /// Takes one away where nobody else can change the count, which needs no atomic step then.
+    /// Returns the new value.
     int dropOnly() noexcept
     {
         const int left = __atomic_load_n(&value_, __ATOMIC_RELAXED) - 1;
