@@ -71,8 +71,8 @@ void dropIdleClients()
     IClient* const loggedIn = sessionFor("Dev", serverAt(7));
 
     EXPECT_EQ(checkAt(0), 7);
-    later->m_internal->retryTime = startMs + 300001; // set while a check begins
     EXPECT_EQ(checkAt(300000), 7);
+    later->m_internal->retryTime = startMs + 300002; // set while the next check begins
     EXPECT_TRUE(clientLogin(retried));
     retried->m_internal->state = Record::created;
     EXPECT_EQ(checkAt(300001), 6); // the fourth
@@ -83,7 +83,8 @@ void dropIdleClients()
     EXPECT_EQ(checkAt(300001), 5);
     EXPECT_EQ(checkAt(600000), 5);
     EXPECT_EQ(checkAt(600001), 4); // the one that was tried again
-    EXPECT_EQ(checkAt(600002), 3);
+    EXPECT_EQ(checkAt(600002), 4);
+    EXPECT_EQ(checkAt(600003), 3);
     EXPECT_EQ(checkAt(100000000), 3);
     for (IClient* used : {handedOut, byFactory, loggedIn}) {
         EXPECT_TRUE(clientCountsOf(used).isListed);

@@ -232,12 +232,12 @@ TEST_F(ClientTest, TheFirstInTheListIsFound)
     first->m_internal->state = Record::created;
 
     // A name that is saved changes who is found, not the order.
-    first->saveUserName("new");
+    second->saveUserName("new");
     ServerInfo renamed = serverAt(6);
     renamed.userName = "new";
-    EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Local", renamed), first);
-    EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Local", serverAt(6)), second);
-    second->saveUserName("new");
+    EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Local", renamed), second);
+    EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Local", serverAt(6)), first);
+    first->saveUserName("new");
     EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Local", renamed), first);
     for (IClient* client : {first, second}) {
         CComponentHelper::release(client);
@@ -374,8 +374,10 @@ TEST_F(ClientTest, ABrokenSessionIsLoggedInAgain)
     CTime loggedIn;
     EXPECT_TRUE(client->getLoginTime(loggedIn));
     EXPECT_GE(loggedIn.year, 2020);
+    client->m_internal->retryTime = 1;
     sessionFor("Dev", server);
     EXPECT_EQ(client->logins, 1);
+    EXPECT_GT(client->m_internal->retryTime, 1u);
 
     client->broken = true;
     sessionFor("Dev", server);
