@@ -103,6 +103,7 @@ struct IClient::ClientInternal
     CRetryTime retryTime;
     const bool byFactoryCreate; ///< made by a factory's own create()
     std::atomic<int64_t> externalUsing{0};
+    std::atomic<uint64_t> logins{0}; ///< that succeeded; read by each hand-out, as those above are
     std::atomic<void*> customData{nullptr};
     Infra::TSignal5<void*, ClassID, TComPtr<IClient>, IClient::Status, int> statusSignal{8};
 
@@ -118,7 +119,6 @@ struct IClient::ClientInternal
 
     std::string userNameBefore;
     Infra::CRecursiveMutex loginMutex; // one login at a time; no other lock of ours is held
-    std::atomic<uint64_t> logins{0};   ///< that succeeded
     TOrderedIndex<ListedClient>::Node* place = nullptr; ///< in the client list; guarded by its lock
 };
 

@@ -17,6 +17,12 @@ TEST(AtomicCount, ChangesGiveTheNewValue)
     EXPECT_EQ(++count, 1);
     EXPECT_EQ(--count, 0);
     EXPECT_EQ(--count, -1);
+    CAtomicCount owners(2);
+    EXPECT_EQ(owners.dropUnlessLast(), 1);
+    EXPECT_EQ(owners.dropUnlessLast(), 0);
+    EXPECT_EQ(owners, 1);
+    EXPECT_EQ(owners.dropOnly(), 0);
+    EXPECT_EQ(owners, 0);
     const CAtomicCount set(7);
     EXPECT_EQ(set, 7);
 }
