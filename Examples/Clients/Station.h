@@ -30,7 +30,7 @@ struct IThermometer : Tarsel::Component::IUnknown
 class CStationClient : public Tarsel::Component::TComponent<Tarsel::Component::IClient>
 {
 public:
-    CStationClient() { ++s_alive; }
+    CStationClient() : m_user(++s_users) { ++s_alive; }
     ~CStationClient() override { --s_alive; }
 
     bool isBroken() override { return m_isBroken; }
@@ -48,7 +48,6 @@ public:
             m_lines.close();
             return false;
         }
-        m_session = atoi(reply.c_str() + 3);
         m_isBroken = false;
         ++s_logins;
         return true;
@@ -64,10 +63,11 @@ public:
         return wasThere;
     }
 
-    /// Asked under a lock of the library, so it does not wait for the network.
+    /// Asked under a lock of the library, so it does not wait for the network. The station counts
+    /// its sessions, too, but another station may give the same number.
     bool getUserID(int& userID) override
     {
-        userID = m_session;
+        userID = m_user;
         return true;
     }
 
@@ -93,9 +93,11 @@ public:
     static inline std::atomic<int> s_logouts{0};
 
 private:
+    static inline std::atomic<int> s_users{0};
+
+    const int m_user;   ///< one for each client of the process
     std::mutex m_mutex; // guards the connection
     CLines m_lines;
-    std::atomic<int> m_session{-1};
     std::atomic<bool> m_isBroken{false};
 };
 

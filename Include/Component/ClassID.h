@@ -27,7 +27,8 @@ struct INFRA_API ClassID
     /// order; empty for an interface that is not known.
     static std::vector<std::string> getClassIDs(const char* iid);
 
-    /// "Local". A client factory of that name makes a new client for every request.
+    /// "Local". A client factory of that name makes a new client each time it is asked for one; what
+    /// looks for a client before that, as components of a server do, may find one of them.
     static const ClassID local;
 
     const char* m_str;

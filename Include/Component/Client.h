@@ -57,9 +57,12 @@ public:
 
     /// True when the session has failed.
     virtual bool isBroken() = 0;
+    /// Opens the session. It does not ask for components of the same server, which would log in
+    /// again, without end.
     virtual bool login() = 0;
     virtual bool logout() = 0;
-    /// Sets the number of the session's user; it stays as it is when there is none.
+    /// Sets the number of the session's user; it stays as it is when there is none. It is the same
+    /// for the whole life of the client, and no other client of the process has it.
     virtual bool getUserID(int& userID) = 0;
 
     // What a class of clients may offer. Here they return false, with the last error
@@ -112,11 +115,12 @@ class INFRA_API IClient::IFactory : public IFactoryUnknown
 public:
     ~IFactory() override;
 
-    /// A new client for `server`, not logged in, with one reference; or null.
+    /// A new client for `server`, not logged in, with one reference; or null. It is this factory's
+    /// own, not one that another factory has given.
     virtual IClient* create(const ServerInfo& server) = 0;
 
-    /// The first client of this class whose user is `uid`, without a reference; null when there is
-    /// none.
+    /// The first client of this class whose user is `uid`, without a reference: it may be dropped at
+    /// once unless the caller holds it already. Null when there is none.
     IClient* instance(int uid);
 
     /// "Client".

@@ -38,6 +38,7 @@
 // All of this is safe from any thread. Where something cannot be had the pointer is empty, and the
 // last error says why, see Detail::CComponentHelper.
 
+#include <type_traits>
 #include <utility>
 
 #include "Component/ClassID.h"
@@ -85,7 +86,8 @@ public:
 /// object for `key`, which is made on first use and goes with its last reference.
 ///
 /// A class derives from it and says how objects are made, and which is whose. Both run under the
-/// lock of the factory's table, so they do not ask for other objects of the same factory.
+/// lock of the factory's table, so they do not ask for other objects of the same factory. Objects
+/// that are left when the factory goes are shared no longer, and go with their last references.
 template <typename T, typename Key>
 class TSharedFactory : public T::IFactory
 {
@@ -202,9 +204,14 @@ struct SharedObject
     template <typename Factory, typename... A>
     static auto get(Factory& factory, A&&... arguments)
     {
-        auto* const found = factory.instance(std::forward<A>(arguments)...);
-        CComponentHelper::makeComponentInstance(found);
-        return found;
+        if constexpr (std::is_same<Factory, IClient::IFactory>::value) {
+            // The others may drop a client between being found and being counted.
+            return getClientOfUser(ClassID(factory.clsid()), std::forward<A>(arguments)...);
+        } else {
+            auto* const found = factory.instance(std::forward<A>(arguments)...);
+            CComponentHelper::makeComponentInstance(found);
+            return found;
+        }
     }
 };
 
@@ -217,15 +224,12 @@ TComPtr<T> componentOf(const ClassID& clsid, const Server& server, A&&... argume
     IClient* client = nullptr;
     IFactoryUnknown* const factory =
         CComponentHelper::getComponentFactory(Factory::iid(), clsid, server, client);
+    CHeldClient held(client);
     T* component = nullptr;
     if (factory != nullptr) {
         component = Way::get(*static_cast<Factory*>(factory), std::forward<A>(arguments)...);
     }
-    if (component == nullptr && client != nullptr) {
-        releaseClient(client);
-        client = nullptr;
-    }
-    return TComPtr<T>(component, client, 0);
+    return component == nullptr ? TComPtr<T>() : TComPtr<T>(component, held.take(), 0);
 }
 
 template <typename T, typename Way, typename... A>

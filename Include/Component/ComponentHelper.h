@@ -42,11 +42,11 @@ public:
     /// -1 is no client. Interface "Client" gives the factory of a client class, whose clients are
     /// shared, and ignores `uid`.
     ///
-    /// @param client  set to the client, with a reference for the caller, or to null. It is null
-    ///                whenever the factory was not found
+    /// @param client  set to the client, with a reference for the caller; to null where there is
+    ///                none, and with both of the errors below
     /// @return null with the last error componentErrorInterfaceNotFound or
-    ///         componentErrorClassNotFound; null without one where a factory was taken out (the
-    ///         caller then still owns `client`), or no client has that user
+    ///         componentErrorClassNotFound; null without one where no client has that user, or where
+    ///         the factory was taken out: then the caller owns `client` all the same
     static IFactoryUnknown* getComponentFactory(const char* iid, const ClassID& clsid, int uid,
                                                 IClient*& client);
     /// The same for the client that is logged in to `si`: it is looked for by class and server,
@@ -56,9 +56,40 @@ public:
                                                 const ServerInfo& si, IClient*& client);
 };
 
+/// The first client of a class whose user is `uid`, with a reference for the caller: it is found and
+/// counted in one step, so nobody drops it in between. Null with the last error
+/// componentErrorGetInstanceFailed.
+INFRA_API IClient* getClientOfUser(const ClassID& clsid, int uid);
+
 /// CComponentHelper::addRef and release, where IClient is not known to be an IUnknown.
 INFRA_API void addClientRef(IClient* client);
 INFRA_API void releaseClient(IClient* client);
+
+/// Owns a reference to a client while code of the application runs, which may throw.
+class CHeldClient
+{
+public:
+    explicit CHeldClient(IClient* client) : m_client(client) {}
+    ~CHeldClient()
+    {
+        if (m_client != nullptr) {
+            releaseClient(m_client);
+        }
+    }
+    CHeldClient(const CHeldClient&) = delete;
+    CHeldClient& operator=(const CHeldClient&) = delete;
+
+    /// Hands the reference to the caller.
+    IClient* take()
+    {
+        IClient* const client = m_client;
+        m_client = nullptr;
+        return client;
+    }
+
+private:
+    IClient* m_client;
+};
 
 } // namespace Detail
 } // namespace Component

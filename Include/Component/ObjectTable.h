@@ -33,7 +33,8 @@ struct ObjectTableInternal;
 /// the lock, so what `find` returns is alive.
 /// Threads: `lock` is held around `find` and the `insert` that follows it, and around whatever else
 /// is asked; the last release of an object takes it, so it is not held while objects are released.
-/// Ownership: the table holds no references. It outlives its objects.
+/// Ownership: the table holds no references. Objects that are left in it when it goes belong to no
+/// table; none may be released at that moment.
 class INFRA_API CObjectTable
 {
 public:

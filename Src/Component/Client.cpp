@@ -473,6 +473,15 @@ bool CComponentHelper::setAsCurrentUser(IClient* client)
     return true;
 }
 
+IClient* getClientOfUser(const ClassID& clsid, int uid)
+{
+    IClient* const client = ClientFactory::getAndMakeClientInstance(clsid, uid);
+    if (client == nullptr) {
+        CComponentHelper::makeComponentInstance(nullptr); // says that there is none
+    }
+    return client;
+}
+
 void addClientRef(IClient* client)
 {
     CComponentHelper::addRef(client);

@@ -5,6 +5,8 @@
 
 #include "Component/ServerInfoQueryer.h"
 
+#include <atomic>
+
 #include "Component/ClassID.h"
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/BoundedText.h"
@@ -14,6 +16,14 @@ namespace Tarsel
 {
 namespace Component
 {
+
+namespace
+{
+
+/// The helper is gone, at the end of the process.
+constinit std::atomic<bool> s_hasEnded{false};
+
+} // namespace
 
 IServerInfoQueryer::~IServerInfoQueryer() = default;
 
@@ -32,6 +42,7 @@ CServerInfoQueryerHelper::CServerInfoQueryerHelper() : m_published(nullptr) {}
 
 CServerInfoQueryerHelper::~CServerInfoQueryerHelper()
 {
+    s_hasEnded = true;
     m_published = nullptr;
 }
 
@@ -42,13 +53,17 @@ const IServerInfoQueryerPtr* CServerInfoQueryerHelper::held() const
 
 bool CServerInfoQueryerHelper::setQueryerHandler(const IServerInfoQueryerPtr& queryerPtr)
 {
+    if (s_hasEnded) {
+        return false; // a static object that ends later than this one
+    }
     IServerInfoQueryer* const wanted = queryerPtr.get();
     IServerInfoQueryer* before = nullptr;
+    IServerInfoQueryerPtr copy(queryerPtr); // counts, which is code of the application
     {
         Infra::CGuard guard(m_mutex);
         before = m_queryerPtr.get();
         if (before == nullptr && wanted != nullptr) {
-            m_queryerPtr = queryerPtr;
+            m_queryerPtr.swap(copy);
             m_published.store(&m_queryerPtr, std::memory_order_release);
             return true;
         }

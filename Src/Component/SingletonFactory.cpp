@@ -26,6 +26,9 @@ CObjectTable::CObjectTable() : m_internal(new ObjectTableInternal) {}
 
 CObjectTable::~CObjectTable()
 {
+    for (IUnknown* const object : m_internal->objects) {
+        setObjectTable(object, nullptr); // static objects may hold some for longer
+    }
     delete m_internal;
 }
 

@@ -258,6 +258,52 @@ TEST_F(TemplateTest, ASharedFactoryHasOneObjectForAKey)
     EXPECT_EQ(CSign::s_alive, 2);
 }
 
+TEST_F(TemplateTest, AClientIsFoundAndCountedInOneStep)
+{
+    EXPECT_FALSE(getComponentInstance<IClient>("Dev", ServerInfo::none, 7));
+    EXPECT_EQ(getLastError(), Tarsel::componentErrorGetInstanceFailed);
+    onThreads(6, [](int thread) {
+        for (int round = 0; round < 2000; ++round) {
+            if (thread < 2) {
+                createComponentObject<ISign>("Dev", serverAt(70), "a");
+                continue;
+            }
+            const TComPtr<IClient> client =
+                getComponentInstance<IClient>("Dev", ServerInfo::none, 7);
+            if (client) {
+                EXPECT_FALSE(client->isBroken());
+            }
+        }
+    });
+    EXPECT_EQ(CSession::s_alive, 0);
+}
+
+TEST_F(TemplateTest, AThrowingFactoryKeepsNoClient)
+{
+    struct CThrowing : CSignFactory
+    {
+        CThrowing() : CSignFactory("Throwing") {}
+        ISign* create(const char*) override { throw 7; }
+    };
+    const TRegistered<CThrowing> throwing;
+    const CSessionFactory throwingClients("Throwing");
+    EXPECT_THROW(createComponentObject<ISign>("Throwing", serverAt(71), "a"), int);
+    EXPECT_EQ(CSession::s_alive, 0);
+}
+
+TEST_F(TemplateTest, SharedObjectsMayOutliveTheirFactory)
+{
+    TComPtr<ISign> left;
+    {
+        const TRegistered<CSignFactory> shortly("Shortly");
+        left = getComponentInstance<ISign>("Shortly", ServerInfo::none, "a");
+        ASSERT_TRUE(left);
+    }
+    EXPECT_EQ(left->text, "a");
+    left.reset();
+    EXPECT_EQ(CSign::s_alive, 0);
+}
+
 TEST_F(TemplateTest, AChannelOrADeviceSaysWhichClassAndServer)
 {
     TRegistered<CSignFactory> chosen("Chosen");
