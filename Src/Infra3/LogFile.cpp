@@ -23,6 +23,7 @@
 #include <utility>
 
 #include "Infra/Infra3/Guard.h"
+#include "Infra3/ErrorText.h"
 #include "Infra3/FileInternal.h"
 #include "Infra3/Fork.h"
 #include "Infra3/Immortal.h"
@@ -75,7 +76,7 @@ void complain(const char* call, int line = __builtin_LINE())
 {
     const int error = errno;
     printf("[%s:%d]%s faild,errno:%d, errmesg:%s\n", __FILE__, line, call, error,
-           strerrordesc_np(error));
+           CErrorText(error).c_str());
 }
 
 /// rename() that fails with EEXIST instead of replacing a file, where the file system can.

@@ -6,6 +6,7 @@
 // the number counts from 0 on each date.
 
 #include <chrono>
+#include <compare>
 #include <string>
 #include <vector>
 
@@ -14,14 +15,7 @@ struct Rotation
     std::chrono::year_month_day date;
     long long number;
 
-    bool operator==(const Rotation& other) const
-    {
-        return date == other.date && number == other.number;
-    }
-    bool operator<(const Rotation& other) const
-    {
-        return date != other.date ? date < other.date : number < other.number;
-    }
+    auto operator<=>(const Rotation&) const = default;
 };
 
 /// A renamed file.

@@ -182,7 +182,7 @@ void CReader::readRenamedBefore(const CInput& newest)
         readNamed();
     }
     for (const LogFile& file : renamedFilesOf(m_log.path)) {
-        if (m_known && !(*m_known < file.rotation)) {
+        if (m_known && file.rotation <= *m_known) {
             continue;
         }
         CInput input(file.path);
