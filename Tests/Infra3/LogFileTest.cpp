@@ -310,6 +310,9 @@ TEST_F(LogFileTest, LinesAreWrittenAsTheyArePrinted)
         logInfo("not for the file\n");
         options.tologfile = 0;
         setPrintOptions(options);
+        Infra_getPrintOption()->tologfile = 1;
+        logInfo("nor is this, says C code\n");
+        Infra_getPrintOption()->tologfile = 0;
         EXPECT_EQ(contentOf(log()), std::string("[ ]one, two\n[ ]a\0b\n", 19));
         logInfo("%s", std::string(9000, 'y').c_str());
         EXPECT_EQ(contentOf(log()).size(), 19U + 8190);

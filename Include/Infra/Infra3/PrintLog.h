@@ -76,7 +76,8 @@ struct LogModuleInfo
 /// kilobyte needs 8 KB of stack on top.
 /// Threads: safe from any thread; each text reaches standard output in one piece, so that whole
 /// lines never mix. `errno` is left as it was.
-/// @param level       1 to 6; above, as 6; below, without level word and colour
+/// @param level       1 to 6, where 6 counts as 5; above, looks like 5; below, has no level word and
+///                    colour
 /// @param module      the library that speaks, "Infra" for this one
 /// @param file        only the part behind the last '/' is printed
 /// @param svnversion  revision of the caller's build; null is ""
@@ -106,7 +107,8 @@ INFRA_API INFRA_PRINTF_FORMAT(3, 4) int logLibName(int nLevel, const char* libNa
 INFRA_API void setPrintLogLevel(int level);
 INFRA_API int getPrintLogLevel();
 
-/// Sets all options at once, for the C interface as well.
+/// Sets all options at once, for the C interface as well. What C code sets (CPrintLog.h) is not seen
+/// by getPrintOptions(); it is heeded all the same.
 INFRA_API void setPrintOptions(PrintOptions printOptions);
 /// Copies the options to `*printOptions` (null: nothing happens) and returns 0.
 INFRA_API int getPrintOptions(PrintOptions* printOptions);
