@@ -7,7 +7,9 @@
 //      just opened is not renamed, so that none is renamed empty.
 // Renaming takes the next free number of the file's date. The number comes from a listing, which may
 // have missed names (a link to nothing ends it), so a name that is taken all the same is passed
-// over: no old file is ever overwritten.
+// over: no old file is ever overwritten. Nor is the new file emptied when it is opened, for its name
+// is free after the renaming: what stands there all the same was written meanwhile.
+// Behind the line, when nothing is under way any more, an old file is removed if one is too many.
 
 #include "Infra3/LogFile.h"
 
@@ -15,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -96,17 +99,11 @@ bool renameToNew(const char* from, const char* to)
     return rename(from, to) == 0;
 }
 
-bool moveToOldName(const std::string& path, const LogDate& date, int number)
+/// True for what is there and is no file proper: a device, a pipe, a directory.
+bool isNoFile(const std::string& path)
 {
-    for (; number < INT_MAX; ++number) {
-        if (renameToNew(path.c_str(), oldLogName(path, date, number).c_str())) {
-            return true;
-        }
-        if (errno != EEXIST) {
-            return false;
-        }
-    }
-    return false;
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
 }
 
 /// True when a hook may be asked for the directory or for one of the old files.
@@ -117,15 +114,38 @@ bool isHooked(const std::string& path, const std::string& directory)
            isHookedBelow(path.c_str());
 }
 
+int64_t nanoseconds(const timespec& time)
+{
+    return int64_t{1000000000} * time.tv_sec + time.tv_nsec;
+}
+
+/// The system stamps all files that are written within one of its ticks alike. Of several that are
+/// filled so fast the oldest must be seen, so `path` is made to look younger than `last` by as little
+/// as can be. Returns when it was changed last.
+timespec putInOrder(const std::string& path, const timespec& last)
+{
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+        return last;
+    }
+    const int64_t older = nanoseconds(last) - nanoseconds(status.st_mtim);
+    if (older < 0 || older > 1000000000 || last.tv_nsec == 999999999) {
+        return status.st_mtim; // younger, or the clock was set back
+    }
+    const timespec times[2] = {{0, UTIME_OMIT}, {last.tv_sec, last.tv_nsec + 1}};
+    utimensat(AT_FDCWD, path.c_str(), times, 0);
+    return times[1];
+}
+
 } // namespace
 
 // --- the stream ---------------------------------------------------------------------------------
 
-bool CLogStream::open(const char* path, int extraFlags)
+bool CLogStream::open(const char* path)
 {
     close();
     // Reading is asked for as well: opening a pipe that nobody reads yet must not wait.
-    int descriptor = ::open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | extraFlags, 0666);
+    int descriptor = ::open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     if (descriptor >= 0 && descriptor <= STDERR_FILENO) {
         // A service may have closed its standard streams; what it prints must not end up here.
         const int above = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -136,6 +156,7 @@ bool CLogStream::open(const char* path, int extraFlags)
         return false;
     }
     struct stat status;
+    ++m_changes;
     m_descriptor = descriptor;
     m_regular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
     return true;
@@ -144,6 +165,7 @@ bool CLogStream::open(const char* path, int extraFlags)
 void CLogStream::close()
 {
     if (isOpen()) {
+        ++m_changes;
         ::close(std::exchange(m_descriptor, -1));
     }
 }
@@ -151,16 +173,6 @@ void CLogStream::close()
 bool CLogStream::empty()
 {
     return ftruncate(m_descriptor, 0) == 0;
-}
-
-void CLogStream::stamp()
-{
-    if (!isOpen()) {
-        return;
-    }
-    timespec times[2] = {{0, UTIME_OMIT}, {0, 0}};
-    clock_gettime(CLOCK_REALTIME, &times[1]);
-    futimens(m_descriptor, times);
 }
 
 size_t CLogStream::append(const char* text, size_t length)
@@ -232,6 +244,9 @@ void CLogFile::setPath(const char* path)
         newPath.clear();
     }
     CGuard guard(m_mutex);
+    if (m_path != newPath) {
+        ++m_pathChanges;
+    }
     m_path.swap(newPath);
     m_directory.swap(newDirectory);
     m_on.store(!m_path.empty(), std::memory_order_relaxed);
@@ -283,10 +298,13 @@ void CLogFile::write(const char* text, size_t length, const Infra_SystemTimeEx& 
         ready = prepareLocked(dateOf(now));
     } catch (const std::bad_alloc&) {
         // No new file without memory: the one that is there takes this line too.
-        ready = m_stream.isOpen() || openLocked(0);
+        ready = m_stream.isOpen() || openNewLocked(dateOf(now));
     }
     if (ready) {
         m_length += static_cast<int64_t>(m_stream.append(text, length));
+    }
+    if (m_limitDue && !m_moving) {
+        limitOldFilesLocked();
     }
 }
 
@@ -299,20 +317,16 @@ void CLogFile::close()
 bool CLogFile::prepareLocked(const LogDate& today)
 {
     treatLeftoverLocked(today);
-    const bool justOpened = !m_stream.isOpen();
-    if (justOpened) {
-        if (!openLocked(0)) {
-            return false;
-        }
-        m_openedOn = today;
+    if (m_path.empty()) {
+        return false; // switched off while a hook ran
     }
-    if (isFullLocked()) {
-        if (m_oldWay) {
-            emptyLocked();
-        } else if (!justOpened) {
-            rotateLocked(today);
-        }
-    } else if (!justOpened && isDayOverLocked(today)) {
+    const bool justOpened = !m_stream.isOpen();
+    if (justOpened && !openNewLocked(today)) {
+        return false;
+    }
+    if (m_oldWay && isFullLocked()) {
+        emptyLocked();
+    } else if (!justOpened && isRotationDueLocked(today)) {
         rotateLocked(today);
     }
     return m_stream.isOpen();
@@ -329,19 +343,38 @@ void CLogFile::treatLeftoverLocked(const LogDate& today)
     }
     if (m_oldWay) {
         m_length = status.st_size;
-    } else if (S_ISREG(status.st_mode)) {
-        moveAwayLocked(today);
+        return;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return;
+    }
+    const unsigned path = m_pathChanges;
+    const int number = nextNumberLocked(today);
+    if (m_pathChanges == path) {
+        moveAwayLocked(today, number);
+        m_limitDue = true;
     }
 }
 
-bool CLogFile::openLocked(int extraFlags)
+/// Opens the file at the path for appending; complains if that fails.
+bool CLogFile::openLocked()
 {
     if (m_path.empty()) {
         return false; // switched off while a hook ran
     }
-    const bool opened = m_stream.open(m_path.c_str(), extraFlags);
+    const bool opened = m_stream.open(m_path.c_str());
+    m_openedPath = m_pathChanges;
     if (!opened) {
         complain("fopen");
+    }
+    return opened;
+}
+
+bool CLogFile::openNewLocked(const LogDate& today)
+{
+    const bool opened = openLocked();
+    if (opened) {
+        m_openedOn = today;
     }
     return opened;
 }
@@ -353,12 +386,17 @@ bool CLogFile::isFullLocked() const
 
 bool CLogFile::isDayOverLocked(const LogDate& today) const
 {
-    if (!m_byDay || m_oldWay || m_openedOn.year == 0 || m_openedOn == today) {
+    if (!m_byDay || m_openedOn.year == 0 || m_openedOn == today) {
         return false;
     }
     // A line that was laid out before midnight and gets here after the first one of the new day does
     // not turn the day back.
     return m_openedOn != dateOf(currentMoment().time);
+}
+
+bool CLogFile::isRotationDueLocked(const LogDate& today) const
+{
+    return !m_oldWay && (isFullLocked() || isDayOverLocked(today));
 }
 
 void CLogFile::emptyLocked()
@@ -374,70 +412,100 @@ void CLogFile::emptyLocked()
 template <typename Question>
 auto CLogFile::askFileSystemLocked(const Question& question)
 {
+    const CFlagged moving(m_moving);
+    if (!isHooked(m_path, m_directory)) {
+        // Also if one is hooked at this moment: no application code under the lock.
+        return question(m_path, m_directory, FileDefaultOpt::instance());
+    }
     const std::string path = m_path;
     const std::string directory = m_directory;
-    if (!isHooked(path, directory)) {
-        return question(path, directory);
-    }
     const CUnlocked unlocked(m_mutex);
-    return question(path, directory);
+    return question(path, directory, nullptr);
 }
 
-bool CLogFile::mayRotateLocked() const
-{
-    return !m_moving && m_stream.isRegular();
-}
-
+/// Makes the file an old one and opens a new one; or leaves all as it is where that cannot be.
 void CLogFile::rotateLocked(const LogDate& today)
 {
-    if (!mayRotateLocked()) {
+    const bool isOtherPath = m_openedPath != m_pathChanges;
+    if (m_moving || (!m_stream.isRegular() && !isOtherPath)) {
         return;
     }
-    const Moved moved = moveAwayLocked(m_openedOn);
-    if (moved == Moved::yes) {
-        m_openedOn = today;
+    if (isOtherPath && isNoFile(m_path)) {
+        openNewLocked(today); // a device has no old files
+        return;
     }
-    if (!m_stream.isOpen()) {
-        openLocked(moved == Moved::yes ? O_TRUNC : 0);
+    const unsigned path = m_pathChanges;
+    const unsigned stream = m_stream.changes();
+    const LogDate date = m_openedOn;
+    const int number = nextNumberLocked(date);
+    if (m_pathChanges == path && m_stream.changes() == stream && isRotationDueLocked(today)) {
+        if (moveAwayLocked(date, number)) {
+            m_limitDue = true;
+            openNewLocked(today);
+        } else {
+            openLocked();
+        }
+    } else if (!m_stream.isOpen()) {
+        openNewLocked(today); // closed while a hook ran
     }
 }
 
-/// Renames the file by `date`, closes it and removes an old one if there are too many.
-CLogFile::Moved CLogFile::moveAwayLocked(LogDate date)
+/// Renames what is at the path by `date` and closes the file; complains if the first fails.
+bool CLogFile::moveAwayLocked(const LogDate& date, int number)
 {
-    const CFlagged moving(m_moving);
-    const std::string pathBefore = m_path;
-    const bool wasOpen = m_stream.isOpen();
-    const int number =
-        askFileSystemLocked([&](const std::string& path, const std::string& directory) {
-            return nextLogNumber(path, directory, date);
-        });
-    if (m_path != pathBefore || (wasOpen && !m_stream.isOpen())) {
-        return Moved::overtaken;
-    }
-    m_stream.stamp();
-    const bool moved = moveToOldName(m_path, date, number);
-    if (!moved) {
+    const bool moved = renameLocked(date, number);
+    if (moved) {
+        m_length = 0;
+    } else {
         complain("rename");
     }
     m_stream.close();
-    if (!moved) {
-        return Moved::no;
+    return moved;
+}
+
+/// Tries numbers from `number` on. Behind the first that is taken it goes on with the one after the
+/// last that it gave itself, lest a folder that cannot be listed be searched name by name.
+bool CLogFile::renameLocked(const LogDate& date, int number)
+{
+    int64_t next = number;
+    int64_t afterTaken = 0;
+    if (m_lastOld.pathChanges == m_pathChanges && m_lastOld.date == date) {
+        afterTaken = int64_t{m_lastOld.number} + 1;
     }
-    m_length = 0;
-    limitOldFilesLocked();
-    return Moved::yes;
+    for (; next <= INT_MAX; next = std::max(next + 1, afterTaken)) {
+        const std::string name = oldLogName(m_path, date, static_cast<int>(next));
+        if (renameToNew(m_path.c_str(), name.c_str())) {
+            const timespec changed = putInOrder(name, m_lastOld.changed);
+            m_lastOld = {m_pathChanges, date, static_cast<int>(next), changed};
+            return true;
+        }
+        if (errno != EEXIST) {
+            return false;
+        }
+    }
+    errno = EEXIST;
+    return false;
+}
+
+int CLogFile::nextNumberLocked(const LogDate& date)
+{
+    return askFileSystemLocked(
+        [&date](const std::string& path, const std::string& directory, IFileSystem* fileSystem) {
+            return nextLogNumber(path, directory, date, fileSystem);
+        });
 }
 
 void CLogFile::limitOldFilesLocked()
 {
+    m_limitDue = false;
     const int32_t limit = m_oldFiles;
-    if (limit == 0) {
+    if (limit == 0 || m_path.empty()) {
         return;
     }
     try {
-        askFileSystemLocked([&](const std::string& path, const std::string& directory) {
-            limitLogFiles(path, directory, limit);
+        askFileSystemLocked([limit](const std::string& path, const std::string& directory,
+                                    IFileSystem* fileSystem) {
+            limitLogFiles(path, directory, limit, fileSystem);
         });
     } catch (const std::bad_alloc&) {
         // The file too many stays until the next renaming.

@@ -134,8 +134,10 @@ INFRA_API std::map<std::string, LogModuleInfo> getLogStatistics();
 /// | `-logsavesetting byday on/off M` | the same for one that was opened on another day |
 /// | `-logmodulestatistics on/off` | counts for getLogStatistics() |
 ///
-/// Old files are named PATH_YYYY-MM-DD_N, by the date of their opening. What goes wrong with the file
-/// is printed, and the line is missing from the file only.
+/// Old files are named PATH_YYYY-MM-DD_N, by the date of their opening; one that an earlier run left,
+/// by the day on which it was found. How full the file is stays counted when another path is given:
+/// its file may be renamed, or in the old way emptied, early. What goes wrong with the file is printed,
+/// and the line is missing from the file only.
 /// Threads: safe from any thread, while others log.
 INFRA_API void setLogFilter(int argc, char** argv);
 
