@@ -8,13 +8,13 @@
 #include <sys/stat.h>
 
 #include <climits>
-#include <cstdio>
 #include <optional>
 #include <string_view>
 
 #include "Infra3/BoundedText.h"
 #include "Infra3/Digits.h"
 #include "Infra3/FileInternal.h"
+#include "Infra3/LogFileComplaints.h"
 
 namespace Tarsel
 {
@@ -69,7 +69,7 @@ bool forEachEntry(const std::string& directory, IFileSystem* fileSystem, const V
 {
     CListing listing(chosen(fileSystem, directory), directory);
     if (!listing.isOpen()) {
-        printf("[%s:%d]no such logpath\n", __FILE__, __LINE__);
+        complain(__FILE__, __LINE__, "no such logpath\n");
         return false;
     }
     do {

@@ -568,6 +568,23 @@ TEST_F(LogFileTest, ADirectoryThatMayNotBeChangedKeepsTheFileGrowing)
     EXPECT_EQ(countOf(complaints, "\n"), 1) << complaints;
 }
 
+TEST_F(LogFileTest, AComplaintDoesNotHoldUpWhoHasStandardOutput)
+{
+    const std::string complaints = complaintsOf([&] {
+        command({"-logpath", folder.path("none/app.log")});
+        std::thread other([] { logLines(0, 999); });
+        for (int number = 0; number < 1000; ++number) {
+            flockfile(stdout);
+            logLine(number);
+            funlockfile(stdout);
+        }
+        other.join();
+    });
+    EXPECT_EQ(countOf(complaints, "]fopen faild,errno:2, errmesg:No such file or directory\n"),
+              2000);
+    EXPECT_EQ(countOf(complaints, "\n"), 2000);
+}
+
 TEST_F(LogFileTest, LinksToNothingAmongTheOldFilesLoseNone)
 {
     for (const char* end : {"0", "3", "7"}) {
