@@ -7,7 +7,6 @@
 // on each date.
 
 #include <chrono>
-#include <compare>
 #include <string>
 #include <vector>
 
@@ -16,7 +15,14 @@ struct Rotation
     std::chrono::year_month_day date;
     long long number;
 
-    auto operator<=>(const Rotation&) const = default;
+    bool operator==(const Rotation& other) const
+    {
+        return date == other.date && number == other.number;
+    }
+    bool operator<(const Rotation& other) const
+    {
+        return date != other.date ? date < other.date : number < other.number;
+    }
 };
 
 /// A renamed file.

@@ -183,7 +183,7 @@ void CReader::readRenamedBefore(const CInput& newest)
         readNamed();
     }
     for (const LogFile& file : renamedFilesOf(m_log.path)) {
-        if (m_known && file.rotation <= *m_known) {
+        if (m_known && !(*m_known < file.rotation)) {
             continue;
         }
         struct stat status = {};
