@@ -307,10 +307,13 @@ bool clientLoginAgain(IClient* client, uint64_t loginsSeen)
 {
     IClient::ClientInternal& record = *client->m_internal;
     CRecursiveGuard guard(record.loginMutex);
-    if (record.logins.load() == loginsSeen) {
-        record.state = IClient::ClientInternal::broken;
+    const bool isAnotherSession = record.state.load() == IClient::ClientInternal::logined &&
+                                  record.logins.load() != loginsSeen;
+    if (isAnotherSession && !client->isBroken()) {
+        return true;
     }
-    return clientLoginOnce(client);
+    record.state = IClient::ClientInternal::broken;
+    return clientLogin(client);
 }
 
 // IClient.

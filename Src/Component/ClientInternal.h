@@ -139,7 +139,7 @@ bool clientLogin(IClient* client);
 /// The same under the client's login lock, unless the client is logged in by then.
 bool clientLoginOnce(IClient* client);
 /// The same for a client whose session turned out to have failed, unless another thread has logged
-/// it in since there were `loginsSeen`. These are read before the session is asked.
+/// it in since there were `loginsSeen`, and that session works.
 bool clientLoginAgain(IClient* client, uint64_t loginsSeen);
 /// A hash of all that makes a server the same.
 size_t clientHash(const ServerInfo& server);

@@ -144,8 +144,8 @@ bool isClientRequest(std::string_view iid)
     return isSameText(iid, clientInterface);
 }
 
-/// Logs a client in anew whose session has failed. The logins are counted behind the look at the
-/// state and before the question: the answer is about the last of them, or a later one.
+/// Logs a client in anew whose session has failed. The logins are read before the question, so the
+/// answer is about the last of them or a later one.
 bool renewIfBroken(IClient* client)
 {
     const uint64_t loginsSeen = client->m_internal->logins;
