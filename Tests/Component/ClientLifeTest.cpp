@@ -141,8 +141,15 @@ TEST(ClientThreadTest, WhileAThreadLogsInOthersComeAndGo)
 /// Each round on a server of its own, so that the threads meet at every step of a first login.
 TEST(ClientThreadTest, OneThreadLogsInForAllThatAsk)
 {
-    constexpr uint32_t rounds = 2000;
+    constexpr uint32_t rounds = 6000;
     CSessionFactory factory("Dev");
+    std::atomic<int> logins{0};
+    factory.plan.login = [&logins] {
+        if (++logins % 2 == 0) { // the others wait; else they come at its end
+            std::this_thread::yield();
+        }
+        return true;
+    };
     std::vector<std::array<CSession*, 3>> found(rounds);
     std::barrier together(3);
     onThreads(3, [&](int thread) {
@@ -173,6 +180,7 @@ struct CBrittle : CSession
     using CSession::CSession;
     bool isBroken() override
     {
+        std::this_thread::yield(); // others may log in and break it again
         s_loginsSeen = logins;
         return s_wasBroken = broken;
     }
