@@ -76,6 +76,10 @@ struct ComponentInstance
     std::string password;
     const int loginType;
     ComponentClass* const owner;
+
+private:
+    ComponentInstance(IUnknown* object, bool isRemote, const ServerInfo& server,
+                      ComponentClass* objectClass);
 };
 
 typedef TOrderedIndex<ComponentInstance> ComponentInstanceList;

@@ -37,13 +37,19 @@ struct ComponentClass
 
 ComponentInstance::ComponentInstance(IUnknown* object, const ServerInfo* server,
                                      ComponentClass* objectClass)
+    : ComponentInstance(object, server != nullptr, server != nullptr ? *server : ServerInfo::none,
+                        objectClass)
+{}
+
+ComponentInstance::ComponentInstance(IUnknown* object, bool isRemote, const ServerInfo& server,
+                                     ComponentClass* objectClass)
     : pointer(object),
-      remote(server != nullptr),
-      serverAddress(remote ? Infra::textOrEmpty(server->serverAddress) : ""),
-      serverPort(remote ? server->serverPort : 0),
-      userName(remote ? Infra::textOrEmpty(server->userName) : ""),
-      password(remote ? Infra::textOrEmpty(server->password) : ""),
-      loginType(remote ? server->loginType : 0),
+      remote(isRemote),
+      serverAddress(Infra::textOrEmpty(server.serverAddress)),
+      serverPort(server.serverPort),
+      userName(Infra::textOrEmpty(server.userName)),
+      password(Infra::textOrEmpty(server.password)),
+      loginType(server.loginType),
       owner(objectClass)
 {}
 
