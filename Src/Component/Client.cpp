@@ -96,11 +96,6 @@ bool takeFront(std::string_view& key, const void* bytes, size_t count)
     return true;
 }
 
-void wipe(std::string& secret)
-{
-    explicit_bzero(secret.data(), secret.size());
-}
-
 /// Lends the record's texts. What takes no part in it stays as it is.
 void describeServer(const IClient::ClientInternal& record, ServerInfo& server)
 {
@@ -124,12 +119,6 @@ void describeServer(const IClient::ClientInternal& record, ServerInfo& server)
     server.targetID = record.targetID.c_str();
     server.proxyToken = record.proxyToken.c_str();
     server.stochastic = record.stochastic.c_str();
-}
-
-bool isClassOf(const IClient::ClientInternal& record, const ClassID& clsid)
-{
-    const std::string_view prefix = clientClassOf(clsid);
-    return record.classID.compare(0, prefix.size(), prefix) == 0;
 }
 
 } // namespace
@@ -187,8 +176,9 @@ std::string_view clientClassOf(const ClassID& clsid)
 size_t clientHash(const ServerInfo& server)
 {
     size_t hash = mixHash(uint64_t{server.serverPort} << 32 | server.mediaPort,
-                          uint64_t{server.loginSession} << 32 | server.loginType << 24 |
-                              server.loginMode << 16 | server.socketType << 8 | server.encryption);
+                          uint64_t{server.loginSession} << 32 | uint64_t{server.loginType} << 24 |
+                              uint64_t{server.loginMode} << 16 | uint64_t{server.socketType} << 8 |
+                              server.encryption);
     for (const char* text : ServerTexts(server).texts) {
         hash = text == nullptr || *text == '\0' ? mixHash(hash, 0) : hashText(text, hash);
     }
@@ -206,7 +196,8 @@ bool clientIsSameAs(IClient* client, const ClassID& clsid, int uid)
 {
     INFRA_ASSERT_TEXT(client != nullptr && client->m_internal != nullptr,
                       "client != NULL && client->m_internal != NULL");
-    if (!isClassOf(*client->m_internal, clsid)) {
+    const std::string_view prefix = clientClassOf(clsid);
+    if (client->m_internal->classID.compare(0, prefix.size(), prefix) != 0) {
         return false;
     }
     int found = -1;
@@ -218,28 +209,27 @@ bool clientIsSameAs(IClient* client, const ClassID& clsid, const ServerInfo& ser
 {
     INFRA_ASSERT_TEXT(client != nullptr && client->m_internal != nullptr,
                       "client != NULL && client->m_internal != NULL");
-    ServerInfo own = {};
-    describeServer(*client->m_internal, own);
-    const ServerNumbers numbers(own);
-    const ServerNumbers wanted(server);
-    const ServerTexts texts(own);
-    return isClassOf(*client->m_internal, clsid) &&
-           memcmp(&numbers, &wanted, sizeof(numbers)) == 0 &&
-           std::equal(std::begin(texts.texts), std::end(texts.texts), ServerTexts(server).texts,
-                      [](const char* a, const char* b) { return strcmp(a, textOrEmpty(b)) == 0; });
+    return ListedClient(client).isFor(clientClassOf(clsid), server);
 }
 
 // What the list compares. A class name fits when the key begins with it; what is behind a class name
 // in the key is found from the end of the key's own.
 
-ListedClient::ListedClient(IClient* listed) : client(listed), key(listed->m_internal->classID)
+ListedClient::ListedClient(IClient* listed) : client(listed)
 {
+    const std::string& classID = listed->m_internal->classID;
     ServerInfo server = {};
     describeServer(*listed->m_internal, server);
     const ServerNumbers numbers(server);
-    key.push_back('\0');
+    const ServerTexts texts(server);
+    size_t size = classID.size() + 1 + sizeof(numbers);
+    for (const char* text : texts.texts) {
+        size += strlen(text) + 1;
+    }
+    key.reserve(size); // a key that grew would leave its password in each block before
+    key.append(classID).push_back('\0');
     key.append(reinterpret_cast<const char*>(&numbers), sizeof(numbers));
-    for (const char* text : ServerTexts(server).texts) {
+    for (const char* text : texts.texts) {
         key.append(text).push_back('\0');
     }
 }
@@ -306,17 +296,23 @@ bool clientLogin(IClient* client)
     return true;
 }
 
-bool clientLoginOnce(IClient* client, uint64_t loginsSeen, bool isBroken)
+bool clientLoginOnce(IClient* client)
 {
     IClient::ClientInternal& record = *client->m_internal;
     CRecursiveGuard guard(record.loginMutex);
-    const bool wasLoggedIn = record.state.load() == IClient::ClientInternal::logined;
-    if (wasLoggedIn && record.logins.load() != loginsSeen) {
+    return record.state.load() == IClient::ClientInternal::logined || clientLogin(client);
+}
+
+bool clientLoginAgain(IClient* client, uint64_t loginsSeen)
+{
+    IClient::ClientInternal& record = *client->m_internal;
+    CRecursiveGuard guard(record.loginMutex);
+    const bool isAnotherSession = record.state.load() == IClient::ClientInternal::logined &&
+                                  record.logins.load() != loginsSeen;
+    if (isAnotherSession && !client->isBroken()) {
         return true;
     }
-    if (isBroken) {
-        record.state = IClient::ClientInternal::broken;
-    }
+    record.state = IClient::ClientInternal::broken;
     return clientLogin(client);
 }
 

@@ -52,14 +52,28 @@ constinit CClientInstanceList* s_lockedForFork = nullptr;
 struct Wrappers
 {
     Infra::CLeafMutex mutex; // guards the map
-    std::map<IFactoryUnknown*, std::unique_ptr<IClientFactoryWrap>> map;
+    std::map<IClient::IFactory*, std::unique_ptr<IClientFactoryWrap>> map;
 };
 
-/// The last reference of a client is gone, and nobody can find it any more.
-void end(IClient* client)
+/// Who took the last reference by decreaseRefCount() ends the client, and it is listed until then.
+bool isAlive(IClient* client)
 {
-    client->logout();
-    client->destroy();
+    return getRefCount(client) > 0;
+}
+
+/// A client that was found, with a reference for the caller. Null is no error.
+IClient* handOut(IClient* client)
+{
+    if (client != nullptr) {
+        CComponentHelper::makeComponentInstance(client);
+    }
+    return client;
+}
+
+/// Drops a reference as far as the client list is not concerned.
+int dropUnlisted(IClient* client)
+{
+    return client->IUnknown::m_internal->instance ? dropInstance(client) : decreaseRefCount(client);
 }
 
 } // namespace
@@ -78,10 +92,18 @@ uint64_t idleSince(IClient* client)
     return record != nullptr && record->mayBecomeIdle() ? uint64_t{record->retryTime} : neverIdle;
 }
 
+/// A step of read, modify and write comes before or behind the check's own: before it, the check
+/// sees the drop; behind it, this sees that the check expects nobody.
+void expectDroppedClient(uint64_t sinceMs)
+{
+    s_nextIdleCheck.fetch_add(0, std::memory_order_acq_rel);
+    expectIdleClient(sinceMs);
+}
+
 int dropClient(IClient* client)
 {
     CClientInstanceList* const list = CClientInstanceList::existing();
-    return list == nullptr ? decreaseRefCount(client) : list->dropReference(client);
+    return list == nullptr ? dropUnlisted(client) : list->dropLast(client);
 }
 
 // ClientFactory.
@@ -113,11 +135,14 @@ IClient* ClientFactory::createAndMakeClientObject(const ClassID& clsid, const Se
 
 IFactoryUnknown* ClientFactory::wrapClientFactory(IFactoryUnknown* factory)
 {
+    // Every time: a factory of another kind may have come to where one of clients was.
+    auto* const original = dynamic_cast<IClient::IFactory*>(factory);
+    INFRA_ASSERT_TEXT(original != nullptr, "m_original != NULL");
     Wrappers& wrappers = Infra::immortal<Wrappers, Wrappers>();
     CGuard guard(wrappers.mutex);
-    std::unique_ptr<IClientFactoryWrap>& wrapper = wrappers.map[factory];
+    std::unique_ptr<IClientFactoryWrap>& wrapper = wrappers.map[original];
     if (wrapper == nullptr) {
-        wrapper = std::make_unique<IClientFactoryWrap>(factory);
+        wrapper = std::make_unique<IClientFactoryWrap>(original);
     }
     return wrapper.get();
 }
@@ -132,12 +157,10 @@ void ClientFactory::markClientUsing(IClient* client)
 int ClientFactory::releaseClientObject(IClient* client)
 {
     INFRA_ASSERT_TEXT(client != nullptr, "client != NULL");
-    int left = client->IUnknown::m_internal->dropUnlessLast();
+    const int left = dropReference(client);
     if (left == 0) {
-        left = dropClient(client);
-        if (left == 0) {
-            end(client);
-        }
+        client->logout();
+        client->destroy();
     }
     return left;
 }
@@ -158,11 +181,7 @@ const char* IClient::IFactory::iid()
 
 // IClientFactoryWrap.
 
-IClientFactoryWrap::IClientFactoryWrap(IFactoryUnknown* factory)
-    : m_original(dynamic_cast<IClient::IFactory*>(factory))
-{
-    INFRA_ASSERT_TEXT(m_original != nullptr, "m_original != NULL");
-}
+IClientFactoryWrap::IClientFactoryWrap(IClient::IFactory* original) : m_original(original) {}
 
 Infra::CRecursiveMutex& IClientFactoryWrap::clientMutex()
 {
@@ -176,12 +195,12 @@ const char* IClientFactoryWrap::clsid()
 
 IClient* IClientFactoryWrap::create(const ServerInfo& server)
 {
-    return findOrMake(server, /*byFactoryCreate*/ true);
+    return findOrMake(server, /*byFactoryCreate*/ true, __func__);
 }
 
 IClient* IClientFactoryWrap::createAndMake(const ServerInfo& server)
 {
-    return findOrMake(server, /*byFactoryCreate*/ false);
+    return findOrMake(server, /*byFactoryCreate*/ false, __func__);
 }
 
 bool IClientFactoryWrap::isShared()
@@ -189,7 +208,9 @@ bool IClientFactoryWrap::isShared()
     return ClassID(clsid()) != ClassID::local;
 }
 
-IClient* IClientFactoryWrap::findOrMake(const ServerInfo& server, bool byFactoryCreate)
+/// @param caller  the function that speaks of a second client, once no lock of ours is held
+IClient* IClientFactoryWrap::findOrMake(const ServerInfo& server, bool byFactoryCreate,
+                                        const char* caller)
 {
     IClient* other = nullptr;
     IClient* client = nullptr;
@@ -202,8 +223,9 @@ IClient* IClientFactoryWrap::findOrMake(const ServerInfo& server, bool byFactory
             client = makeLocked(server, byFactoryCreate, &other);
         }
     }
-    if (other != nullptr) {
-        INFRA_LOG_ERROR("this:%p remote client instance:%p has been in CClientInstanceList "
+    if (other != nullptr && Infra::isLevelPrinted(Infra::logLevelError)) {
+        Infra::logFront(Infra::logLevelError, {__FILE__, caller, __LINE__},
+                        "this:%p remote client instance:%p has been in CClientInstanceList "
                         "already.\n",
                         static_cast<void*>(this), static_cast<void*>(other));
     }
@@ -310,7 +332,8 @@ IClient* CClientInstanceList::firstLocked(const ClassID& clsid, const ServerInfo
 {
     const std::string_view className = clientClassOf(clsid);
     ClientList::Node* const node = m_clientList.first(hash, [&](const ListedClient& listed) {
-        return listed.isFor(className, server) && accepts(*listed.client->m_internal);
+        return listed.isFor(className, server) && isAlive(listed.client) &&
+               accepts(*listed.client->m_internal);
     });
     return node == nullptr ? nullptr : node->value.client;
 }
@@ -328,7 +351,7 @@ IClient* CClientInstanceList::firstOfUserLocked(const ClassID& clsid, int uid)
 {
     const auto found =
         std::find_if(m_clientList.begin(), m_clientList.end(), [&](const ClientList::Node& node) {
-            return clientIsSameAs(node.value.client, clsid, uid);
+            return isAlive(node.value.client) && clientIsSameAs(node.value.client, clsid, uid);
         });
     return found == m_clientList.end() ? nullptr : found->value.client;
 }
@@ -350,10 +373,7 @@ IClient* CClientInstanceList::findAndHold(const ClassID& clsid, const ServerInfo
 IClient* CClientInstanceList::getAndMakeClientInstance(const ClassID& clsid, int uid)
 {
     CRecursiveGuard guard(m_mutex);
-    IClient* const client = firstOfUserLocked(clsid, uid);
-    return client == nullptr
-               ? nullptr
-               : static_cast<IClient*>(CComponentHelper::makeComponentInstance(client));
+    return handOut(firstOfUserLocked(clsid, uid));
 }
 
 IClient* CClientInstanceList::getAndMakeClientInstance(const ClassID& clsid,
@@ -361,11 +381,8 @@ IClient* CClientInstanceList::getAndMakeClientInstance(const ClassID& clsid,
 {
     const size_t hash = clientHash(server);
     CRecursiveGuard guard(m_mutex);
-    IClient* const client =
-        firstLocked(clsid, server, hash, [](const IClient::ClientInternal&) { return true; });
-    return client == nullptr
-               ? nullptr
-               : static_cast<IClient*>(CComponentHelper::makeComponentInstance(client));
+    return handOut(
+        firstLocked(clsid, server, hash, [](const IClient::ClientInternal&) { return true; }));
 }
 
 void CClientInstanceList::insertClientInstance(IClient* client)
@@ -377,7 +394,7 @@ void CClientInstanceList::insertClientInstance(IClient* client)
     ListedClient listed(client);
     {
         CRecursiveGuard guard(m_mutex);
-        client->m_internal->place = m_clientList.append(std::move(listed), hash);
+        client->m_internal->place = m_clientList.append(hash, std::move(listed));
         checkForIdle();
     }
     expectIdleClient(client->m_internal->retryTime);
@@ -398,21 +415,12 @@ void CClientInstanceList::remove(IClient* client)
     unlinkLocked(client);
 }
 
-int CClientInstanceList::dropReference(IClient* client)
+int CClientInstanceList::dropLast(IClient* client)
 {
     CRecursiveGuard guard(m_mutex);
-    const int left = decreaseRefCount(client);
+    const int left = dropUnlisted(client);
     if (left == 0) {
         unlinkLocked(client);
-    }
-    return left;
-}
-
-int CClientInstanceList::releaseClientInstance(IClient* client)
-{
-    const int left = dropReference(client);
-    if (left == 0) {
-        end(client);
     }
     return left;
 }
@@ -422,7 +430,7 @@ std::vector<IClient*> CClientInstanceList::unlinkIdle(uint64_t nowMs)
 {
     std::vector<IClient*> idle;
     CRecursiveGuard guard(m_mutex);
-    s_nextIdleCheck.store(neverIdle);
+    s_nextIdleCheck.exchange(neverIdle); // and sees what those did who lowered it
     for (auto at = m_clientList.begin(); at != m_clientList.end();) {
         IClient* const client = (at++)->value.client;
         const IClient::ClientInternal& record = *client->m_internal;
@@ -447,9 +455,7 @@ void CClientInstanceList::removeIdleClientInstance(unsigned long /*unused*/)
         return;
     }
     for (IClient* const client : unlinkIdle(nowMs)) {
-        if (decreaseRefCount(client) == 0) {
-            end(client);
-        }
+        ClientFactory::releaseClientObject(client);
     }
 }
 

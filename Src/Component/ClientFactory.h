@@ -45,7 +45,7 @@ public:
 class IClientFactoryWrap : public IClient::IFactory
 {
 public:
-    explicit IClientFactoryWrap(IFactoryUnknown* factory);
+    explicit IClientFactoryWrap(IClient::IFactory* original);
 
     const char* clsid() override;
     /// A client that fits and is not broken with a reference more, else a new one whose reference
@@ -59,7 +59,7 @@ public:
     static Infra::CRecursiveMutex& clientMutex();
 
 private:
-    IClient* findOrMake(const ServerInfo& server, bool byFactoryCreate);
+    IClient* findOrMake(const ServerInfo& server, bool byFactoryCreate, const char* caller);
     IClient* makeLocked(const ServerInfo& server, bool byFactoryCreate, IClient** other);
     bool isShared();
 
@@ -87,14 +87,12 @@ public:
     IClient* getAndMakeClientInstance(const ClassID& clsid, const ServerInfo& server);
 
     void insertClientInstance(IClient* client);
-    /// Drops a reference; with the last one the client leaves the list, is logged out and destroyed.
-    int releaseClientInstance(IClient* client);
     /// Drops the clients that nobody has used for five minutes. Returns at once as long as there can
     /// be none.
     void removeIdleClientInstance(unsigned long);
 
-    /// Drops a reference; with the last one the client leaves the list. The references left.
-    int dropReference(IClient* client);
+    /// The list's part of Component::dropReference(). The references left.
+    int dropLast(IClient* client);
     /// Takes the client out if it is listed.
     void remove(IClient* client);
     /// Sets the user name once; false when it was set before.

@@ -54,7 +54,7 @@ struct ListedClient
     /// Leaves no password in memory.
     ~ListedClient();
 
-    /// clientIsSameAs().
+    /// True when the class fits and the client was made for the same server.
     bool isFor(std::string_view className, const ServerInfo& server) const;
 
     IClient* client;
@@ -136,9 +136,11 @@ bool clientIsSameAs(IClient* client, const ClassID& clsid, const ServerInfo& ser
 /// Logs the client in.
 bool clientLogin(IClient* client);
 
-/// The same under the client's login lock, unless another thread has done it since there were
-/// `loginsSeen`. `isBroken`: the session turned out to have failed.
-bool clientLoginOnce(IClient* client, uint64_t loginsSeen, bool isBroken);
+/// The same under the client's login lock, unless the client is logged in by then.
+bool clientLoginOnce(IClient* client);
+/// The same for a client whose session turned out to have failed, unless another thread has logged
+/// it in since there were `loginsSeen`, and that session works.
+bool clientLoginAgain(IClient* client, uint64_t loginsSeen);
 /// A hash of all that makes a server the same.
 size_t clientHash(const ServerInfo& server);
 size_t clientHash(IClient* client);

@@ -2,7 +2,6 @@
 // objects will talk through.
 
 #include <atomic>
-#include <map>
 
 #include "Component/ClassID.h"
 #include "Component/ClientFactory.h"
@@ -145,22 +144,29 @@ bool isClientRequest(std::string_view iid)
     return isSameText(iid, clientInterface);
 }
 
+/// Logs a client in anew whose session has failed. The logins are read before the question, so the
+/// answer is about the last of them or a later one.
+bool renewIfBroken(IClient* client)
+{
+    const uint64_t loginsSeen = client->m_internal->logins;
+    return !client->isBroken() || clientLoginAgain(client, loginsSeen);
+}
+
 /// Sees that a client that was found is logged in.
 bool bringIn(IClient* client, const char* iid)
 {
     IClient::ClientInternal& record = *client->m_internal;
-    const uint64_t loginsSeen = record.logins;
     switch (record.state.load()) {
     case IClient::ClientInternal::created:
     case IClient::ClientInternal::broken:
-        if (clientLoginOnce(client, loginsSeen, /*isBroken*/ false)) {
+        if (clientLoginOnce(client)) {
             return true;
         }
         INFRA_LOG_DEBUG("iid:%s could not been got because log failed.\n", iid);
         return false;
     case IClient::ClientInternal::logined:
         record.retryTime = Infra::CTime::getCurrentMilliSecond();
-        if (!client->isBroken() || clientLoginOnce(client, loginsSeen, /*isBroken*/ true)) {
+        if (renewIfBroken(client)) {
             return true;
         }
         INFRA_LOG_DEBUG("iid:%s could not been got because re-log failed.\n", iid);
@@ -175,7 +181,7 @@ bool bringIn(IClient* client, const char* iid)
 /// already.
 bool bringInNew(IClient* client, const char* iid)
 {
-    if (clientLoginOnce(client, 0, /*isBroken*/ false)) {
+    if (clientLoginOnce(client)) {
         return true;
     }
     INFRA_LOG_DEBUG("iid:%s could not been generated because log failed.\n", iid);

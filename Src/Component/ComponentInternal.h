@@ -27,11 +27,16 @@
 // library, so all registries are immortal. Names are never taken out of a registry: they are looked
 // up without a lock (NameTable.h).
 //
-// Lock order: client creation, then the client list; all others are leaves. getUserID() of clients
-// is asked, and create() of client factories called, under these two; both are recursive.
+// Who is shared in several ways, a client out of a table, say, loses its last reference under the
+// locks of all of them.
+//
+// Lock order: client creation or an object table, then the client list, then the creator registry;
+// all others are leaves. getUserID() of clients is asked, and create() of client factories called,
+// under client creation and the list; both are recursive.
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "Component/ObjectTable.h"
@@ -47,17 +52,34 @@ namespace Component
 class IClient;
 struct ComponentClass;
 
+/// Overwrites a text in a way that is not optimised away.
+inline void wipe(std::string& secret)
+{
+    explicit_bzero(secret.data(), secret.size());
+}
+
 /// A shared object of the creator registry, and the server for which it was made.
 struct ComponentInstance
 {
-    IUnknown* pointer;
-    bool remote; ///< made for a server
-    std::string serverAddress;
-    uint32_t serverPort;
-    std::string userName;
+    /// `server` may be null: the object is local then.
+    ComponentInstance(IUnknown* object, const ServerInfo* server, ComponentClass* objectClass);
+    /// Leaves no password in memory.
+    ~ComponentInstance();
+    ComponentInstance(const ComponentInstance&) = delete; // stays where it is, as its password does
+    ComponentInstance& operator=(const ComponentInstance&) = delete;
+
+    IUnknown* const pointer;
+    const bool remote; ///< made for a server
+    const std::string serverAddress;
+    const uint32_t serverPort;
+    const std::string userName;
     std::string password;
-    int loginType;
-    ComponentClass* owner;
+    const int loginType;
+    ComponentClass* const owner;
+
+private:
+    ComponentInstance(IUnknown* object, bool isRemote, const ServerInfo& server,
+                      ComponentClass* objectClass);
 };
 
 typedef TOrderedIndex<ComponentInstance> ComponentInstanceList;
@@ -95,16 +117,20 @@ struct IUnknown::UnknownInternal
     }
 };
 
-/// Drops a reference to a shared object of the creator registry under the registry's lock; the last
-/// one takes the object out of its list. The count left.
+/// Drops a reference; with the last one the object leaves whatever shares it, and is the caller's to
+/// end. The references left.
+int dropReference(IUnknown* object);
+/// Its step for a shared object of the creator registry, under the registry's lock.
 int dropInstance(IUnknown* object);
-/// The same for a client and the client list.
+/// Its step for a client, listed in the creator registry or not, under the client list's lock.
 int dropClient(IClient* client);
 /// Since when a client would be idle if nobody but the list had it; neverIdle when it cannot be.
 uint64_t idleSince(IClient* client);
 constexpr uint64_t neverIdle = UINT64_MAX;
 /// Has the idle check look five minutes after `sinceMs`.
 void expectIdleClient(uint64_t sinceMs);
+/// The same behind the drop of a reference: an idle check that does not look then has seen the drop.
+void expectDroppedClient(uint64_t sinceMs);
 
 /// Nothing of the object is touched behind the drop: others may drop theirs at once.
 inline int IUnknown::UnknownInternal::dropUnlessLast()
@@ -112,7 +138,7 @@ inline int IUnknown::UnknownInternal::dropUnlessLast()
     const uint64_t since = client == nullptr ? neverIdle : idleSince(client);
     const int left = refCount.dropUnlessLast();
     if (left == 1 && since != neverIdle) {
-        expectIdleClient(since);
+        expectDroppedClient(since);
     }
     return left;
 }

@@ -35,6 +35,29 @@ struct ComponentClass
     ComponentInstanceList instances;
 };
 
+ComponentInstance::ComponentInstance(IUnknown* object, const ServerInfo* server,
+                                     ComponentClass* objectClass)
+    : ComponentInstance(object, server != nullptr, server != nullptr ? *server : ServerInfo::none,
+                        objectClass)
+{}
+
+ComponentInstance::ComponentInstance(IUnknown* object, bool isRemote, const ServerInfo& server,
+                                     ComponentClass* objectClass)
+    : pointer(object),
+      remote(isRemote),
+      serverAddress(Infra::textOrEmpty(server.serverAddress)),
+      serverPort(server.serverPort),
+      userName(Infra::textOrEmpty(server.userName)),
+      password(Infra::textOrEmpty(server.password)),
+      loginType(server.loginType),
+      owner(objectClass)
+{}
+
+ComponentInstance::~ComponentInstance()
+{
+    wipe(password);
+}
+
 namespace
 {
 
@@ -96,21 +119,6 @@ bool isFor(const ComponentInstance& instance, const ServerInfo* server)
            instance.password == textOrEmpty(server->password);
 }
 
-ComponentInstance describe(IUnknown* object, const ServerInfo* server, ComponentClass* owner)
-{
-    if (server == nullptr) {
-        return {object, false, "", 0, "", "", 0, owner};
-    }
-    return {object,
-            true,
-            textOrEmpty(server->serverAddress),
-            server->serverPort,
-            textOrEmpty(server->userName),
-            textOrEmpty(server->password),
-            server->loginType,
-            owner};
-}
-
 /// Finds the shared object for `server` and keeps it alive for the caller: with a reference that is
 /// not yet a hand-out.
 IUnknown* holdInstance(ComponentClass& component, const ServerInfo* server)
@@ -131,22 +139,28 @@ void listInstance(ComponentMap::Entry& entry, IUnknown* object, const ServerInfo
     const size_t hash = hashOf(server);
     IUnknown::UnknownInternal& internal = *object->m_internal;
     CGuard guard(registry().mutex);
-    internal.place = entry.value.instances.append(describe(object, server, &entry.value), hash);
+    internal.place = entry.value.instances.append(hash, object, server, &entry.value);
     internal.instance = true;
     internal.cid = entry.name.c_str();
 }
 
-void unlistLocked(IUnknown* object, const char* cid)
+void unlistLocked(IUnknown::UnknownInternal& internal)
 {
-    ComponentMap::Entry* const entry = registry().classes.find(textOrEmpty(cid));
-    INFRA_ASSERT_TEXT(entry != nullptr, "pi != s_componentMap.end()");
-    IUnknown::UnknownInternal& internal = *object->m_internal;
-    INFRA_ASSERT_TEXT(internal.place != nullptr && internal.place->value.owner == &entry->value,
-                      "pj != (*pi).second.instances.end()");
-    explicit_bzero(internal.place->value.password.data(), internal.place->value.password.size());
-    entry->value.instances.remove(internal.place);
+    internal.place->value.owner->instances.remove(internal.place);
     internal.place = nullptr;
     internal.instance = false;
+}
+
+/// Takes the object out of the list of a class; false when it is not there.
+bool unlist(IUnknown* object, const ComponentClass& component)
+{
+    IUnknown::UnknownInternal& internal = *object->m_internal;
+    CGuard guard(registry().mutex);
+    if (internal.place == nullptr || internal.place->value.owner != &component) {
+        return false;
+    }
+    unlistLocked(internal);
+    return true;
 }
 
 // Creators.
@@ -253,8 +267,10 @@ ComponentCreator getDynamicCreator(const char* cid)
 bool destroyComponent(IUnknown* component, const char* cid, bool instance)
 {
     if (instance) {
-        CGuard guard(registry().mutex);
-        unlistLocked(component, cid);
+        ComponentMap::Entry* const entry = registry().classes.find(textOrEmpty(cid));
+        INFRA_ASSERT_TEXT(entry != nullptr, "pi != s_componentMap.end()");
+        const bool wasListed = unlist(component, entry->value);
+        INFRA_ASSERT_TEXT(wasListed, "pj != (*pi).second.instances.end()");
     }
     component->destroy();
     return true;
@@ -263,9 +279,9 @@ bool destroyComponent(IUnknown* component, const char* cid, bool instance)
 int dropInstance(IUnknown* object)
 {
     CGuard guard(registry().mutex);
-    const int left = --object->m_internal->refCount;
+    const int left = decreaseRefCount(object);
     if (left == 0) {
-        unlistLocked(object, object->m_internal->cid);
+        unlistLocked(*object->m_internal);
     }
     return left;
 }

@@ -20,7 +20,8 @@ namespace Tarsel
 namespace Component
 {
 
-/// Always true: every node stands in the chain of its hash, and chains ascend by number. Threads: under the owner's lock. Ownership: the index owns its nodes.
+/// Always true: every node stands in the chain of its hash, and chains ascend by number.
+/// Threads: under the owner's lock. Ownership: the index owns its nodes.
 template <typename T>
 class TOrderedIndex
 {
@@ -38,18 +39,21 @@ public:
         typename std::list<Node>::iterator self{};
 
     public:
-        explicit Node(T entry) : value(std::move(entry)) {}
+        template <typename... A>
+        explicit Node(A&&... arguments) : value(std::forward<A>(arguments)...)
+        {}
     };
 
     typedef typename std::list<Node>::iterator iterator;
     iterator begin() { return m_nodes.begin(); }
     iterator end() { return m_nodes.end(); }
 
-    /// Appends `value`. The node stays where it is until it is removed.
-    Node* append(T value, size_t hash)
+    /// Appends T(arguments...), made in its place. The node stays where it is until it is removed.
+    template <typename... A>
+    Node* append(size_t hash, A&&... arguments)
     {
         makeRoom();
-        m_nodes.emplace_back(std::move(value));
+        m_nodes.emplace_back(std::forward<A>(arguments)...);
         Node& node = m_nodes.back();
         node.self = std::prev(m_nodes.end());
         node.hash = hash;

@@ -63,7 +63,11 @@ void CObjectTable::insert(IUnknown* object)
 void CObjectTable::erase(IUnknown* object)
 {
     auto& objects = m_internal->objects;
-    objects.erase(std::remove(objects.begin(), objects.end(), object), objects.end());
+    const auto kept = std::remove(objects.begin(), objects.end(), object);
+    if (kept != objects.end()) {
+        objects.erase(kept, objects.end());
+        setObjectTable(object, nullptr);
+    }
 }
 
 size_t CObjectTable::count()

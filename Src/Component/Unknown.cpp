@@ -18,19 +18,41 @@ namespace
 
 /// Drops a reference under the lock of who lists the object, and has it leave that list with the
 /// last one. Where nobody lists it there is no other reference, and none can be added.
-int dropLast(IUnknown* object)
+int dropListed(IUnknown* object)
 {
-    if (object->m_internal->instance) {
+    IUnknown::UnknownInternal& internal = *object->m_internal;
+    if (internal.client != nullptr) {
+        return dropClient(internal.client);
+    }
+    if (internal.instance) {
         return dropInstance(object);
     }
-    if (object->m_internal->client != nullptr) {
-        return dropClient(object->m_internal->client);
+    return internal.table != nullptr ? --internal.refCount : internal.refCount.dropOnly();
+}
+
+/// The same for an object that a table may hold, too.
+int dropLast(IUnknown* object)
+{
+    Detail::CObjectTable* const table = object->m_internal->table;
+    if (table == nullptr) {
+        return dropListed(object);
     }
-    return object->m_internal->table != nullptr ? --object->m_internal->refCount
-                                                : object->m_internal->refCount.dropOnly();
+    table->lock();
+    const int left = dropListed(object);
+    if (left == 0) {
+        table->erase(object);
+    }
+    table->unlock(); // through the pointer that was read: the object may be gone
+    return left;
 }
 
 } // namespace
+
+int dropReference(IUnknown* object)
+{
+    const int left = object->m_internal->dropUnlessLast();
+    return left > 0 ? left : dropLast(object);
+}
 
 IUnknown::IUnknown() : m_internal(new UnknownInternal) {}
 
@@ -47,21 +69,7 @@ int IUnknown::addRef()
 
 int IUnknown::release()
 {
-    int left = m_internal->dropUnlessLast();
-    if (left > 0) {
-        return left;
-    }
-    Detail::CObjectTable* const table = m_internal->table;
-    if (table == nullptr) {
-        left = dropLast(this);
-    } else {
-        table->lock();
-        left = dropLast(this);
-        if (left == 0) {
-            table->erase(this);
-        }
-        table->unlock();
-    }
+    const int left = dropReference(this);
     if (left == 0) {
         destroy();
     }
@@ -80,7 +88,7 @@ int decreaseRefCount(IUnknown* object)
     const uint64_t since = client == nullptr ? neverIdle : idleSince(client);
     const int left = --object->m_internal->refCount;
     if (left == 1 && since != neverIdle) {
-        expectIdleClient(since);
+        expectDroppedClient(since);
     }
     return left;
 }

@@ -3,12 +3,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <barrier>
 #include <cstdio>
 #include <cstring>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Component/ObjectTable.h"
 #include "Component/Session.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Semaphore.h"
@@ -116,7 +119,7 @@ struct Told
     std::atomic<int> count{0};
 };
 
-TEST(ClientThreadTest, OneThreadLogsInForAllThatAsk)
+TEST(ClientThreadTest, WhileAThreadLogsInOthersComeAndGo)
 {
     CSessionFactory factory("Dev");
     CSemaphore entered(0);
@@ -126,27 +129,126 @@ TEST(ClientThreadTest, OneThreadLogsInForAllThatAsk)
         mayEnd.pend();
         return true;
     };
-    std::atomic<int> asking{0};
-    std::thread opener([&] {
-        entered.pend();
-        EXPECT_TRUE(eventually([&asking] { return asking == 8; }));
-        // Meanwhile the others come and go.
-        factory.plan.login = [] { return true; };
-        CComponentHelper::release(sessionFor("Dev", serverAt(21)));
-        mayEnd.post();
+    std::thread slow([] { CComponentHelper::release(sessionFor("Dev", serverAt(20))); });
+    entered.pend();
+    factory.plan.login = [] { return true; };
+    CComponentHelper::release(sessionFor("Dev", serverAt(21)));
+    mayEnd.post();
+    slow.join();
+    EXPECT_EQ(CSession::s_alive, 0);
+}
+
+/// Each round on a server of its own, so that the threads meet at every step of a first login.
+TEST(ClientThreadTest, OneThreadLogsInForAllThatAsk)
+{
+    constexpr uint32_t rounds = 6000;
+    CSessionFactory factory("Dev");
+    std::atomic<int> logins{0};
+    factory.plan.login = [&logins] {
+        if (++logins % 2 == 0) { // the others wait; else they come at its end
+            std::this_thread::yield();
+        }
+        return true;
+    };
+    std::vector<std::array<CSession*, 3>> found(rounds);
+    std::barrier together(3);
+    onThreads(3, [&](int thread) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            together.arrive_and_wait();
+            volatile uint32_t delay = round * static_cast<uint32_t>(thread) % 400;
+            while (delay > 0) {
+                delay = delay - 1;
+            }
+            found[round][static_cast<size_t>(thread)] = sessionFor("Dev", serverAt(100 + round));
+        }
     });
-    CSession* found[8] = {};
-    onThreads(8, [&](int thread) {
-        ++asking;
-        found[thread] = sessionFor("Dev", serverAt(20));
-    });
-    opener.join();
-    EXPECT_THAT(found, testing::Each(found[0]));
-    EXPECT_EQ(clientCountsOf(found[0]), (ClientCounts{8, 1, 1, true}));
-    EXPECT_EQ(found[0]->logins, 1);
-    for (CSession* client : found) {
-        CComponentHelper::release(client);
+    for (const auto& clients : found) {
+        EXPECT_THAT(clients, testing::Each(clients[0]));
+        EXPECT_EQ(clientCountsOf(clients[0]), (ClientCounts{3, 1, 1, true}));
+        EXPECT_EQ(clients[0]->logins, 1);
+        for (CSession* client : clients) {
+            CComponentHelper::release(client);
+        }
     }
+    EXPECT_EQ(CSession::s_alive, 0);
+}
+
+/// A session that breaks at any time, and works again when it was logged in. Each thread remembers
+/// what it was told last.
+struct CBrittle : CSession
+{
+    using CSession::CSession;
+    bool isBroken() override
+    {
+        std::this_thread::yield(); // others may log in and break it again
+        s_loginsSeen = logins;
+        return s_wasBroken = broken;
+    }
+    bool login() override
+    {
+        broken = false;
+        return CSession::login();
+    }
+    /// True when the calling thread knows of no login behind the failure that it saw.
+    bool isKnownToBeBroken() const { return s_wasBroken && logins == s_loginsSeen; }
+
+    static inline thread_local bool s_wasBroken = false;
+    static inline thread_local int s_loginsSeen = 0;
+};
+
+TEST(ClientThreadTest, NobodyIsHandedASessionThatIsKnownToBeBroken)
+{
+    struct CBrittleFactory : CSessionFactory
+    {
+        using CSessionFactory::CSessionFactory;
+        IClient* create(const ServerInfo&) override { return new CBrittle(plan); }
+    } factory("Dev");
+    auto* const kept = static_cast<CBrittle*>(sessionFor("Dev", serverAt(22)));
+    std::atomic<bool> done{false};
+    std::thread breaker([&] {
+        while (!done) {
+            kept->broken = true;
+        }
+    });
+    onThreads(4, [&](int) {
+        for (int round = 0; round < 5000; ++round) {
+            EXPECT_EQ(sessionFor("Dev", serverAt(22)), kept);
+            EXPECT_FALSE(kept->isKnownToBeBroken());
+            CComponentHelper::release(kept);
+        }
+    });
+    done = true;
+    breaker.join();
+    EXPECT_GT(kept->logins, 1);
+    CComponentHelper::release(kept);
+}
+
+TEST(ClientThreadTest, AClientOfATableOrTheRegistryIsAliveWhoeverReleasesItMeanwhile)
+{
+    struct CAny : Detail::key_base
+    {
+        bool same_as(IUnknown*) const override { return true; }
+    };
+    Detail::CObjectTable table;
+    registerComponent("BusySession",
+                      [](const ServerInfo*) -> IUnknown* { return new CSession(SessionPlan()); });
+    onThreads(4, [&table](int) {
+        for (int round = 0; round < 1000; ++round) {
+            IUnknown* const shared = getComponentInstance("BusySession", nullptr);
+            table.lock();
+            IUnknown* client = table.find(CAny());
+            if (client == nullptr) {
+                client = new CSession(SessionPlan());
+                table.insert(client);
+            }
+            table.unlock();
+            EXPECT_FALSE(static_cast<CSession*>(client)->broken);
+            EXPECT_FALSE(static_cast<CSession*>(shared)->broken);
+            CComponentHelper::release(client);
+            CComponentHelper::release(shared);
+        }
+    });
+    EXPECT_EQ(table.count(), 0u);
     EXPECT_EQ(CSession::s_alive, 0);
 }
 

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Component/ObjectTable.h"
 #include "Component/Session.h"
 #include "Infra/Infra3/Time.h"
 #include "Support/ChildProcess.h"
@@ -140,7 +141,106 @@ TEST_F(ClientTest, AClientThatIsReleasedByItselfOrDeletedIsListedNoMore)
     EXPECT_EQ(madeHere(), 3);
 }
 
+TEST_F(ClientTest, AClientLeavesAllThatShareItWithItsLastReference)
+{
+    registerComponent("SharedSession",
+                      [](const ServerInfo*) -> IUnknown* { return new CSession(SessionPlan()); });
+    const struct
+    {
+        int (*release)(IUnknown*);
+        int logouts;
+    } ways[] = {{CComponentHelper::release, 1}, {[](IUnknown* one) { return one->release(); }, 0}};
+    for (const auto& way : ways) {
+        const int before = logoutsHere();
+        IUnknown* const instance = getComponentInstance("SharedSession", nullptr);
+        EXPECT_EQ(getComponentInstance("SharedSession", nullptr), instance);
+        EXPECT_EQ(way.release(instance), 1);
+        EXPECT_EQ(way.release(instance), 0);
+        EXPECT_EQ(CSession::s_alive, 0);
+        IUnknown* const anew = getComponentInstance("SharedSession", nullptr);
+        EXPECT_EQ(countsOf(anew), (Counts{1, 0}));
+
+        Detail::CObjectTable table;
+        IClient* const listed = sessionFor("Dev", serverAt(15));
+        table.lock();
+        table.insert(anew); // counts it as handed out
+        table.insert(listed);
+        table.unlock();
+        EXPECT_EQ(way.release(listed), 1);
+        EXPECT_EQ(way.release(listed), 0);
+        EXPECT_EQ(table.count(), 1u);
+        EXPECT_EQ(way.release(anew), 0);
+        EXPECT_EQ(table.count(), 0u);
+        EXPECT_EQ(CClientInstanceList::instance()->findClientInstance("Dev", 7), nullptr);
+        TComPtr<IUnknown>(getComponentInstance("SharedSession", nullptr), nullptr, 0).reset();
+        EXPECT_EQ(CSession::s_alive, 0);
+        EXPECT_EQ(logoutsHere() - before, 3 * way.logouts + 1);
+    }
+}
+
+TEST_F(ClientTest, AClientWithoutAReferenceIsPassedOver)
+{
+    CSession* const ending = sessionFor("Dev", serverAt(16));
+    EXPECT_EQ(decreaseRefCount(ending), 0);
+    EXPECT_EQ(factory.instance(7), nullptr);
+    EXPECT_EQ(ClientFactory::getAndMakeClientInstance("Dev", 7), nullptr);
+    CSession* const next = sessionFor("Dev", serverAt(16));
+    EXPECT_NE(next, ending);
+    EXPECT_EQ(factory.instance(7), next);
+    ending->destroy();
+    EXPECT_EQ(CComponentHelper::release(next), 0);
+}
+
 // Finding.
+
+TEST_F(ClientTest, AFactoryThatMakesASecondClientForAServerIsReported)
+{
+    struct CNesting : CSessionFactory
+    {
+        using CSessionFactory::CSessionFactory;
+        IClient* create(const ServerInfo& server) override
+        {
+            if (nests) {
+                nests = false;
+                inner = ClientFactory::createAndMakeClientObject("Nesting", server);
+            }
+            return CSessionFactory::create(server);
+        }
+        bool nests = false;
+        IClient* inner = nullptr;
+    } nesting("Nesting");
+    IClient* none = nullptr;
+    auto* const wrapper = static_cast<IClient::IFactory*>(
+        CComponentHelper::getComponentFactory("Client", "Nesting", -1, none));
+    CLogCapture log;
+    for (const bool byFactory : {true, false}) {
+        nesting.nests = true;
+        IClient* const outer =
+            byFactory ? wrapper->create(serverAt(17))
+                      : ClientFactory::createAndMakeClientObject("Nesting", serverAt(17));
+        EXPECT_NE(outer, nesting.inner);
+        EXPECT_TRUE(clientCountsOf(outer).isListed);
+        char line[128];
+        snprintf(line, sizeof(line),
+                 "error|this:%p remote client instance:%p has been in CClientInstanceList "
+                 "already.\n",
+                 static_cast<void*>(wrapper), static_cast<void*>(nesting.inner));
+        EXPECT_EQ(log.takeLeveled(), line);
+        for (IClient* client : {outer, nesting.inner}) {
+            while (CComponentHelper::release(client) > 0) {
+            }
+        }
+    }
+}
+
+TEST(ClientHashTest, EveryNumberOfAServerCounts)
+{
+    ServerInfo server = {};
+    server.loginType = 128;
+    const size_t hash = clientHash(server);
+    server.loginSession = 1;
+    EXPECT_NE(clientHash(server), hash);
+}
 
 TEST_F(ClientTest, AServerIsTheSameWhenAllThatCountsIsEqual)
 {
@@ -321,6 +421,13 @@ TEST_F(ClientTest, MisuseEndsTheProcess)
         const char* clsid() override { return "NoClient"; }
     } noClient;
     noClient.registerFactory("Client");
+    const auto replaceFactory = [] {
+        alignas(CSessionFactory) static char place[sizeof(CSessionFactory)];
+        IFactoryUnknown* const clients = new (place) CSessionFactory("Clients");
+        ClientFactory::wrapClientFactory(clients);
+        clients->~IFactoryUnknown();
+        ClientFactory::wrapClientFactory(new (place) CNoClientFactory);
+    };
     CSession bare((SessionPlan()));
     const struct
     {
@@ -329,6 +436,7 @@ TEST_F(ClientTest, MisuseEndsTheProcess)
     } cases[] = {
         {[] { ClientFactory::createAndMakeClientObject("NoClient", ServerInfo{}); },
          "(m_original != NULL)"},
+        {replaceFactory, "(m_original != NULL)"},
         {[] { ClientFactory::releaseClientObject(nullptr); }, "(client != NULL)"},
         {[&bare] { bare.abort(0); }, "(m_internal) failed in abort"},
         {[&bare] { bare.setCustomData(nullptr); }, "(m_internal)"},
@@ -432,6 +540,20 @@ TEST_F(ClientTest, NoLineHoldsAPassword)
     sessionFor("Dev", server);
     EXPECT_FALSE(log.contains("passw0rd"));
     EXPECT_TRUE(log.contains("could not been got"));
+}
+
+TEST_F(ClientTest, NoFreedMemoryHoldsAPassword)
+{
+    ServerInfo server = serverAt(18);
+    server.proxyToken = "of a length for which one text of all of them has to grow more than once";
+    for (const char* password : {"dl9!short", "dl9!a password that needs a block of its own"}) {
+        server.password = password;
+        const CSecretWatch watch(password);
+        CSession* const client = sessionFor("Dev", server);
+        client->saveUserName("another user");
+        CComponentHelper::release(client);
+        EXPECT_EQ(CSecretWatch::found(), 0);
+    }
 }
 
 // What a client tells.

@@ -88,6 +88,17 @@ TEST(CreatorTest, ASharedObjectIsOnePerServerAndMadeAnewWhenAllHaveLetGo)
     EXPECT_EQ(CPart::s_made, madeBefore + 9);
 }
 
+TEST(CreatorTest, NoFreedMemoryHoldsAPassword)
+{
+    registerComponent("Secret", makePart);
+    for (const char* password : {"dl9!short", "dl9!a password that needs a block of its own"}) {
+        const ServerInfo server = serverOf("a", 1, "u", password, 0);
+        const CSecretWatch watch(password);
+        EXPECT_EQ(getComponentInstance("Secret", &server)->release(), 0);
+        EXPECT_EQ(CSecretWatch::found(), 0);
+    }
+}
+
 TEST(CreatorTest, AnObjectOfOnesOwnIsSharedWithNobody)
 {
     registerComponent("Own", makePart);
@@ -224,6 +235,7 @@ TEST_F(PluginTest, NamesAreCutToThirtyCharacters)
         {23, "lib" + std::string(23, 'a') + ".s"},
         {29, "lib" + std::string(25, 'a')},
         {30, "lib" + std::string(25, 'a')},
+        {31, "lib" + std::string(25, 'a')},
         {300, "lib" + std::string(25, 'a')},
     };
     for (const auto& cut : cases) {

@@ -128,6 +128,19 @@ TEST(ObjectTableTest, AnObjectStaysUntilItsLastReferenceGoes)
     EXPECT_EQ(CPart::s_alive, 0);
 }
 
+TEST(ObjectTableTest, AnObjectThatWasTakenOutBelongsToNoTable)
+{
+    CObjectTable table;
+    CObjectTable other;
+    IUnknown* const part = new CPart;
+    table.insert(part);
+    other.erase(part);
+    EXPECT_EQ(part->m_internal->table, &table);
+    table.erase(part);
+    EXPECT_EQ(part->m_internal->table, nullptr);
+    EXPECT_EQ(part->release(), 0);
+}
+
 TEST(ObjectTableTest, ADestructorMayReleaseANeighbour)
 {
     struct Pair : CPart

@@ -2,6 +2,7 @@
 
 #include "Support/FailingHeap.h"
 
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include <gtest/gtest.h>
@@ -45,6 +47,19 @@ bool fails(size_t bytes)
     }
     errno = ENOMEM;
     return true;
+}
+
+constinit std::atomic<const char*> s_secret{nullptr};
+constinit std::atomic<int> s_secretsFound{0};
+
+void giveBack(void* block)
+{
+    const char* const secret = s_secret.load(std::memory_order_acquire);
+    if (secret != nullptr && block != nullptr &&
+        memmem(block, malloc_usable_size(block), secret, strlen(secret)) != nullptr) {
+        ++s_secretsFound;
+    }
+    free(block);
 }
 
 } // namespace
@@ -94,22 +109,22 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept
 
 void operator delete(void* block) noexcept
 {
-    free(block);
+    giveBack(block);
 }
 
 void operator delete(void* block, size_t) noexcept
 {
-    free(block);
+    giveBack(block);
 }
 
 void operator delete[](void* block) noexcept
 {
-    free(block);
+    giveBack(block);
 }
 
 void operator delete[](void* block, size_t) noexcept
 {
-    free(block);
+    giveBack(block);
 }
 
 namespace Tarsel
@@ -153,6 +168,22 @@ bool runShort(const ShortageTest& test, int number, Shortage shortage)
 }
 
 } // namespace
+
+CSecretWatch::CSecretWatch(const char* secret)
+{
+    s_secretsFound = 0;
+    s_secret = secret;
+}
+
+CSecretWatch::~CSecretWatch()
+{
+    s_secret = nullptr;
+}
+
+int CSecretWatch::found()
+{
+    return s_secretsFound;
+}
 
 CFailingHeap::CFailingHeap(size_t bytes)
 {

@@ -46,6 +46,20 @@ public:
     static bool wasFelt();
 };
 
+/// While it lives, freed blocks are searched for a text that should not stay in memory. One at a
+/// time.
+class CSecretWatch
+{
+public:
+    explicit CSecretWatch(const char* secret);
+    ~CSecretWatch();
+    CSecretWatch(const CSecretWatch&) = delete;
+    CSecretWatch& operator=(const CSecretWatch&) = delete;
+
+    /// How many of them held it.
+    static int found();
+};
+
 /// Runs `step`; false when it ended with std::bad_alloc, the answer of what has no other result.
 bool managed(const std::function<void()>& step);
 
