@@ -152,40 +152,54 @@ bool renewIfBroken(IClient* client)
     return !client->isBroken() || clientLoginAgain(client, loginsSeen);
 }
 
+enum class Login
+{
+    done,
+    failed,
+    failedAgain, ///< of a session that had failed
+    failedOfNew,
+    isUnknown ///< what to do
+};
+
 /// Sees that a client that was found is logged in.
-bool bringIn(IClient* client, const char* iid)
+Login bringIn(IClient* client)
 {
     IClient::ClientInternal& record = *client->m_internal;
     switch (record.state.load()) {
     case IClient::ClientInternal::created:
     case IClient::ClientInternal::broken:
-        if (clientLoginOnce(client)) {
-            return true;
-        }
-        INFRA_LOG_DEBUG("iid:%s could not been got because log failed.\n", iid);
-        return false;
+        return clientLoginOnce(client) ? Login::done : Login::failed;
     case IClient::ClientInternal::logined:
         record.retryTime = Infra::CTime::getCurrentMilliSecond();
-        if (renewIfBroken(client)) {
-            return true;
-        }
-        INFRA_LOG_DEBUG("iid:%s could not been got because re-log failed.\n", iid);
-        return false;
+        return renewIfBroken(client) ? Login::done : Login::failedAgain;
     default:
-        INFRA_LOG_ERROR("Infra.getComponentFactory(): client state is unknown!\n");
-        return false;
+        return Login::isUnknown;
     }
 }
 
 /// Sees that a client that was just made is logged in; another thread may have found it and done so
 /// already.
-bool bringInNew(IClient* client, const char* iid)
+Login bringInNew(IClient* client)
 {
-    if (clientLoginOnce(client)) {
-        return true;
+    return clientLoginOnce(client) ? Login::done : Login::failedOfNew;
+}
+
+void complain(Login login, const char* iid)
+{
+    switch (login) {
+    case Login::failed:
+        INFRA_LOG_DEBUG("iid:%s could not been got because log failed.\n", iid);
+        break;
+    case Login::failedAgain:
+        INFRA_LOG_DEBUG("iid:%s could not been got because re-log failed.\n", iid);
+        break;
+    case Login::failedOfNew:
+        INFRA_LOG_DEBUG("iid:%s could not been generated because log failed.\n", iid);
+        break;
+    default:
+        INFRA_LOG_ERROR("Infra.getComponentFactory(): client state is unknown!\n");
+        break;
     }
-    INFRA_LOG_DEBUG("iid:%s could not been generated because log failed.\n", iid);
-    return false;
 }
 
 /// The client for `server`, logged in, with a reference for the caller; or null.
@@ -201,10 +215,15 @@ IClient* findLoggedIn(const char* iid, const ClassID& clsid, const ServerInfo& s
                         iid);
         return nullptr;
     }
-    if (isFound ? bringIn(client, iid) : bringInNew(client, iid)) {
-        return client;
+    Login login = Login::done;
+    {
+        Detail::CHeldClient held(client);
+        login = isFound ? bringIn(client) : bringInNew(client);
+        if (login == Login::done) {
+            return held.take();
+        }
     }
-    Detail::CComponentHelper::release(client);
+    complain(login, iid);
     return nullptr;
 }
 

@@ -286,9 +286,16 @@ TEST_F(TemplateTest, AThrowingFactoryKeepsNoClient)
         ISign* create(const char*) override { throw 7; }
     };
     const TRegistered<CThrowing> throwing;
-    const CSessionFactory throwingClients("Throwing");
+    CSessionFactory throwingClients("Throwing");
     EXPECT_THROW(createComponentObject<ISign>("Throwing", serverAt(71), "a"), int);
     EXPECT_EQ(CSession::s_alive, 0);
+    throwingClients.plan.login = []() -> bool { throw 8; };
+    EXPECT_THROW(createComponentObject<ISign>("Throwing", serverAt(72), "a"), int);
+    IClient* const listed = ClientFactory::getAndMakeClientInstance("Throwing", serverAt(72));
+    ASSERT_NE(listed, nullptr); // as one whose login failed
+    EXPECT_EQ(getRefCount(listed), 2);
+    CComponentHelper::release(listed);
+    CComponentHelper::release(listed);
 }
 
 TEST_F(TemplateTest, SharedObjectsMayOutliveTheirFactory)
