@@ -5,8 +5,6 @@
 
 #include <cpuid.h>
 
-#include <atomic>
-
 namespace Tarsel
 {
 namespace Infra
@@ -51,7 +49,7 @@ CCpuFeatureSet askFeatures()
     const bool zmm = (saved & zmmState) == zmmState;
     constexpr unsigned avx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512DQ | bit_AVX512VL;
 
-    CCpuFeatureSet features;
+    CCpuFeatureSet features = {CpuFeature::asked};
     const auto addIf = [&features](bool there, CpuFeature feature) {
         if (there) {
             features.add(feature);
@@ -72,26 +70,43 @@ CCpuFeatureSet askFeatures()
     return features;
 }
 
-constinit std::atomic<CCpuFeatureSet> s_hidden{CCpuFeatureSet()};
+const CCpuFeatureSet& askedFeatures()
+{
+    static const CCpuFeatureSet asked = askFeatures();
+    return asked;
+}
 
 } // namespace
 
-CCpuFeatureSet cpuFeatures()
+namespace Detail
 {
-    static const CCpuFeatureSet asked = askFeatures();
-    CCpuFeatureSet features = asked;
-    features.remove(s_hidden.load(std::memory_order_relaxed));
-    return features;
+
+constinit std::atomic<CCpuFeatureSet> shownFeatures{CCpuFeatureSet()};
+
+CCpuFeatureSet showFeatures()
+{
+    shownFeatures.store(askedFeatures(), std::memory_order_relaxed);
+    return askedFeatures();
+}
+
+} // namespace Detail
+
+uint32_t basicFeatureWord()
+{
+    static const uint32_t asked = askProcessor(1).ecx;
+    return asked;
 }
 
 CHiddenCpuFeatures::CHiddenCpuFeatures(CCpuFeatureSet hidden)
 {
-    s_hidden.store(hidden, std::memory_order_relaxed);
+    CCpuFeatureSet features = askedFeatures();
+    features.remove(hidden);
+    Detail::shownFeatures.store(features, std::memory_order_relaxed);
 }
 
 CHiddenCpuFeatures::~CHiddenCpuFeatures()
 {
-    s_hidden.store(CCpuFeatureSet(), std::memory_order_relaxed);
+    Detail::showFeatures();
 }
 
 } // namespace Infra

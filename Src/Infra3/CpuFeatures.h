@@ -10,9 +10,11 @@
 //     };
 //     const Sum sum = chooseImplementation(sums);
 //
-// A test runs every implementation on any machine that has the features, by hiding those that come
-// before it (CHiddenCpuFeatures).
+// Choosing costs one load and a comparison or two, so it may be done at every call. A test runs
+// every implementation on any machine that has the features, by hiding those that come before it
+// (CHiddenCpuFeatures).
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -36,7 +38,8 @@ enum class CpuFeature : uint32_t
     avx2,
     vaes,
     vpclmul,
-    avx512 ///< F, BW, DQ and VL together
+    avx512, ///< F, BW, DQ and VL together
+    asked   ///< the processor was asked; always there
 };
 
 /// A set of features, one bit each.
@@ -51,6 +54,7 @@ public:
         }
     }
 
+    constexpr bool isEmpty() const { return m_bits == 0; }
     constexpr void add(CpuFeature feature) { m_bits |= bitOf(feature); }
     constexpr void remove(CCpuFeatureSet others) { m_bits &= ~others.m_bits; }
     constexpr bool has(CpuFeature feature) const { return (m_bits & bitOf(feature)) != 0; }
@@ -68,8 +72,23 @@ private:
     uint32_t m_bits = 0;
 };
 
+namespace Detail
+{
+
+extern std::atomic<CCpuFeatureSet> shownFeatures; ///< empty before the first use
+CCpuFeatureSet showFeatures();
+
+} // namespace Detail
+
 /// What this processor has, less what a test hides.
-CCpuFeatureSet cpuFeatures();
+inline CCpuFeatureSet cpuFeatures()
+{
+    const CCpuFeatureSet shown = Detail::shownFeatures.load(std::memory_order_relaxed);
+    return shown.isEmpty() ? Detail::showFeatures() : shown;
+}
+
+/// The ECX word of the processor's identification, leaf 1, as it came; 0 without one.
+uint32_t basicFeatureWord();
 
 /// Hides features from cpuFeatures() while it lives. For tests, one at a time.
 class CHiddenCpuFeatures

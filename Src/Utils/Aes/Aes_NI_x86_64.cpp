@@ -1,0 +1,328 @@
+// Aes_NI_x86_64.cpp: the engine of the AES instructions.
+//
+// Where a block does not wait for the one before, runs go eight blocks at a time, then four, then
+// one. Where it does (CBC and CFB, enciphering) the chain is all that counts: it stays in a
+// register, and what can be added to a round key beforehand does not lengthen it.
+//
+// A step loads all its input before it stores, so `out` may be `in`.
+
+#include <cstring>
+
+#include "Utils/Aes/AesEngine.h"
+#include "Utils/Aes/AesRounds_x86_64.h"
+
+namespace Tarsel
+{
+namespace Utils
+{
+namespace AES
+{
+namespace Aesni
+{
+
+/// With all columns alike ShiftRows moves nothing, and the last round is the S-box alone.
+INFRA_AESNI uint32_t subWord(uint32_t word)
+{
+    const __m128i columns = _mm_set1_epi32(static_cast<int>(word));
+    const __m128i substituted = _mm_aesenclast_si128(columns, _mm_setzero_si128());
+    return static_cast<uint32_t>(_mm_cvtsi128_si32(substituted));
+}
+
+INFRA_AESNI void invertSchedule(const aes_context& encrypting, aes_context& decrypting)
+{
+    const int rounds = encrypting.nr;
+    decrypting.nr = rounds;
+    decrypting.rk = decrypting.buf;
+    __m128i* const keys = reinterpret_cast<__m128i*>(decrypting.rk);
+    _mm_storeu_si128(keys, roundKey(encrypting, rounds));
+    for (int round = 1; round < rounds; ++round) {
+        _mm_storeu_si128(keys + round, _mm_aesimc_si128(roundKey(encrypting, rounds - round)));
+    }
+    _mm_storeu_si128(keys + rounds, roundKey(encrypting, 0));
+}
+
+template <size_t Count>
+INFRA_AESNI_INLINE void ecbEncryptStep(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+{
+    __m128i blocks[Count];
+    loadBlocks(blocks, in);
+    encryptBlocks(blocks, ctx);
+    storeBlocks(out, blocks);
+}
+
+template <size_t Count>
+INFRA_AESNI_INLINE void ecbDecryptStep(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+{
+    __m128i blocks[Count];
+    loadBlocks(blocks, in);
+    decryptBlocks(blocks, ctx);
+    storeBlocks(out, blocks);
+}
+
+/// `iv` is the ciphertext block before the step, and the step's last one afterwards.
+template <size_t Count>
+INFRA_AESNI_INLINE void cbcDecryptStep(const aes_context& ctx, __m128i& iv, const uint8_t* in,
+                                       uint8_t* out)
+{
+    __m128i cipher[Count];
+    __m128i blocks[Count];
+    loadBlocks(cipher, in);
+    for (size_t i = 0; i < Count; ++i) {
+        blocks[i] = cipher[i];
+    }
+    decryptBlocks(blocks, ctx);
+    blocks[0] = _mm_xor_si128(blocks[0], iv);
+    for (size_t i = 1; i < Count; ++i) {
+        blocks[i] = _mm_xor_si128(blocks[i], cipher[i - 1]);
+    }
+    iv = cipher[Count - 1];
+    storeBlocks(out, blocks);
+}
+
+template <size_t Count>
+INFRA_AESNI_INLINE void cfb128DecryptStep(const aes_context& ctx, __m128i& iv, const uint8_t* in,
+                                          uint8_t* out)
+{
+    __m128i cipher[Count];
+    __m128i blocks[Count];
+    loadBlocks(cipher, in);
+    blocks[0] = iv;
+    for (size_t i = 1; i < Count; ++i) {
+        blocks[i] = cipher[i - 1];
+    }
+    encryptBlocks(blocks, ctx);
+    for (size_t i = 0; i < Count; ++i) {
+        blocks[i] = _mm_xor_si128(blocks[i], cipher[i]);
+    }
+    iv = cipher[Count - 1];
+    storeBlocks(out, blocks);
+}
+
+INFRA_AESNI void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
+{
+    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
+        ecbEncryptStep<8>(ctx, in, out);
+    }
+    if (blocks >= 4) {
+        ecbEncryptStep<4>(ctx, in, out);
+        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
+    }
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        ecbEncryptStep<1>(ctx, in, out);
+    }
+}
+
+INFRA_AESNI void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
+{
+    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
+        ecbDecryptStep<8>(ctx, in, out);
+    }
+    if (blocks >= 4) {
+        ecbDecryptStep<4>(ctx, in, out);
+        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
+    }
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        ecbDecryptStep<1>(ctx, in, out);
+    }
+}
+
+/// The chain is: rounds, XOR with the next input, first round key. The input meets that key outside
+/// of the chain.
+INFRA_AESNI void cbcEncrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in,
+                            uint8_t* out)
+{
+    const __m128i firstKey = roundKey(ctx, 0);
+    const __m128i lastKey = roundKey(ctx, ctx.nr);
+    __m128i chain[1] = {loadBlock(iv)};
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        addKey(chain, _mm_xor_si128(loadBlock(in), firstKey));
+        encryptMiddle(chain, ctx);
+        chain[0] = _mm_aesenclast_si128(chain[0], lastKey);
+        storeBlock(out, chain[0]);
+    }
+    storeBlock(iv, chain[0]);
+}
+
+INFRA_AESNI void cbcDecrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in,
+                            uint8_t* out)
+{
+    __m128i chain = loadBlock(iv);
+    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
+        cbcDecryptStep<8>(ctx, chain, in, out);
+    }
+    if (blocks >= 4) {
+        cbcDecryptStep<4>(ctx, chain, in, out);
+        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
+    }
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        cbcDecryptStep<1>(ctx, chain, in, out);
+    }
+    storeBlock(iv, chain);
+}
+
+/// The last round adds its key at the end: the input is added to that key beforehand.
+INFRA_AESNI void cfb128Encrypt(const aes_context& ctx, size_t blocks, uint8_t* iv,
+                               const uint8_t* in, uint8_t* out)
+{
+    const __m128i firstKey = roundKey(ctx, 0);
+    const __m128i lastKey = roundKey(ctx, ctx.nr);
+    __m128i chain[1] = {loadBlock(iv)};
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        addKey(chain, firstKey);
+        encryptMiddle(chain, ctx);
+        chain[0] = _mm_aesenclast_si128(chain[0], _mm_xor_si128(loadBlock(in), lastKey));
+        storeBlock(out, chain[0]);
+    }
+    storeBlock(iv, chain[0]);
+}
+
+INFRA_AESNI void cfb128Decrypt(const aes_context& ctx, size_t blocks, uint8_t* iv,
+                               const uint8_t* in, uint8_t* out)
+{
+    __m128i chain = loadBlock(iv);
+    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
+        cfb128DecryptStep<8>(ctx, chain, in, out);
+    }
+    if (blocks >= 4) {
+        cfb128DecryptStep<4>(ctx, chain, in, out);
+        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
+    }
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        cfb128DecryptStep<1>(ctx, chain, in, out);
+    }
+    storeBlock(iv, chain);
+}
+
+/// The chain goes through vector registers alone: the first byte of the result, to which the input
+/// was added with the last round key, becomes the last byte of the window.
+INFRA_AESNI void cfb8Encrypt(const aes_context& ctx, size_t size, uint8_t* iv, const uint8_t* in,
+                             uint8_t* out)
+{
+    const __m128i firstKey = roundKey(ctx, 0);
+    const __m128i lastKey = roundKey(ctx, ctx.nr);
+    __m128i window = loadBlock(iv);
+    __m128i block[1] = {_mm_xor_si128(window, firstKey)};
+    for (size_t i = 0; i < size; ++i) {
+        encryptMiddle(block, ctx);
+        const __m128i key = _mm_xor_si128(lastKey, _mm_cvtsi32_si128(in[i]));
+        const __m128i result = _mm_aesenclast_si128(block[0], key);
+        out[i] = static_cast<uint8_t>(_mm_cvtsi128_si32(result));
+        const __m128i older = _mm_srli_si128(window, 1);
+        const __m128i newest = _mm_slli_si128(result, 15);
+        window = _mm_or_si128(older, newest);
+        block[0] = _mm_xor_si128(_mm_xor_si128(older, firstKey), newest);
+    }
+    storeBlock(iv, window);
+}
+
+/// The window that begins `At` bytes into `before`, with `ahead` behind that.
+template <int At>
+INFRA_AESNI_INLINE __m128i windowAt(__m128i before, __m128i ahead)
+{
+    if constexpr (At == 0) {
+        return before;
+    } else {
+        return _mm_or_si128(_mm_srli_si128(before, At), _mm_slli_si128(ahead, 16 - At));
+    }
+}
+
+/// The first byte of each of eight blocks.
+INFRA_AESNI_INLINE __m128i firstBytes(const __m128i (&blocks)[8])
+{
+    const __m128i ab = _mm_unpacklo_epi8(blocks[0], blocks[1]);
+    const __m128i cd = _mm_unpacklo_epi8(blocks[2], blocks[3]);
+    const __m128i ef = _mm_unpacklo_epi8(blocks[4], blocks[5]);
+    const __m128i gh = _mm_unpacklo_epi8(blocks[6], blocks[7]);
+    return _mm_unpacklo_epi32(_mm_unpacklo_epi16(ab, cd), _mm_unpacklo_epi16(ef, gh));
+}
+
+/// Eight bytes, whose windows are all known.
+INFRA_AESNI_INLINE void cfb8DecryptStep(const aes_context& ctx, __m128i& window, const uint8_t* in,
+                                        uint8_t* out)
+{
+    const __m128i cipher = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in));
+    __m128i blocks[8] = {
+        windowAt<0>(window, cipher), windowAt<1>(window, cipher), windowAt<2>(window, cipher),
+        windowAt<3>(window, cipher), windowAt<4>(window, cipher), windowAt<5>(window, cipher),
+        windowAt<6>(window, cipher), windowAt<7>(window, cipher),
+    };
+    window = windowAt<8>(window, cipher);
+    encryptBlocks(blocks, ctx);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_xor_si128(firstBytes(blocks), cipher));
+}
+
+INFRA_AESNI void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, const uint8_t* in,
+                             uint8_t* out)
+{
+    __m128i window = loadBlock(iv);
+    for (; size >= 8; size -= 8, in += 8, out += 8) {
+        cfb8DecryptStep(ctx, window, in, out);
+    }
+    for (; size != 0; --size, ++in, ++out) {
+        const __m128i cipher = _mm_cvtsi32_si128(*in);
+        __m128i block[1] = {window};
+        encryptBlocks(block, ctx);
+        window = windowAt<1>(window, cipher);
+        *out = static_cast<uint8_t>(_mm_cvtsi128_si32(_mm_xor_si128(block[0], cipher)));
+    }
+    storeBlock(iv, window);
+}
+
+/// Counter block number `ahead` from here on, where the low half does not overflow.
+INFRA_AESNI_INLINE __m128i counterBlock(uint64_t high, uint64_t low, size_t ahead)
+{
+    return _mm_set_epi64x(static_cast<long long>(__builtin_bswap64(low + ahead)),
+                          static_cast<long long>(high));
+}
+
+/// `high` is the high half as it lies in memory, `low` the value of the low half.
+template <size_t Count>
+INFRA_AESNI_INLINE void ctrStep(const aes_context& ctx, uint64_t high, uint64_t low, __m128i& last,
+                                const uint8_t* in, uint8_t* out)
+{
+    __m128i blocks[Count];
+    for (size_t i = 0; i < Count; ++i) {
+        blocks[i] = counterBlock(high, low, i);
+    }
+    encryptBlocks(blocks, ctx);
+    last = blocks[Count - 1];
+    xorBlocks(blocks, in);
+    storeBlocks(out, blocks);
+}
+
+INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, uint8_t* stream,
+                     const uint8_t* in, uint8_t* out)
+{
+    __m128i last = _mm_setzero_si128();
+    uint64_t high = 0;
+    uint64_t low = 0;
+    memcpy(&high, counter, sizeof(high));
+    memcpy(&low, counter + sizeof(high), sizeof(low));
+    low = __builtin_bswap64(low);
+    for (; blocks >= 8 && low <= UINT64_MAX - 8;
+         blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
+        ctrStep<8>(ctx, high, low, last, in, out);
+        low += 8;
+    }
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        ctrStep<1>(ctx, high, low, last, in, out);
+        ++low;
+        high = low == 0 ? __builtin_bswap64(__builtin_bswap64(high) + 1) : high;
+    }
+    low = __builtin_bswap64(low);
+    memcpy(counter, &high, sizeof(high));
+    memcpy(counter + sizeof(high), &low, sizeof(low));
+    storeBlock(stream, last);
+}
+
+} // namespace Aesni
+
+constinit const AesEngine aesniEngine = {
+    Aesni::subWord,       Aesni::invertSchedule, Aesni::ecbEncrypt,  Aesni::ecbDecrypt,
+    Aesni::cbcEncrypt,    Aesni::cbcDecrypt,     Aesni::cfb8Encrypt, Aesni::cfb8Decrypt,
+    Aesni::cfb128Encrypt, Aesni::cfb128Decrypt,  Aesni::ctr,
+};
+
+} // namespace AES
+} // namespace Utils
+} // namespace Tarsel

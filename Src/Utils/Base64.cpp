@@ -1,0 +1,254 @@
+// Base64.cpp: Base64 by table, around what vectors can do (Base64_AVX2_x86_64.cpp).
+//
+// A text to decode ends at its first character that is not of the alphabet, often NUL, and nothing
+// behind that may be read. The first characters are taken one group at a time, which is all that
+// most texts need. Then strnlen() says, a stretch at a time, how much can be read; a text of any
+// length is looked through once, however much follows its end.
+
+#include "Utils/Base64.h"
+
+#include <cstring>
+
+#include "Infra3/CpuFeatures.h"
+#include "Utils/Base64Alg.h"
+
+namespace Tarsel
+{
+namespace Utils
+{
+namespace Base64
+{
+namespace
+{
+
+size_t encodeNothing(char*, const char*, size_t)
+{
+    return 0;
+}
+
+size_t decodeNothing(char*, const char*, size_t)
+{
+    return 0;
+}
+
+size_t countNothing(const char*, size_t)
+{
+    return 0;
+}
+
+const Base64Engine& chooseEngine()
+{
+    using Infra::CpuFeature;
+    constexpr Infra::TImplementation<const Base64Engine> engines[] = {
+        {&avx2Engine, {CpuFeature::avx2}},
+        {&tableEngine, {}},
+    };
+    return *Infra::chooseImplementation(engines);
+}
+
+/// How far strnlen() looks at once: little beside what the text so far has cost.
+constexpr size_t stretch = 4096;
+/// Up to here a text is decoded by table.
+constexpr size_t shortText = 32;
+
+uint8_t valueOf(char character)
+{
+    return pr2six[static_cast<uint8_t>(character)];
+}
+
+/// Four characters in 24 bits. A value above those says that one was not of the alphabet.
+uint32_t groupOf(const uint8_t (&values)[4])
+{
+    const uint32_t stopped = (values[0] | values[1] | values[2] | values[3]) & noValue;
+    return uint32_t{values[0]} << 18 | uint32_t{values[1]} << 12 | uint32_t{values[2]} << 6 |
+           values[3] | stopped << 24;
+}
+
+/// The four characters at `in`, of which none behind the first foreign one is read.
+uint32_t readGroup(const char* in)
+{
+    uint8_t values[4] = {valueOf(in[0]), noValue, noValue, noValue};
+    for (int i = 1; i < 4 && values[i - 1] != noValue; ++i) {
+        values[i] = valueOf(in[i]);
+    }
+    return groupOf(values);
+}
+
+void writeGroup(char* out, uint32_t group)
+{
+    out[0] = static_cast<char>(group >> 16);
+    out[1] = static_cast<char>(group >> 8);
+    out[2] = static_cast<char>(group);
+}
+
+constexpr uint32_t wholeGroup = 0xFFFFFF;
+
+/// The whole groups at the front of at most `limit` characters; returns the characters.
+size_t decodeGroups(char* out, const char* in, size_t limit)
+{
+    size_t done = 0;
+    for (; done < limit; done += 4, out += 3) {
+        const uint32_t group = readGroup(in + done);
+        if (group > wholeGroup) {
+            break;
+        }
+        writeGroup(out, group);
+    }
+    return done;
+}
+
+/// The one, two or three characters before a foreign one; returns the bytes that they give.
+size_t decodeLast(char* out, const char* in)
+{
+    uint8_t values[3];
+    size_t count = 0;
+    for (; count < 3 && valueOf(in[count]) != noValue; ++count) {
+        values[count] = valueOf(in[count]);
+    }
+    if (count > 1) {
+        out[0] = static_cast<char>(values[0] << 2 | values[1] >> 4);
+    }
+    if (count > 2) {
+        out[1] = static_cast<char>(values[1] << 4 | values[2] >> 2);
+    }
+    return count > 1 ? count - 1 : 0;
+}
+
+/// What vectors take of a text, stretch by stretch; returns the characters.
+size_t decodeStretches(char* out, const char* in)
+{
+    const Base64Engine& engine = chooseEngine();
+    size_t done = 0;
+    for (size_t taken = 1; taken != 0; done += taken) {
+        taken = engine.decode(out + done / 4 * 3, in + done, strnlen(in + done, stretch));
+    }
+    return done;
+}
+
+size_t countStretches(const char* in)
+{
+    const Base64Engine& engine = chooseEngine();
+    size_t done = 0;
+    for (size_t taken = 1; taken != 0; done += taken) {
+        taken = engine.count(in + done, strnlen(in + done, stretch));
+    }
+    return done;
+}
+
+size_t countCharacters(const char* in, size_t limit)
+{
+    size_t count = 0;
+    while (count < limit && valueOf(in[count]) != noValue) {
+        ++count;
+    }
+    return count;
+}
+
+/// How many characters of the alphabet `text` begins with.
+size_t countAlphabet(const char* text)
+{
+    size_t count = countCharacters(text, shortText);
+    if (count == shortText) {
+        count += countStretches(text + count);
+        count += countCharacters(text + count, SIZE_MAX);
+    }
+    return count;
+}
+
+/// One group for three bytes.
+void encodeGroup(char* out, const uint8_t* in)
+{
+    const uint32_t bits = uint32_t{in[0]} << 16 | uint32_t{in[1]} << 8 | in[2];
+    out[0] = basis_64[bits >> 18];
+    out[1] = basis_64[bits >> 12 & 63];
+    out[2] = basis_64[bits >> 6 & 63];
+    out[3] = basis_64[bits & 63];
+}
+
+/// The group for the last one or two bytes.
+void encodeLast(char* out, const uint8_t* in, size_t size)
+{
+    const uint8_t padded[3] = {in[0], size > 1 ? in[1] : uint8_t{0}, 0};
+    encodeGroup(out, padded);
+    out[2] = size > 1 ? out[2] : '=';
+    out[3] = '=';
+}
+
+} // namespace
+
+constinit const Base64Engine tableEngine = {encodeNothing, decodeNothing, countNothing};
+
+} // namespace Base64
+
+size_t base64EncodeLenEx(size_t len)
+{
+    return (len + 2) / 3 * 4 + 1;
+}
+
+int base64EncodeLen(int len)
+{
+    return static_cast<int>((static_cast<unsigned>(len) + 2) / 3 * 4 + 1);
+}
+
+size_t base64EncodeEx(char* coded_dst, const char* plain_src, size_t len_plain_src)
+{
+    constexpr size_t worthVectors = 28;
+    char* out = coded_dst;
+    size_t rest = len_plain_src;
+    if (rest >= worthVectors) {
+        const size_t taken = Base64::chooseEngine().encode(out, plain_src, rest);
+        plain_src += taken;
+        out += taken / 3 * 4;
+        rest -= taken;
+    }
+    const uint8_t* in = reinterpret_cast<const uint8_t*>(plain_src);
+    for (; rest >= 3; rest -= 3, in += 3, out += 4) {
+        Base64::encodeGroup(out, in);
+    }
+    if (rest != 0) {
+        Base64::encodeLast(out, in, rest);
+        out += 4;
+    }
+    *out++ = '\0';
+    return static_cast<size_t>(out - coded_dst);
+}
+
+int base64Encode(char* coded_dst, const char* plain_src, int len_plain_src)
+{
+    if (len_plain_src < 1) {
+        return 0;
+    }
+    return static_cast<int>(
+        base64EncodeEx(coded_dst, plain_src, static_cast<size_t>(len_plain_src)));
+}
+
+size_t base64DecodeLenEx(const char* coded_src)
+{
+    return (Base64::countAlphabet(coded_src) + 3) / 4 * 3 + 1;
+}
+
+int base64DecodeLen(const char* coded_src)
+{
+    return static_cast<int>(base64DecodeLenEx(coded_src));
+}
+
+size_t base64DecodeEx(char* plain_dst, const char* coded_src)
+{
+    size_t done = Base64::decodeGroups(plain_dst, coded_src, Base64::shortText);
+    if (done == Base64::shortText) {
+        done += Base64::decodeStretches(plain_dst + done / 4 * 3, coded_src + done);
+        done += Base64::decodeGroups(plain_dst + done / 4 * 3, coded_src + done, SIZE_MAX);
+    }
+    char* const last = plain_dst + done / 4 * 3;
+    char* const end = last + Base64::decodeLast(last, coded_src + done);
+    *end = '\0';
+    return static_cast<size_t>(end - plain_dst);
+}
+
+int base64Decode(char* plain_dst, const char* coded_src)
+{
+    return static_cast<int>(base64DecodeEx(plain_dst, coded_src));
+}
+
+} // namespace Utils
+} // namespace Tarsel
