@@ -101,7 +101,8 @@ template <typename P>
 INFRA_CLMUL_INLINE uint32_t reduce(__m128i bytes)
 {
     const __m128i behindFirst = _mm_xor_si128(bytes, reduceHalf<P, 0x00>(bytes));
-    return static_cast<uint32_t>(_mm_extract_epi32(reduceHalf<P, 0x01>(behindFirst), 2));
+    const __m128i remainder = reduceHalf<P, 0x01>(behindFirst);
+    return static_cast<uint32_t>(_mm_extract_epi32(remainder, 2));
 }
 
 /// Byte numbers for a shuffle. Sixteen of them from `n` on move bytes up by 16 - n, from `16 + n`

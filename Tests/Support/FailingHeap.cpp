@@ -1,7 +1,8 @@
-// FailingHeap.cpp: the heap seam, and scenarios run against each failure in turn.
+// FailingHeap.cpp: the heap seams, and scenarios run against each failure in turn.
 
 #include "Support/FailingHeap.h"
 
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -28,6 +30,17 @@ constinit std::atomic<bool> s_isShort{false};
 constinit std::atomic<int> s_firstFailing{0};
 constinit std::atomic<int> s_lastFailing{0};
 constinit std::atomic<int> s_asked{0};
+
+constinit thread_local const void* s_lastMade = nullptr;
+constinit thread_local const Tarsel::TestSupport::CFreedBlocks::Look* s_look = nullptr;
+
+void drop(void* block)
+{
+    if (s_look != nullptr && block != nullptr) {
+        (*s_look)(block, malloc_usable_size(block));
+    }
+    free(block);
+}
 
 bool isMissing()
 {
@@ -70,7 +83,9 @@ extern "C" void* __wrap_realloc(void* block, size_t size)
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept
 {
-    return isMissing() ? nullptr : __real_malloc(size == 0 ? 1 : size);
+    void* const block = isMissing() ? nullptr : __real_malloc(size == 0 ? 1 : size);
+    s_lastMade = block;
+    return block;
 }
 
 void* operator new(size_t size)
@@ -94,22 +109,22 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept
 
 void operator delete(void* block) noexcept
 {
-    free(block);
+    drop(block);
 }
 
 void operator delete(void* block, size_t) noexcept
 {
-    free(block);
+    drop(block);
 }
 
 void operator delete[](void* block) noexcept
 {
-    free(block);
+    drop(block);
 }
 
 void operator delete[](void* block, size_t) noexcept
 {
-    free(block);
+    drop(block);
 }
 
 namespace Tarsel
@@ -180,6 +195,21 @@ CMemoryShortage::~CMemoryShortage()
 bool CMemoryShortage::wasFelt()
 {
     return s_asked >= s_firstFailing;
+}
+
+const void* lastMade()
+{
+    return s_lastMade;
+}
+
+CFreedBlocks::CFreedBlocks(Look look) : m_look(std::move(look))
+{
+    s_look = &m_look;
+}
+
+CFreedBlocks::~CFreedBlocks()
+{
+    s_look = nullptr;
 }
 
 bool managed(const std::function<void()>& step)

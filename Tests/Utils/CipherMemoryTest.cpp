@@ -1,0 +1,109 @@
+// Ciphers and memory: what they leave in it, which is nothing, and what they do without it.
+
+#include <malloc.h>
+
+#include <algorithm>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Support/Bytes.h"
+#include "Support/ChildProcess.h"
+#include "Support/FailingHeap.h"
+#include "Support/LogCapture.h"
+#include "Utils/Aes.h"
+#include "Utils/TripleDes.h"
+
+namespace
+{
+
+using namespace Tarsel::TestSupport;
+using Tarsel::Utils::CAes;
+using Tarsel::Utils::CTripleDes;
+
+bool holds(const void* block, size_t size, const Bytes& secret)
+{
+    const uint8_t* const begin = static_cast<const uint8_t*>(block);
+    return std::search(begin, begin + size, secret.begin(), secret.end()) != begin + size;
+}
+
+/// Runs `use` on an object made by `make`; its record has to hold each of the secrets until it is
+/// destroyed, and then none.
+template <typename Make, typename Use>
+void expectWiped(const Make& makeCipher, const Use& use, const std::vector<Bytes>& secrets)
+{
+    auto* const cipher = makeCipher();
+    const void* const record = lastMade(); // the object's own comes before its record
+    use(*cipher);
+    for (const Bytes& secret : secrets) {
+        EXPECT_TRUE(holds(record, malloc_usable_size(const_cast<void*>(record)), secret))
+            << toHex(secret);
+    }
+    bool isSeen = false;
+    {
+        const CFreedBlocks freed([&](const void* block, size_t size) {
+            isSeen = isSeen || block == record;
+            for (const Bytes& secret : secrets) {
+                EXPECT_FALSE(holds(block, size, secret)) << toHex(secret);
+            }
+        });
+        delete cipher;
+    }
+    EXPECT_TRUE(isSeen);
+}
+
+TEST(CipherMemoryTest, KeysSchedulesAndKeyStreamAreGoneBeforeTheMemoryIs)
+{
+    const Bytes key = fromHex("2b7e151628aed2a6abf7158809cf4f3c4a5b6c7d8e9fa0b1");
+    const Bytes aesKey(key.begin(), key.begin() + 16);
+    const Bytes roundKey = fromHex("a0fafe1788542cb123a339392a6c7605"); // FIPS-197, A.1
+    const Bytes iv = fromHex("f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff");
+    const Bytes nextCounter = fromHex("f0f1f2f3f4f5f6f7f8f9fafbfcfdff00");
+    const Bytes stream = fromHex("ec8cdf7398607cb0f2d21675ea9ea1e4"); // SP 800-38A, F.5.1
+
+    const auto cryptTen = [](CAes& cipher) {
+        uint8_t bytes[10] = {};
+        EXPECT_TRUE(cipher.encrypt(bytes, bytes, sizeof(bytes)));
+    };
+    const auto nothing = [](auto&) {};
+    const auto aes = [&](CAes::EncMode mode) {
+        return [=] { return new CAes(mode, aesKey.data(), CAes::BITS_128, iv.data()); };
+    };
+    expectWiped(aes(CAes::MODE_ECB), nothing, {aesKey, roundKey});
+    expectWiped(aes(CAes::MODE_CBC), nothing, {aesKey, roundKey, iv});
+    expectWiped(aes(CAes::MODE_CFB8), nothing, {aesKey, roundKey, iv});
+    expectWiped(aes(CAes::MODE_CFB128), nothing, {aesKey, roundKey, iv});
+    expectWiped(aes(CAes::MODE_CTR), cryptTen, {aesKey, roundKey, nextCounter, stream});
+    expectWiped([&] { return new CTripleDes(key.data(), 24, CTripleDes::block8, iv.data()); },
+                nothing, {key, Bytes(iv.begin(), iv.begin() + 8)});
+}
+
+TEST(CipherMemoryTest, WithoutMemoryForItsRecordACipherSaysSoAtTheFirstCall)
+{
+    const Bytes key(32);
+    uint8_t bytes[16] = {};
+    CLogCapture log;
+    alignas(CAes) uint8_t place[sizeof(CAes)];
+    CAes* cipher = nullptr;
+    {
+        const CMemoryShortage shortage(1, Shortage::once);
+        cipher = new (place) CAes(CAes::MODE_CTR, key.data(), CAes::BITS_256);
+    }
+    EXPECT_FALSE(cipher->encrypt(bytes, bytes, sizeof(bytes)));
+    EXPECT_EQ(log.takeLeveled(), "error|aes init failed.\n");
+    cipher->~CAes();
+
+    const ChildResult child = runInChild([&] {
+        alignas(CTripleDes) uint8_t placeOfDes[sizeof(CTripleDes)];
+        CTripleDes* des = nullptr;
+        {
+            const CMemoryShortage shortage(1, Shortage::once);
+            des = new (placeOfDes) CTripleDes(key.data(), 24);
+        }
+        des->encrypt(bytes, bytes, sizeof(bytes));
+    });
+    EXPECT_FALSE(child.succeeded());
+    EXPECT_THAT(child.report(), testing::HasSubstr("assertion (m_internal) failed"));
+}
+
+} // namespace
