@@ -21,29 +21,6 @@ namespace AES
 namespace
 {
 
-uint32_t rotateByte(uint32_t word)
-{
-    return (word >> 8) | (word << 24);
-}
-
-/// Words are little-endian: the first byte of the key is the lowest of its word.
-void expandKey(uint32_t (*subWord)(uint32_t), uint32_t* words, size_t keyWords, size_t count)
-{
-    uint32_t roundConstant = 1;
-    for (size_t i = keyWords; i < count; ++i) {
-        uint32_t word = words[i - 1];
-        if (i % keyWords == 0) {
-            word = subWord(rotateByte(word)) ^ roundConstant;
-            roundConstant = (roundConstant << 1) ^ (roundConstant >> 7) * 0x11B;
-        } else if (keyWords > 6 && i % keyWords == 4) {
-            word = subWord(word);
-        }
-        words[i] = words[i - keyWords] ^ word;
-    }
-}
-
-/// What XORs `size` bytes with key stream at `offset` of a block and moves on. One direction of
-/// CFB128 puts the input, the other the output in the place of the stream used.
 void xorBytes(const uint8_t* stream, size_t size, const uint8_t* in, uint8_t* out)
 {
     for (size_t i = 0; i < size; ++i) {
@@ -51,6 +28,7 @@ void xorBytes(const uint8_t* stream, size_t size, const uint8_t* in, uint8_t* ou
     }
 }
 
+/// The ciphertext, which is the output or the input, takes the place of the key stream used.
 void feedBytes(bool encrypts, uint8_t* iv, size_t size, const uint8_t* in, uint8_t* out)
 {
     for (size_t i = 0; i < size; ++i) {
@@ -96,7 +74,7 @@ bool setEncryptKey(const AesEngine& engine, aes_context& ctx, const uint8_t* key
     ctx.nr = static_cast<int>(keyWords) + 6;
     ctx.rk = ctx.buf;
     memcpy(ctx.rk, key, keybits / 8);
-    expandKey(engine.subWord, ctx.rk, keyWords, (keyWords + 7) * 4);
+    engine.expandKey(ctx.rk, keyWords);
     return true;
 }
 

@@ -30,8 +30,8 @@ using CounterRun = void(const aes_context& ctx, size_t blocks, uint8_t* counter,
 /// One way to compute AES. Everything may be done in place.
 struct AesEngine
 {
-    /// The S-box on each byte of a word.
-    uint32_t (*subWord)(uint32_t word);
+    /// Makes the words of a schedule for enciphering from its first `keyWords` ones: 4, 6 or 8.
+    void (*expandKey)(uint32_t* words, size_t keyWords);
     /// Makes the schedule for deciphering from the one for enciphering.
     void (*invertSchedule)(const aes_context& encrypting, aes_context& decrypting);
 
@@ -54,7 +54,7 @@ extern const AesEngine vaesEngine;
 namespace Aesni
 {
 
-uint32_t subWord(uint32_t word);
+void expandKey(uint32_t* words, size_t keyWords);
 void invertSchedule(const aes_context& encrypting, aes_context& decrypting);
 EcbRun ecbEncrypt;
 EcbRun ecbDecrypt;
@@ -79,6 +79,12 @@ void cryptCfb128(const AesEngine& engine, const aes_context& ctx, bool encrypts,
                  size_t& offset, uint8_t* iv, const uint8_t* in, uint8_t* out);
 void cryptCtr(const AesEngine& engine, const aes_context& ctx, size_t length, size_t& offset,
               uint8_t* counter, uint8_t* stream, const uint8_t* in, uint8_t* out);
+
+/// The first is 1.
+constexpr uint32_t nextRoundConstant(uint32_t constant)
+{
+    return (constant << 1) ^ (constant >> 7) * 0x11B;
+}
 
 /// Adds one to a counter block, a big-endian number of 128 bits.
 inline void increment(uint8_t* counter)

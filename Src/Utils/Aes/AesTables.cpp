@@ -161,6 +161,23 @@ uint32_t subWord(uint32_t word)
     return substituted(sBox, word, word, word, word);
 }
 
+/// Words are little-endian: the first byte of the key is the lowest of its word.
+void expandKey(uint32_t* words, size_t keyWords)
+{
+    const size_t count = (keyWords + 7) * 4;
+    uint32_t roundConstant = 1;
+    for (size_t i = keyWords; i < count; ++i) {
+        uint32_t word = words[i - 1];
+        if (i % keyWords == 0) {
+            word = subWord(rotated<24>(word)) ^ roundConstant;
+            roundConstant = nextRoundConstant(roundConstant);
+        } else if (keyWords > 6 && i % keyWords == 4) {
+            word = subWord(word);
+        }
+        words[i] = words[i - keyWords] ^ word;
+    }
+}
+
 /// The decryption table undoes an S-box first, so that the S-box before it leaves InvMixColumns.
 uint32_t inverseMixColumn(uint32_t word)
 {
@@ -264,7 +281,7 @@ void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, uint8_t* strea
 } // namespace
 
 constinit const AesEngine tableEngine = {
-    subWord,    invertSchedule, ecbEncrypt,    ecbDecrypt,    cbcEncrypt, cbcDecrypt,
+    expandKey,  invertSchedule, ecbEncrypt,    ecbDecrypt,    cbcEncrypt, cbcDecrypt,
     cfb8<true>, cfb8<false>,    cfb128Encrypt, cfb128Decrypt, ctr,
 };
 

@@ -20,12 +20,82 @@ namespace AES
 namespace Aesni
 {
 
-/// With all columns alike ShiftRows moves nothing, and the last round is the S-box alone.
-INFRA_AESNI uint32_t subWord(uint32_t word)
+/// The S-box on one word, in all columns, plus `constant`: where all columns are alike ShiftRows
+/// moves nothing, and the last round is the S-box alone. `bytes` chooses word and rotation.
+INFRA_AESNI_INLINE __m128i substitute(__m128i words, int bytes, uint32_t constant)
 {
-    const __m128i columns = _mm_set1_epi32(static_cast<int>(word));
-    const __m128i substituted = _mm_aesenclast_si128(columns, _mm_setzero_si128());
-    return static_cast<uint32_t>(_mm_cvtsi128_si32(substituted));
+    const __m128i columns = _mm_shuffle_epi8(words, _mm_set1_epi32(bytes));
+    return _mm_aesenclast_si128(columns, _mm_set1_epi32(static_cast<int>(constant)));
+}
+
+/// Each word plus all the words before it, plus `first`.
+INFRA_AESNI_INLINE __m128i accumulate(__m128i words, __m128i first)
+{
+    words = _mm_xor_si128(words, _mm_slli_si128(words, 4));
+    words = _mm_xor_si128(words, _mm_slli_si128(words, 8));
+    return _mm_xor_si128(words, first);
+}
+
+INFRA_AESNI_INLINE void storeWords(uint32_t* to, __m128i words)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), words);
+}
+
+constexpr int lastWord = 0x0F0E0D0C;
+constexpr int lastWordRotated = 0x0C0F0E0D;
+constexpr int secondWordRotated = 0x04070605;
+
+INFRA_AESNI_INLINE void expand128(uint32_t* words)
+{
+    __m128i key = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
+    uint32_t constant = 1;
+    for (int round = 1; round <= 10; ++round) {
+        key = accumulate(key, substitute(key, lastWordRotated, constant));
+        constant = nextRoundConstant(constant);
+        storeWords(words + 4 * round, key);
+    }
+}
+
+/// Six words a step: four, then two. The last two are not needed, but there is room for them.
+INFRA_AESNI_INLINE void expand192(uint32_t* words)
+{
+    __m128i four = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
+    __m128i two = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(words + 4));
+    uint32_t constant = 1;
+    for (int step = 1; step <= 8; ++step) {
+        four = accumulate(four, substitute(two, secondWordRotated, constant));
+        two = _mm_xor_si128(two, _mm_slli_si128(two, 4));
+        two = _mm_xor_si128(two, _mm_shuffle_epi32(four, 0xFF));
+        constant = nextRoundConstant(constant);
+        storeWords(words + 6 * step, four);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(words + 6 * step + 4), two);
+    }
+}
+
+INFRA_AESNI_INLINE void expand256(uint32_t* words)
+{
+    __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
+    __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words + 4));
+    uint32_t constant = 1;
+    for (int step = 1; step <= 7; ++step) {
+        first = accumulate(first, substitute(second, lastWordRotated, constant));
+        second = accumulate(second, substitute(first, lastWord, 0));
+        constant = nextRoundConstant(constant);
+        storeWords(words + 8 * step, first);
+        storeWords(words + 8 * step + 4, second);
+    }
+}
+
+INFRA_AESNI void expandKey(uint32_t* words, size_t keyWords)
+{
+    switch (keyWords) {
+    case 4:
+        return expand128(words);
+    case 6:
+        return expand192(words);
+    default:
+        return expand256(words);
+    }
 }
 
 INFRA_AESNI void invertSchedule(const aes_context& encrypting, aes_context& decrypting)
@@ -126,20 +196,27 @@ INFRA_AESNI void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t
     }
 }
 
-/// The chain is: rounds, XOR with the next input, first round key. The input meets that key outside
-/// of the chain.
+/// The chain from one block to the next is its rounds alone: the next input and the first round key
+/// are added to the last round key beforehand. What is stored is computed beside the chain.
 INFRA_AESNI void cbcEncrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in,
                             uint8_t* out)
 {
+    if (blocks == 0) {
+        return;
+    }
     const __m128i firstKey = roundKey(ctx, 0);
     const __m128i lastKey = roundKey(ctx, ctx.nr);
-    __m128i chain[1] = {loadBlock(iv)};
-    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        addKey(chain, _mm_xor_si128(loadBlock(in), firstKey));
+    __m128i chain[1] = {_mm_xor_si128(loadBlock(iv), _mm_xor_si128(loadBlock(in), firstKey))};
+    for (; blocks > 1; --blocks, out += blockSize) {
         encryptMiddle(chain, ctx);
-        chain[0] = _mm_aesenclast_si128(chain[0], lastKey);
-        storeBlock(out, chain[0]);
+        in += blockSize;
+        const __m128i next = _mm_xor_si128(loadBlock(in), firstKey);
+        storeBlock(out, _mm_aesenclast_si128(chain[0], lastKey));
+        chain[0] = _mm_aesenclast_si128(chain[0], _mm_xor_si128(lastKey, next));
     }
+    encryptMiddle(chain, ctx);
+    chain[0] = _mm_aesenclast_si128(chain[0], lastKey);
+    storeBlock(out, chain[0]);
     storeBlock(iv, chain[0]);
 }
 
@@ -160,20 +237,22 @@ INFRA_AESNI void cbcDecrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, 
     storeBlock(iv, chain);
 }
 
-/// The last round adds its key at the end: the input is added to that key beforehand.
+/// As above: the input and the next block's first round key are added to the last round key.
 INFRA_AESNI void cfb128Encrypt(const aes_context& ctx, size_t blocks, uint8_t* iv,
                                const uint8_t* in, uint8_t* out)
 {
     const __m128i firstKey = roundKey(ctx, 0);
     const __m128i lastKey = roundKey(ctx, ctx.nr);
-    __m128i chain[1] = {loadBlock(iv)};
+    __m128i cipher = loadBlock(iv);
+    __m128i chain[1] = {_mm_xor_si128(cipher, firstKey)};
     for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        addKey(chain, firstKey);
         encryptMiddle(chain, ctx);
-        chain[0] = _mm_aesenclast_si128(chain[0], _mm_xor_si128(loadBlock(in), lastKey));
-        storeBlock(out, chain[0]);
+        const __m128i key = _mm_xor_si128(loadBlock(in), lastKey);
+        cipher = _mm_aesenclast_si128(chain[0], key);
+        chain[0] = _mm_aesenclast_si128(chain[0], _mm_xor_si128(key, firstKey));
+        storeBlock(out, cipher);
     }
-    storeBlock(iv, chain[0]);
+    storeBlock(iv, cipher);
 }
 
 INFRA_AESNI void cfb128Decrypt(const aes_context& ctx, size_t blocks, uint8_t* iv,
@@ -318,7 +397,7 @@ INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, ui
 } // namespace Aesni
 
 constinit const AesEngine aesniEngine = {
-    Aesni::subWord,       Aesni::invertSchedule, Aesni::ecbEncrypt,  Aesni::ecbDecrypt,
+    Aesni::expandKey,     Aesni::invertSchedule, Aesni::ecbEncrypt,  Aesni::ecbDecrypt,
     Aesni::cbcEncrypt,    Aesni::cbcDecrypt,     Aesni::cfb8Encrypt, Aesni::cfb8Decrypt,
     Aesni::cfb128Encrypt, Aesni::cfb128Decrypt,  Aesni::ctr,
 };

@@ -110,26 +110,25 @@ INFRA_VAES_INLINE void storePairs(uint8_t* to, const Pairs& blocks)
     }
 }
 
-INFRA_VAES_INLINE void xorPairs(Pairs& blocks, const Pairs& with)
+INFRA_VAES_INLINE void xorPairs(Pairs& blocks, const uint8_t* with)
 {
     for (size_t i = 0; i < pairs; ++i) {
-        blocks[i] = _mm256_xor_si256(blocks[i], with[i]);
+        blocks[i] = _mm256_xor_si256(blocks[i], loadPair(with + 2 * i * blockSize));
     }
 }
 
-/// Each block's predecessor in the chain that begins with `iv`; `iv` becomes the last block.
-INFRA_VAES_INLINE void chainBehind(__m128i& iv, const Pairs& cipher, Pairs& before)
+/// The ciphertext blocks before those at `in`, of which the first is `iv`.
+INFRA_VAES_INLINE __m256i pairBefore(__m128i iv, const uint8_t* in, size_t pair)
 {
-    __m256i last = pairOf(iv, iv);
-    for (size_t i = 0; i < pairs; ++i) {
-        before[i] = _mm256_permute2x128_si256(last, cipher[i], 0x21);
-        last = cipher[i];
-    }
-    iv = secondOf(last);
+    return pair == 0 ? pairOf(iv, _mm_loadu_si128(reinterpret_cast<const __m128i*>(in)))
+                     : loadPair(in + (2 * pair - 1) * blockSize);
 }
 
 INFRA_VAES void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
 {
+    if (blocks < stepBlocks) {
+        return Aesni::ecbEncrypt(ctx, blocks, in, out);
+    }
     for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
         Pairs step;
         loadPairs(step, in);
@@ -141,6 +140,9 @@ INFRA_VAES void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t*
 
 INFRA_VAES void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
 {
+    if (blocks < stepBlocks) {
+        return Aesni::ecbDecrypt(ctx, blocks, in, out);
+    }
     for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
         Pairs step;
         loadPairs(step, in);
@@ -150,55 +152,58 @@ INFRA_VAES void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t*
     Aesni::ecbDecrypt(ctx, blocks, in, out);
 }
 
+/// The ciphertext is loaded a second time, because all of it does not stay in registers.
 INFRA_VAES_INLINE void cbcDecryptStep(const aes_context& ctx, __m128i& chain, const uint8_t* in,
                                       uint8_t* out)
 {
-    Pairs cipher;
-    Pairs before;
     Pairs step;
-    loadPairs(cipher, in);
     loadPairs(step, in);
-    chainBehind(chain, cipher, before);
     decryptPairs(step, ctx);
-    xorPairs(step, before);
+    for (size_t i = 0; i < pairs; ++i) {
+        step[i] = _mm256_xor_si256(step[i], pairBefore(chain, in, i));
+    }
+    chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + stepBytes - blockSize));
     storePairs(out, step);
 }
 
 INFRA_VAES void cbcDecrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in,
                            uint8_t* out)
 {
-    if (blocks >= stepBlocks) {
-        __m128i chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
-        for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
-            cbcDecryptStep(ctx, chain, in, out);
-        }
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), chain);
+    if (blocks < stepBlocks) {
+        return Aesni::cbcDecrypt(ctx, blocks, iv, in, out);
     }
+    __m128i chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
+    for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
+        cbcDecryptStep(ctx, chain, in, out);
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), chain);
     Aesni::cbcDecrypt(ctx, blocks, iv, in, out);
 }
 
 INFRA_VAES_INLINE void cfb128DecryptStep(const aes_context& ctx, __m128i& chain, const uint8_t* in,
                                          uint8_t* out)
 {
-    Pairs cipher;
     Pairs step;
-    loadPairs(cipher, in);
-    chainBehind(chain, cipher, step);
+    for (size_t i = 0; i < pairs; ++i) {
+        step[i] = pairBefore(chain, in, i);
+    }
     encryptPairs(step, ctx);
-    xorPairs(step, cipher);
+    xorPairs(step, in);
+    chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + stepBytes - blockSize));
     storePairs(out, step);
 }
 
 INFRA_VAES void cfb128Decrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in,
                               uint8_t* out)
 {
-    if (blocks >= stepBlocks) {
-        __m128i chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
-        for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
-            cfb128DecryptStep(ctx, chain, in, out);
-        }
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), chain);
+    if (blocks < stepBlocks) {
+        return Aesni::cfb128Decrypt(ctx, blocks, iv, in, out);
     }
+    __m128i chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
+    for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
+        cfb128DecryptStep(ctx, chain, in, out);
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), chain);
     Aesni::cfb128Decrypt(ctx, blocks, iv, in, out);
 }
 
@@ -241,13 +246,14 @@ INFRA_VAES_INLINE void cfb8DecryptStep(const aes_context& ctx, __m128i& window, 
 INFRA_VAES void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, const uint8_t* in,
                             uint8_t* out)
 {
-    if (size >= stepBlocks) {
-        __m128i window = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
-        for (; size >= stepBlocks; size -= stepBlocks, in += stepBlocks, out += stepBlocks) {
-            cfb8DecryptStep(ctx, window, in, out);
-        }
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), window);
+    if (size < stepBlocks) {
+        return Aesni::cfb8Decrypt(ctx, size, iv, in, out);
     }
+    __m128i window = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
+    for (; size >= stepBlocks; size -= stepBlocks, in += stepBlocks, out += stepBlocks) {
+        cfb8DecryptStep(ctx, window, in, out);
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), window);
     Aesni::cfb8Decrypt(ctx, size, iv, in, out);
 }
 
@@ -272,15 +278,13 @@ INFRA_VAES_INLINE __m256i ctrStep(const aes_context& ctx, __m256i& counters, con
 {
     const __m256i two = _mm256_set_epi64x(0, 2, 0, 2);
     Pairs step;
-    Pairs input;
     for (__m256i& pair : step) {
         pair = toBlocks(counters);
         counters = _mm256_add_epi64(counters, two);
     }
     encryptPairs(step, ctx);
     const __m256i last = step[pairs - 1];
-    loadPairs(input, in);
-    xorPairs(step, input);
+    xorPairs(step, in);
     storePairs(out, step);
     return last;
 }
@@ -320,7 +324,7 @@ void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, uint8_t* strea
 
 /// The other operations cannot use two blocks at once.
 constinit const AesEngine vaesEngine = {
-    Aesni::subWord,
+    Aesni::expandKey,
     Aesni::invertSchedule,
     ecbEncrypt,
     ecbDecrypt,
