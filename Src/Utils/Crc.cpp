@@ -73,10 +73,18 @@ constexpr Infra::CCpuFeatureSet clmulNeeds = {CpuFeature::pclmul, CpuFeature::ss
 constexpr Infra::CCpuFeatureSet vclmulNeeds = {CpuFeature::vpclmul, CpuFeature::avx2,
                                                CpuFeature::pclmul, CpuFeature::sse41};
 
-constexpr Infra::TImplementation<CrcRun> crc16Runs[] = {
-    {crc16Vclmul, vclmulNeeds}, {crc16Clmul, clmulNeeds}, {crc16Tables, {}}};
-constexpr Infra::TImplementation<CrcRun> crc32Runs[] = {
-    {crc32Vclmul, vclmulNeeds}, {crc32Clmul, clmulNeeds}, {crc32Tables, {}}};
+constexpr Infra::CCpuFeatureSet wideNeeds = {CpuFeature::avx512, CpuFeature::vpclmul,
+                                             CpuFeature::avx2, CpuFeature::pclmul,
+                                             CpuFeature::sse41};
+
+constexpr Infra::TImplementation<CrcRun> crc16Runs[] = {{crc16Wide, wideNeeds},
+                                                        {crc16Vclmul, vclmulNeeds},
+                                                        {crc16Clmul, clmulNeeds},
+                                                        {crc16Tables, {}}};
+constexpr Infra::TImplementation<CrcRun> crc32Runs[] = {{crc32Wide, wideNeeds},
+                                                        {crc32Vclmul, vclmulNeeds},
+                                                        {crc32Clmul, clmulNeeds},
+                                                        {crc32Tables, {}}};
 
 } // namespace
 

@@ -39,6 +39,9 @@ CrcRun crc32Clmul;
 /// The same, of 256 bits at a time.
 CrcRun crc16Vclmul;
 CrcRun crc32Vclmul;
+/// And of 512 bits.
+CrcRun crc16Wide;
+CrcRun crc32Wide;
 
 } // namespace CRC
 } // namespace Utils

@@ -26,6 +26,11 @@
 #define INFRA_VCLMUL [[gnu::target("vpclmulqdq,avx2,pclmul")]]
 #define INFRA_VCLMUL_INLINE [[gnu::target("vpclmulqdq,avx2,pclmul"), gnu::always_inline]] inline
 
+#define INFRA_WCLMUL [[gnu::target("avx512f,avx512bw,avx512vl,avx512dq,vpclmulqdq,avx2,pclmul")]]
+#define INFRA_WCLMUL_INLINE                                                                        \
+    [[gnu::target("avx512f,avx512bw,avx512vl,avx512dq,vpclmulqdq,avx2,pclmul"),                    \
+      gnu::always_inline]] inline
+
 namespace Tarsel
 {
 namespace Utils
@@ -198,7 +203,7 @@ INFRA_VCLMUL_INLINE __m256i loadPair(const uint8_t* data)
 }
 
 template <typename P>
-INFRA_VCLMUL_INLINE uint32_t runWide(uint32_t crc, const uint8_t* data, size_t length)
+INFRA_VCLMUL_INLINE uint32_t runPairs(uint32_t crc, const uint8_t* data, size_t length)
 {
     if (length < 256) {
         return runAnyLength<P>(crc, data, length);
@@ -223,6 +228,65 @@ INFRA_VCLMUL_INLINE uint32_t runWide(uint32_t crc, const uint8_t* data, size_t l
     return finish<P>(bytes, data, length);
 }
 
+template <typename P, int Bits>
+INFRA_WCLMUL_INLINE __m512i foldFoursBy()
+{
+    constexpr long long low = static_cast<long long>(powerModulo<P>(Bits + 63));
+    constexpr long long high = static_cast<long long>(powerModulo<P>(Bits - 1));
+    return _mm512_set4_epi64(high, low, high, low);
+}
+
+/// The two products and the next bytes are added in one instruction.
+INFRA_WCLMUL_INLINE __m512i foldFours(__m512i bytes, __m512i constants, __m512i next)
+{
+    const __m512i low = _mm512_clmulepi64_epi128(bytes, constants, 0x00);
+    const __m512i high = _mm512_clmulepi64_epi128(bytes, constants, 0x11);
+    return _mm512_ternarylogic_epi64(low, high, next, 0x96);
+}
+
+INFRA_WCLMUL_INLINE __m512i loadFour(const uint8_t* data)
+{
+    return _mm512_loadu_si512(data);
+}
+
+/// Sixty-four bytes folded into the last sixteen of them.
+template <typename P>
+INFRA_WCLMUL_INLINE __m128i foldFour(__m512i bytes)
+{
+    uint8_t stored[64];
+    _mm512_storeu_si512(stored, bytes);
+    const __m128i ad = fold(load(stored), foldBy<P, 384>(), load(stored + 48));
+    const __m128i abd = fold(load(stored + 16), foldBy<P, 256>(), ad);
+    return fold(load(stored + 32), foldBy<P, 128>(), abd);
+}
+
+template <typename P>
+INFRA_WCLMUL_INLINE uint32_t runFours(uint32_t crc, const uint8_t* data, size_t length)
+{
+    if (length < 256) {
+        return runAnyLength<P>(crc, data, length);
+    }
+    const __m512i behind = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(crc)));
+    __m512i a = _mm512_xor_si512(loadFour(data), behind);
+    __m512i b = loadFour(data + 64);
+    __m512i c = loadFour(data + 128);
+    __m512i d = loadFour(data + 192);
+    data += 256;
+    length -= 256;
+    for (; length >= 256; length -= 256, data += 256) {
+        a = foldFours(a, foldFoursBy<P, 2048>(), loadFour(data));
+        b = foldFours(b, foldFoursBy<P, 2048>(), loadFour(data + 64));
+        c = foldFours(c, foldFoursBy<P, 2048>(), loadFour(data + 128));
+        d = foldFours(d, foldFoursBy<P, 2048>(), loadFour(data + 192));
+    }
+    d = foldFours(a, foldFoursBy<P, 1536>(), foldFours(b, foldFoursBy<P, 1024>(), d));
+    d = foldFours(c, foldFoursBy<P, 512>(), d);
+    for (; length >= 64; length -= 64, data += 64) {
+        d = foldFours(d, foldFoursBy<P, 512>(), loadFour(data));
+    }
+    return finish<P>(foldFour<P>(d), data, length);
+}
+
 } // namespace
 
 INFRA_CLMUL uint32_t crc16Clmul(uint32_t crc, const uint8_t* data, size_t length)
@@ -237,12 +301,22 @@ INFRA_CLMUL uint32_t crc32Clmul(uint32_t crc, const uint8_t* data, size_t length
 
 INFRA_VCLMUL uint32_t crc16Vclmul(uint32_t crc, const uint8_t* data, size_t length)
 {
-    return runWide<Crc16>(crc, data, length);
+    return runPairs<Crc16>(crc, data, length);
 }
 
 INFRA_VCLMUL uint32_t crc32Vclmul(uint32_t crc, const uint8_t* data, size_t length)
 {
-    return runWide<Crc32>(crc, data, length);
+    return runPairs<Crc32>(crc, data, length);
+}
+
+INFRA_WCLMUL uint32_t crc16Wide(uint32_t crc, const uint8_t* data, size_t length)
+{
+    return runFours<Crc16>(crc, data, length);
+}
+
+INFRA_WCLMUL uint32_t crc32Wide(uint32_t crc, const uint8_t* data, size_t length)
+{
+    return runFours<Crc32>(crc, data, length);
 }
 
 } // namespace CRC
