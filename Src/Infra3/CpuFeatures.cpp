@@ -49,7 +49,7 @@ CCpuFeatureSet askFeatures()
     const bool zmm = (saved & zmmState) == zmmState;
     constexpr unsigned avx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512DQ | bit_AVX512VL;
 
-    CCpuFeatureSet features = {CpuFeature::asked};
+    CCpuFeatureSet features;
     const auto addIf = [&features](bool there, CpuFeature feature) {
         if (there) {
             features.add(feature);
@@ -83,13 +83,23 @@ namespace Detail
 
 constinit std::atomic<CCpuFeatureSet> shownFeatures{CCpuFeatureSet()};
 
-CCpuFeatureSet showFeatures()
+} // namespace Detail
+
+namespace
 {
-    shownFeatures.store(askedFeatures(), std::memory_order_relaxed);
-    return askedFeatures();
+
+void showAll()
+{
+    Detail::shownFeatures.store(askedFeatures(), std::memory_order_relaxed);
 }
 
-} // namespace Detail
+/// Before anything else of the library is made.
+[[gnu::constructor(101)]] void askAtLoad()
+{
+    showAll();
+}
+
+} // namespace
 
 uint32_t basicFeatureWord()
 {
@@ -106,7 +116,7 @@ CHiddenCpuFeatures::CHiddenCpuFeatures(CCpuFeatureSet hidden)
 
 CHiddenCpuFeatures::~CHiddenCpuFeatures()
 {
-    Detail::showFeatures();
+    showAll();
 }
 
 } // namespace Infra

@@ -1,7 +1,8 @@
 #ifndef INFRA_SRC_INFRA3_CPUFEATURES_H
 #define INFRA_SRC_INFRA3_CPUFEATURES_H
 
-// What the processor can do beyond the x86-64 baseline, asked once, and the one way to choose among
+// What the processor can do beyond the x86-64 baseline, asked while the library is loaded, and the
+// one way to choose among
 // implementations by it:
 //
 //     constexpr TImplementation<Sum> sums[] = {
@@ -38,8 +39,7 @@ enum class CpuFeature : uint32_t
     avx2,
     vaes,
     vpclmul,
-    avx512, ///< F, BW, DQ and VL together
-    asked   ///< the processor was asked; always there
+    avx512 ///< F, BW, DQ and VL together
 };
 
 /// A set of features, one bit each.
@@ -54,7 +54,6 @@ public:
         }
     }
 
-    constexpr bool isEmpty() const { return m_bits == 0; }
     constexpr void add(CpuFeature feature) { m_bits |= bitOf(feature); }
     constexpr void remove(CCpuFeatureSet others) { m_bits &= ~others.m_bits; }
     constexpr bool has(CpuFeature feature) const { return (m_bits & bitOf(feature)) != 0; }
@@ -75,16 +74,15 @@ private:
 namespace Detail
 {
 
-extern std::atomic<CCpuFeatureSet> shownFeatures; ///< empty before the first use
-CCpuFeatureSet showFeatures();
+extern std::atomic<CCpuFeatureSet> shownFeatures;
 
 } // namespace Detail
 
-/// What this processor has, less what a test hides.
+/// What this processor has, less what a test hides. Nothing before the library is loaded, which
+/// every implementation that needs nothing can stand.
 inline CCpuFeatureSet cpuFeatures()
 {
-    const CCpuFeatureSet shown = Detail::shownFeatures.load(std::memory_order_relaxed);
-    return shown.isEmpty() ? Detail::showFeatures() : shown;
+    return Detail::shownFeatures.load(std::memory_order_relaxed);
 }
 
 /// The ECX word of the processor's identification, leaf 1, as it came; 0 without one.

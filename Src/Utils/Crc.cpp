@@ -90,12 +90,12 @@ constexpr Infra::TImplementation<CrcRun> crc32Runs[] = {{crc32Wide, wideNeeds},
 
 uint32_t crc16Tables(uint32_t crc, const uint8_t* data, size_t length)
 {
-    return run(crc16_table, crc, data, length);
+    return run(crc16_table, crc ^ Crc16::inversion, data, length) ^ Crc16::inversion;
 }
 
 uint32_t crc32Tables(uint32_t crc, const uint8_t* data, size_t length)
 {
-    return run(crc32_table, crc, data, length);
+    return run(crc32_table, crc ^ Crc32::inversion, data, length) ^ Crc32::inversion;
 }
 
 } // namespace CRC
@@ -112,7 +112,7 @@ uint32_t crc32(const uint8_t* buffer, size_t length)
 
 uint32_t crc32(uint32_t crc, const uint8_t* buffer, size_t length)
 {
-    return ~chooseImplementation(CRC::crc32Runs)(~crc, buffer, length);
+    return chooseImplementation(CRC::crc32Runs)(crc, buffer, length);
 }
 
 } // namespace Utils

@@ -17,18 +17,20 @@ namespace Utils
 namespace CRC
 {
 
-/// A polynomial: its degree, and all its terms but the highest, upside down.
-template <int Width, uint32_t Terms>
-struct Polynomial
+/// A kind of checksum: the degree of its polynomial, all its terms but the highest, upside down, and
+/// what the register is XORed with before and after each run.
+template <int Width, uint32_t Terms, uint32_t Inversion>
+struct Checksum
 {
     static constexpr int width = Width;
     static constexpr uint32_t terms = Terms;
+    static constexpr uint32_t inversion = Inversion;
 };
 
-using Crc16 = Polynomial<16, 0xA001>;
-using Crc32 = Polynomial<32, 0xEDB88320>;
+using Crc16 = Checksum<16, 0xA001, 0>;
+using Crc32 = Checksum<32, 0xEDB88320, 0xFFFFFFFF>;
 
-/// Takes `length` bytes into a register, which is used as it is: nothing is inverted.
+/// Continues a checksum by `length` bytes.
 using CrcRun = uint32_t(uint32_t crc, const uint8_t* data, size_t length);
 
 CrcRun crc16Tables;

@@ -107,7 +107,7 @@ INFRA_CLMUL_INLINE uint32_t reduce(__m128i bytes)
 {
     const __m128i behindFirst = _mm_xor_si128(bytes, reduceHalf<P, 0x00>(bytes));
     const __m128i remainder = reduceHalf<P, 0x01>(behindFirst);
-    return static_cast<uint32_t>(_mm_extract_epi32(remainder, 2));
+    return static_cast<uint32_t>(_mm_extract_epi32(remainder, 2)) ^ P::inversion;
 }
 
 /// Byte numbers for a shuffle. Sixteen of them from `n` on move bytes up by 16 - n, from `16 + n`
@@ -147,16 +147,17 @@ INFRA_CLMUL_INLINE uint32_t finish(__m128i bytes, const uint8_t* data, size_t le
     return reduce<P>(bytes);
 }
 
-/// The first sixteen bytes, with the register so far added.
-INFRA_CLMUL_INLINE __m128i begin(uint32_t crc, const uint8_t* data)
+/// The register, as it is added to the first bytes.
+template <typename P>
+INFRA_CLMUL_INLINE __m128i initial(uint32_t crc)
 {
-    return _mm_xor_si128(load(data), _mm_cvtsi32_si128(static_cast<int>(crc)));
+    return _mm_cvtsi32_si128(static_cast<int>(crc ^ P::inversion));
 }
 
 template <typename P>
 INFRA_CLMUL_INLINE uint32_t runFourfold(uint32_t crc, const uint8_t* data, size_t length)
 {
-    __m128i a = begin(crc, data);
+    __m128i a = _mm_xor_si128(load(data), initial<P>(crc));
     __m128i b = load(data + 16);
     __m128i c = load(data + 32);
     __m128i d = load(data + 48);
@@ -179,7 +180,8 @@ INFRA_CLMUL_INLINE uint32_t runAnyLength(uint32_t crc, const uint8_t* data, size
         return runFourfold<P>(crc, data, length);
     }
     if (length >= 16) {
-        return finish<P>(begin(crc, data), data + 16, length - 16);
+        const __m128i first = _mm_xor_si128(load(data), initial<P>(crc));
+        return finish<P>(first, data + 16, length - 16);
     }
     return P::width == 16 ? crc16Tables(crc, data, length) : crc32Tables(crc, data, length);
 }
@@ -208,7 +210,7 @@ INFRA_VCLMUL_INLINE uint32_t runPairs(uint32_t crc, const uint8_t* data, size_t 
     if (length < 256) {
         return runAnyLength<P>(crc, data, length);
     }
-    const __m256i behind = _mm256_zextsi128_si256(_mm_cvtsi32_si128(static_cast<int>(crc)));
+    const __m256i behind = _mm256_zextsi128_si256(initial<P>(crc));
     __m256i a = _mm256_xor_si256(loadPair(data), behind);
     __m256i b = loadPair(data + 32);
     __m256i c = loadPair(data + 64);
@@ -266,7 +268,7 @@ INFRA_WCLMUL_INLINE uint32_t runFours(uint32_t crc, const uint8_t* data, size_t 
     if (length < 256) {
         return runAnyLength<P>(crc, data, length);
     }
-    const __m512i behind = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(crc)));
+    const __m512i behind = _mm512_zextsi128_si512(initial<P>(crc));
     __m512i a = _mm512_xor_si512(loadFour(data), behind);
     __m512i b = loadFour(data + 64);
     __m512i c = loadFour(data + 128);
