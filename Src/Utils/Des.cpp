@@ -72,10 +72,16 @@ void makeSchedules(TripleDesInternal& cipher)
     }
 }
 
+/// `size` is a multiple of 8.
 void xorBytes(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t size)
 {
-    for (size_t i = 0; i < size; ++i) {
-        out[i] = a[i] ^ b[i];
+    for (size_t i = 0; i < size; i += 8) {
+        uint64_t x = 0;
+        uint64_t y = 0;
+        memcpy(&x, a + i, sizeof(x));
+        memcpy(&y, b + i, sizeof(y));
+        x ^= y;
+        memcpy(out + i, &x, sizeof(x));
     }
 }
 

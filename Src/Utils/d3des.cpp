@@ -17,6 +17,7 @@
 #include "Utils/d3des.h"
 
 #include <array>
+#include <cstring>
 
 namespace Tarsel
 {
@@ -75,15 +76,16 @@ constexpr uint32_t rotateLeft(uint32_t word, int bits)
     return (word << bits) | (word >> (32 - bits));
 }
 
-using SpTable = std::array<std::array<uint32_t, 64>, 8>;
+using SpTable = std::array<std::array<uint32_t, 256>, 8>;
 
-/// [box][six bits as the expansion gives them]: the four bits of the S-box where P puts them, in a
-/// half rotated left by one. The first and last of the six bits choose the S-box's row.
+/// [box][six bits as the expansion gives them, and two above that do not matter]: the four bits of
+/// the S-box where P puts them, in a half rotated left by one. The first and last of the six bits
+/// choose the S-box's row.
 constexpr SpTable makeSpTable()
 {
     SpTable table = {};
     for (unsigned box = 0; box < 8; ++box) {
-        for (unsigned bits = 0; bits < 64; ++bits) {
+        for (unsigned bits = 0; bits < 256; ++bits) {
             const unsigned row = (bits >> 4 & 2) | (bits & 1);
             const unsigned column = bits >> 1 & 15;
             const uint32_t output = uint32_t{sBoxes[box][row * 16 + column]} << (28 - 4 * box);
@@ -113,17 +115,19 @@ constexpr uint32_t rotateHalfKey(uint32_t half, int bits)
     return (half << bits | half >> (28 - bits)) & 0x0FFFFFFF;
 }
 
-uint32_t loadWord(const uint8_t* bytes)
+// Blocks are moved whole: a load that spans two stores would have to wait for both.
+
+uint64_t loadBlock(const uint8_t* bytes)
 {
-    return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
+    uint64_t block = 0;
+    memcpy(&block, bytes, sizeof(block));
+    return __builtin_bswap64(block);
 }
 
-void storeWord(uint8_t* bytes, uint32_t word)
+void storeBlock(uint8_t* bytes, uint64_t block)
 {
-    bytes[0] = static_cast<uint8_t>(word >> 24);
-    bytes[1] = static_cast<uint8_t>(word >> 16);
-    bytes[2] = static_cast<uint8_t>(word >> 8);
-    bytes[3] = static_cast<uint8_t>(word);
+    block = __builtin_bswap64(block);
+    memcpy(bytes, &block, sizeof(block));
 }
 
 struct Halves
@@ -166,20 +170,19 @@ inline void permuteOut(Halves& block)
     block = {left, right};
 }
 
-/// Four look-ups, for the S-boxes `First`, `First` + 2 and so on.
+/// Four look-ups, for the S-boxes `First`, `First` + 2 and so on. They are added in pairs, because a
+/// row of additions would be a longer chain (and the compiler is told not to make it one).
 template <int First>
 inline uint32_t substituteFour(uint32_t bits)
 {
-    return spTable[First][bits >> 24] ^ spTable[First + 2][bits >> 16 & 0xFF] ^
-           spTable[First + 4][bits >> 8 & 0xFF] ^ spTable[First + 6][bits & 0xFF];
+    const uint32_t low = spTable[First + 6][bits & 0xFF] ^ spTable[First + 4][bits >> 8 & 0xFF];
+    const uint32_t high = spTable[First + 2][bits >> 16 & 0xFF] ^ spTable[First][bits >> 24];
+    return low ^ high;
 }
 
 inline uint32_t substitute(uint32_t half, uint32_t oddKey, uint32_t evenKey)
 {
-    constexpr uint32_t sixBits = 0x3F3F3F3F;
-    const uint32_t odd = (rotateLeft(half, 28) ^ oddKey) & sixBits;
-    const uint32_t even = (half ^ evenKey) & sixBits;
-    return substituteFour<0>(odd) ^ substituteFour<1>(even);
+    return substituteFour<1>(half ^ evenKey) ^ substituteFour<0>(rotateLeft(half, 28) ^ oddKey);
 }
 
 /// Sixteen rounds over `Count` blocks side by side, with the round keys from first to last or from
@@ -227,7 +230,8 @@ template <size_t Count>
 inline void loadHalves(Halves (&blocks)[Count], const uint8_t* in)
 {
     for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = {loadWord(in + 8 * i), loadWord(in + 8 * i + 4)};
+        const uint64_t block = loadBlock(in + 8 * i);
+        blocks[i] = {static_cast<uint32_t>(block >> 32), static_cast<uint32_t>(block)};
     }
 }
 
@@ -235,8 +239,7 @@ template <size_t Count>
 inline void storeHalves(uint8_t* out, const Halves (&blocks)[Count])
 {
     for (size_t i = 0; i < Count; ++i) {
-        storeWord(out + 8 * i, blocks[i].left);
-        storeWord(out + 8 * i + 4, blocks[i].right);
+        storeBlock(out + 8 * i, uint64_t{blocks[i].left} << 32 | blocks[i].right);
     }
 }
 
@@ -268,7 +271,7 @@ template <int Passes>
 void cryptRun(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
               uint8_t* out)
 {
-    constexpr size_t together = 2;
+    constexpr size_t together = 3;
     for (; blocks >= together; blocks -= together, in += 8 * together, out += 8 * together) {
         cryptBlocks<Passes, together>(keys, direction, in, out);
     }
@@ -300,8 +303,7 @@ void exchangeInnerWords(Halves (&blocks)[2])
 
 void setKey(Schedule& schedule, const uint8_t* key)
 {
-    const uint64_t bits = uint64_t{loadWord(key)} << 32 | loadWord(key + 4);
-    const uint64_t chosen = choose(bits, 64, permutedChoice1, 56);
+    const uint64_t chosen = choose(loadBlock(key), 64, permutedChoice1, 56);
     uint32_t c = static_cast<uint32_t>(chosen >> 28);
     uint32_t d = static_cast<uint32_t>(chosen & 0x0FFFFFFF);
     for (int round = 0; round < 16; ++round) {
