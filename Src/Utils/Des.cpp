@@ -101,7 +101,7 @@ void encryptChain(const TripleDesInternal& cipher, size_t block, size_t blocks, 
 void decryptChain(const TripleDesInternal& cipher, size_t block, size_t blocks, const uint8_t* in,
                   uint8_t* out)
 {
-    constexpr size_t together = 256;
+    constexpr size_t together = 4096;
     uint8_t chain[largestBlock + together]; // the block before, then these
     memcpy(chain, cipher.iv, block);
     while (blocks != 0) {

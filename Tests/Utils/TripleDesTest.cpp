@@ -12,6 +12,7 @@
 
 #include "Support/Bytes.h"
 #include "Support/ChildProcess.h"
+#include "Support/CpuLevels.h"
 #include "Support/LogCapture.h"
 
 namespace
@@ -98,6 +99,37 @@ TEST(TripleDesTest, RunsThroughEveryEntryOfTheSBoxes)
         x = ours(x, CTripleDes::block8, nullptr, i % 2 == 0, x);
     }
     EXPECT_EQ(toHex(x), "1b1a2ddb4c642438");
+}
+
+TEST(TripleDesTest, LongRunsAgreeWithOpensslOnEachProcessor)
+{
+    CRandom random;
+    const CGuardedBytes guarded(8 * 1100);
+    onEachCpuLevel([&] {
+        for (const size_t blocks :
+             {63, 64, 65, 255, 256, 257, 319, 320, 512, 575, 576, 600, 1100}) {
+            for (const size_t length : {8, 16, 24}) {
+                const Bytes key = random.bytes(length);
+                const Bytes three = threeKeys(key);
+                const Bytes iv = random.bytes(8);
+                const Bytes input = random.bytes(blocks * 8);
+                for (const bool encrypts : {true, false}) {
+                    CTripleDes ecb(key.data(), length);
+                    CTripleDes cbc(key.data(), length, CTripleDes::block8, iv.data());
+                    for (CTripleDes* const cipher : {&ecb, &cbc}) {
+                        uint8_t* const bytes = guarded.putLast(input);
+                        encrypts ? cipher->encrypt(bytes, bytes, input.size())
+                                 : cipher->decrypt(bytes, bytes, input.size());
+                        const bool chains = cipher == &cbc;
+                        ASSERT_EQ(Bytes(bytes, guarded.end()),
+                                  openssl(chains ? EVP_des_ede3_cbc() : EVP_des_ede3_ecb(), three,
+                                          chains ? iv.data() : nullptr, encrypts, input))
+                            << blocks << " blocks, key of " << length;
+                    }
+                }
+            }
+        }
+    });
 }
 
 TEST(TripleDesTest, AgreesWithOpensslForEveryKeyLength)
