@@ -88,6 +88,11 @@ void xorBytes(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t size)
 void encryptChain(const TripleDesInternal& cipher, size_t block, size_t blocks, const uint8_t* in,
                   uint8_t* out)
 {
+    if (block == 8) {
+        const bool isSingle = cipher.func == DES::singleDes;
+        DES::des_chain* const chain = isSingle ? DES::singleDesChain : DES::tripleDesChain;
+        return chain(cipher.keys, cipher.iv, blocks, in, out);
+    }
     const uint8_t* before = cipher.iv;
     for (; blocks != 0; --blocks, in += block, out += block) {
         xorBytes(out, in, before, block);

@@ -203,15 +203,10 @@ inline void storeHalves(uint8_t* out, const Halves (&blocks)[Count])
     }
 }
 
-/// `Count` blocks by `Passes` passes, one or three.
+/// One pass or three between the permutations, which leave the halves to be exchanged.
 template <int Passes, size_t Count>
-void cryptBlocks(const Schedules& keys, Direction direction, const uint8_t* in, uint8_t* out)
+inline void runPasses(const Schedules& keys, Direction direction, Halves (&blocks)[Count])
 {
-    Halves blocks[Count];
-    loadHalves(blocks, in);
-    for (Halves& block : blocks) {
-        permuteIn(block);
-    }
     if constexpr (Passes == 1) {
         runRounds(blocks, keys.pass[0], direction);
     } else {
@@ -221,10 +216,44 @@ void cryptBlocks(const Schedules& keys, Direction direction, const uint8_t* in, 
         exchangeHalves(blocks);
         runRounds(blocks, passKey(keys, direction, 2), direction);
     }
+}
+
+template <int Passes, size_t Count>
+void cryptBlocks(const Schedules& keys, Direction direction, const uint8_t* in, uint8_t* out)
+{
+    Halves blocks[Count];
+    loadHalves(blocks, in);
+    for (Halves& block : blocks) {
+        permuteIn(block);
+    }
+    runPasses<Passes>(keys, direction, blocks);
     for (Halves& block : blocks) {
         permuteOut(block);
     }
     storeHalves(out, blocks);
+}
+
+/// The chain stays between the permutations: they keep sums, so that what is added to it is permuted
+/// beforehand and what comes out of it afterwards.
+template <int Passes>
+void encryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                  uint8_t* out)
+{
+    Halves chain[1];
+    loadHalves(chain, iv);
+    permuteIn(chain[0]);
+    for (; blocks != 0; --blocks, in += 8, out += 8) {
+        Halves block[1];
+        loadHalves(block, in);
+        permuteIn(block[0]);
+        chain[0].left ^= block[0].left;
+        chain[0].right ^= block[0].right;
+        runPasses<Passes>(keys, Direction::encrypt, chain);
+        block[0] = chain[0];
+        permuteOut(block[0]);
+        storeHalves(out, block);
+        exchangeHalves(chain);
+    }
 }
 
 size_t cryptNothing(const Schedules&, Direction, int, size_t, const uint8_t*, uint8_t*)
@@ -313,6 +342,18 @@ void tripleDes(const Schedules& keys, Direction direction, size_t blocks, const 
                uint8_t* out)
 {
     cryptRun<3>(keys, direction, blocks, in, out);
+}
+
+void singleDesChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                    uint8_t* out)
+{
+    encryptChain<1>(keys, iv, blocks, in, out);
+}
+
+void tripleDesChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                    uint8_t* out)
+{
+    encryptChain<3>(keys, iv, blocks, in, out);
 }
 
 void doubleBlockTripleDes(const Schedules& keys, Direction direction, size_t blocks,

@@ -48,6 +48,12 @@ des_func tripleDes;
 /// Blocks of 16 bytes, two halves that exchange a word before the second pass and after it.
 des_func doubleBlockTripleDes;
 
+/// Enciphers `blocks` blocks of 8 bytes, each added to the ciphertext before it, the first to `iv`.
+typedef void des_chain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                       uint8_t* out);
+des_chain singleDesChain;
+des_chain tripleDesChain;
+
 } // namespace DES
 } // namespace Utils
 } // namespace Tarsel
