@@ -56,22 +56,18 @@ uint8_t valueOf(char character)
     return pr2six[static_cast<uint8_t>(character)];
 }
 
-/// Four characters in 24 bits. A value above those says that one was not of the alphabet.
-uint32_t groupOf(const uint8_t (&values)[4])
+/// Reads four characters into 24 bits. False at the first foreign one, and none behind it is read.
+bool readGroup(const char* in, uint32_t& group)
 {
-    const uint32_t stopped = (values[0] | values[1] | values[2] | values[3]) & noValue;
-    return uint32_t{values[0]} << 18 | uint32_t{values[1]} << 12 | uint32_t{values[2]} << 6 |
-           values[3] | stopped << 24;
-}
-
-/// The four characters at `in`, of which none behind the first foreign one is read.
-uint32_t readGroup(const char* in)
-{
-    uint8_t values[4] = {valueOf(in[0]), noValue, noValue, noValue};
-    for (int i = 1; i < 4 && values[i - 1] != noValue; ++i) {
-        values[i] = valueOf(in[i]);
+    group = 0;
+    for (int i = 0; i < 4; ++i) {
+        const uint8_t value = valueOf(in[i]);
+        if (value == noValue) {
+            return false;
+        }
+        group = group << 6 | value;
     }
-    return groupOf(values);
+    return true;
 }
 
 void writeGroup(char* out, uint32_t group)
@@ -81,17 +77,11 @@ void writeGroup(char* out, uint32_t group)
     out[2] = static_cast<char>(group);
 }
 
-constexpr uint32_t wholeGroup = 0xFFFFFF;
-
 /// The whole groups at the front of at most `limit` characters; returns the characters.
 size_t decodeGroups(char* out, const char* in, size_t limit)
 {
     size_t done = 0;
-    for (; done < limit; done += 4, out += 3) {
-        const uint32_t group = readGroup(in + done);
-        if (group > wholeGroup) {
-            break;
-        }
+    for (uint32_t group = 0; done < limit && readGroup(in + done, group); done += 4, out += 3) {
         writeGroup(out, group);
     }
     return done;
@@ -192,7 +182,7 @@ int base64EncodeLen(int len)
 
 size_t base64EncodeEx(char* coded_dst, const char* plain_src, size_t len_plain_src)
 {
-    constexpr size_t worthVectors = 28;
+    constexpr size_t worthVectors = 12;
     char* out = coded_dst;
     size_t rest = len_plain_src;
     if (rest >= worthVectors) {

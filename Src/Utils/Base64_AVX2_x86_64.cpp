@@ -10,6 +10,8 @@
 
 #include <immintrin.h>
 
+#include <cstring>
+
 #include "Utils/Base64Alg.h"
 
 #define INFRA_AVX2 [[gnu::target("avx2")]]
@@ -92,6 +94,16 @@ INFRA_AVX2_INLINE __m256i spread(const char* in)
                                order);
 }
 
+/// The same of twelve bytes, of which no more are read.
+INFRA_AVX2_INLINE __m256i spreadHalf(const char* in)
+{
+    int32_t last = 0;
+    memcpy(&last, in + 8, sizeof(last));
+    const __m128i first = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in));
+    const __m128i order = _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
+    return _mm256_castsi128_si256(_mm_shuffle_epi8(_mm_insert_epi32(first, last, 2), order));
+}
+
 /// Six bits in each byte. In a word of 32 bits from the lowest up: bits 10 to 15 and 4 to 9 are the
 /// first two values, 22 to 27 and 16 to 21 the others.
 INFRA_AVX2_INLINE __m256i sixBits(__m256i words)
@@ -161,6 +173,10 @@ INFRA_AVX2 size_t encode(char* out, const char* in, size_t size)
     for (; size - done >= readBytes; done += stepBytes, out += stepCharacters) {
         const __m256i characters = toCharacters(sixBits(spread(in + done)));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), characters);
+    }
+    for (; size - done >= stepBytes / 2; done += stepBytes / 2, out += stepCharacters / 2) {
+        const __m256i characters = toCharacters(sixBits(spreadHalf(in + done)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(characters));
     }
     return done;
 }

@@ -134,7 +134,9 @@ void append(MD5_CTX& context, const uint8_t* data, size_t size)
         size -= room;
     }
     hashBlocks(context.state, data, size / blockSize);
-    memcpy(context.buffer, data + size / blockSize * blockSize, size % blockSize);
+    if (size % blockSize != 0) {
+        memcpy(context.buffer, data + size / blockSize * blockSize, size % blockSize);
+    }
 }
 
 /// A 1 bit, zeros, and the length in the last eight bytes of a block.

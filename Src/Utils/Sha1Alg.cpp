@@ -134,7 +134,9 @@ void append(SHA1Context& context, BlockRun* hashBlocks, const uint8_t* data, siz
         hashBlocks(context.hash, data, size / blockSize);
     }
     context.bufferLength = static_cast<uint32_t>(size % blockSize);
-    memcpy(context.buffer, data + size / blockSize * blockSize, context.bufferLength);
+    if (context.bufferLength != 0) {
+        memcpy(context.buffer, data + size / blockSize * blockSize, context.bufferLength);
+    }
 }
 
 /// A 1 bit, zeros, and the length in the last eight bytes of a block.
