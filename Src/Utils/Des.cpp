@@ -53,10 +53,10 @@ des_func* blockFunction(size_t keyLength, CTripleDes::BlockType block)
 
 size_t blockSizeOf(des_func* func)
 {
-    if (func == DES::doubleBlockTripleDes) {
-        return 16;
-    }
-    return func != nullptr ? 8 : 0;
+    const bool isDouble = func == DES::doubleBlockTripleDes;
+    const size_t block_size = isDouble ? 16 : func != nullptr ? 8 : 0;
+    INFRA_ASSERT(block_size > 0);
+    return block_size;
 }
 
 /// With two keys the third one is the first.
@@ -179,7 +179,6 @@ CTripleDes::CTripleDes(const uint8_t* key, size_t size, BlockType block, const u
     makeSchedules(cipher);
     cipher.func = blockFunction(cipher.key_length, block);
     const size_t block_size = blockSizeOf(cipher.func);
-    INFRA_ASSERT(block_size > 0);
     cipher.cbc = iv != nullptr;
     if (cipher.cbc) {
         memcpy(cipher.iv, iv, block_size);

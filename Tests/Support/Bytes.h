@@ -48,6 +48,12 @@ inline Bytes ofText(const std::string& text)
     return Bytes(text.begin(), text.end());
 }
 
+/// `size` bytes from `at` on.
+inline Bytes part(const Bytes& bytes, size_t at, size_t size)
+{
+    return Bytes(bytes.data() + at, bytes.data() + at + size);
+}
+
 /// The same bytes in every run.
 class CRandom
 {

@@ -137,8 +137,7 @@ TEST(TripleDesTest, AgreesWithOpensslForEveryKeyLength)
     CRandom random;
     for (size_t length = 1; length <= 30; ++length) {
         Bytes key = random.bytes(length);
-        const Bytes three =
-            threeKeys(Bytes(key.begin(), key.begin() + std::min(length, size_t{24})));
+        const Bytes three = threeKeys(part(key, 0, std::min(length, size_t{24})));
         for (const size_t blocks : {1, 2, 3, 31, 32, 33, 70}) {
             const Bytes input = random.bytes(blocks * 8);
             const Bytes iv = random.bytes(8);
@@ -196,11 +195,9 @@ TEST(TripleDesTest, DoubleBlocksExchangeTheInnerWordsBetweenThePasses)
             Bytes expectedEcb;
             Bytes expectedCbc;
             for (size_t at = 0; at < input.size(); at += 16) {
-                const Bytes block(input.begin() + at, input.begin() + at + 16);
-                const Bytes before = at == 0 ? iv
-                                     : encrypts
-                                         ? Bytes(expectedCbc.end() - 16, expectedCbc.end())
-                                         : Bytes(input.begin() + at - 16, input.begin() + at);
+                const Bytes block = part(input, at, 16);
+                const Bytes before =
+                    at == 0 ? iv : part(encrypts ? expectedCbc : input, at - 16, 16);
                 Bytes chained = block;
                 for (size_t i = 0; i < 16; ++i) {
                     chained[i] ^= before[i];
