@@ -4,9 +4,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -95,7 +95,9 @@ public:
     template <typename T>
     uint8_t* putLast(const T& bytes) const
     {
-        return static_cast<uint8_t*>(memcpy(end() - bytes.size(), bytes.data(), bytes.size()));
+        uint8_t* const first = end() - bytes.size();
+        std::copy(bytes.begin(), bytes.end(), first);
+        return first;
     }
 
 private:

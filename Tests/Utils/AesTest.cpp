@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -150,7 +151,7 @@ void expectSame(const Message& message, bool encrypts, const Bytes& input, CRand
     const size_t unit = unitOf(message.mode);
     Bytes space(input.size() + 64);
     uint8_t* const output = space.data() + random.below(32);
-    memcpy(output, input.data(), input.size());
+    std::copy(input.begin(), input.end(), output);
     const auto whole = message.cipher();
     ASSERT_TRUE(run(*whole, encrypts, output, output, input.size()));
     ASSERT_EQ(Bytes(output, output + input.size()), expected) << "in place, " << input.size();

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
+
 #include "Support/Bytes.h"
 #include "Support/CpuLevels.h"
 
@@ -80,7 +82,7 @@ TEST(CrcTest, ReadsNothingAround)
             const Bytes bytes = random.bytes(length);
             const uint8_t* const last = guarded.putLast(bytes);
             EXPECT_EQ(Utils::crc32(last, length), zlib(0, bytes.data(), length)) << length;
-            memcpy(guarded.begin(), bytes.data(), length);
+            std::copy(bytes.begin(), bytes.end(), guarded.begin());
             EXPECT_EQ(Utils::crc16(7, guarded.begin(), length),
                       crc16BitByBit(7, bytes.data(), length))
                 << length;

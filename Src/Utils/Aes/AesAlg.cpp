@@ -47,9 +47,11 @@ aes_context::aes_context(const aes_context& other)
 
 aes_context& aes_context::operator=(const aes_context& other)
 {
-    nr = other.nr;
-    rk = other.rk == nullptr ? nullptr : buf;
-    memcpy(buf, other.buf, sizeof(buf));
+    if (this != &other) {
+        nr = other.nr;
+        rk = other.rk == nullptr ? nullptr : buf;
+        memcpy(buf, other.buf, sizeof(buf));
+    }
     return *this;
 }
 
