@@ -2,6 +2,8 @@
 //
 // aes_MODE_encrypt/BITS/N   N bytes by one call, a key of BITS bits; decrypt likewise. N = 16 is what
 //                           a call costs.
+// aes_MODE_encrypt/BITS/N/no-VAES   the same where the processor has the AES instructions for one block
+//                           only, as this library sees it; OpenSSL uses no others here
 // aes_new_MODE/BITS         an object or context with its key made, 16 bytes enciphered, destroyed
 // 3des_MODE_encrypt/N       N bytes by one call, three keys; /threads:T from T threads at once, each
 //                           with a message of its own
@@ -25,6 +27,7 @@
 #include <vector>
 
 #include "Benchmarks/Support/Cases.h"
+#include "Infra3/CpuFeatures.h"
 #include "Utils/Aes.h"
 #include "Utils/TripleDes.h"
 
@@ -81,6 +84,13 @@ void aesInfra(benchmark::State& state, Mode mode, bool encrypts, int bits, size_
     }
 }
 
+/// What computes is chosen when the object is made.
+void aesInfraWithoutVaes(benchmark::State& state, Mode mode, bool encrypts, int bits, size_t size)
+{
+    const Tarsel::Infra::CHiddenCpuFeatures hidden({Tarsel::Infra::CpuFeature::vaes});
+    aesInfra(state, mode, encrypts, bits, size);
+}
+
 struct EvpFree
 {
     void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
@@ -122,7 +132,7 @@ void aesOpenssl(benchmark::State& state, Mode mode, bool encrypts, int bits, siz
     opensslBy(state, opensslName(mode, bits), encrypts, size);
 }
 
-/// nettle's keys of one size; `Size` is the type of its contexts.
+/// nettle's keys of one size, by the type of its contexts.
 template <typename Context>
 struct NettleKeys;
 
@@ -244,6 +254,10 @@ void addAes(const Mode& mode, bool encrypts)
             Bench::add(label, "OpenSSL", aesOpenssl, mode, encrypts, bits, size);
             Bench::add(label, "nettle", aesNettle, mode, encrypts, bits, size);
         }
+        const size_t size = 16384;
+        const std::string label = Bench::label(name + std::to_string(bits), size) + "/no-VAES";
+        Bench::add(label, Bench::infra, aesInfraWithoutVaes, mode, encrypts, bits, size);
+        Bench::add(label, "OpenSSL", aesOpenssl, mode, encrypts, bits, size);
         if (encrypts) {
             const std::string fresh = Bench::label(std::string("aes_new_") + mode.name, bits);
             Bench::add(fresh, Bench::infra, newInfra, mode, bits);

@@ -6,8 +6,6 @@
 //
 // A step loads all its input before it stores, so `out` may be `in`.
 
-#include <cstring>
-
 #include "Utils/Aes/AesEngine.h"
 #include "Utils/Aes/AesRounds_x86_64.h"
 
@@ -347,21 +345,21 @@ INFRA_AESNI void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, c
     storeBlock(iv, window);
 }
 
-/// Counter block number `ahead` from here on, where the low half does not overflow.
-INFRA_AESNI_INLINE __m128i counterBlock(uint64_t high, uint64_t low, size_t ahead)
+/// Counters in registers are little-endian numbers of two halves; this turns one into a block, and
+/// back.
+INFRA_AESNI_INLINE __m128i turned(__m128i counter)
 {
-    return _mm_set_epi64x(static_cast<long long>(__builtin_bswap64(low + ahead)),
-                          static_cast<long long>(high));
+    return _mm_shuffle_epi8(counter, _mm_set_epi64x(0x0001020304050607, 0x08090A0B0C0D0E0F));
 }
 
-/// `high` is the high half as it lies in memory, `low` the value of the low half.
+/// Where the low half does not overflow within the step.
 template <size_t Count>
-INFRA_AESNI_INLINE void ctrStep(const aes_context& ctx, uint64_t high, uint64_t low, __m128i& last,
+INFRA_AESNI_INLINE void ctrStep(const aes_context& ctx, __m128i counter, __m128i& last,
                                 const uint8_t* in, uint8_t* out)
 {
     __m128i blocks[Count];
     for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = counterBlock(high, low, i);
+        blocks[i] = turned(_mm_add_epi64(counter, _mm_set_epi64x(0, static_cast<long long>(i))));
     }
     encryptBlocks(blocks, ctx);
     last = blocks[Count - 1];
@@ -373,24 +371,20 @@ INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, ui
                      const uint8_t* in, uint8_t* out)
 {
     __m128i last = _mm_setzero_si128();
-    uint64_t high = 0;
-    uint64_t low = 0;
-    memcpy(&high, counter, sizeof(high));
-    memcpy(&low, counter + sizeof(high), sizeof(low));
-    low = __builtin_bswap64(low);
+    __m128i next = turned(loadBlock(counter));
+    uint64_t low = static_cast<uint64_t>(_mm_cvtsi128_si64(next));
     for (; blocks >= 8 && low <= UINT64_MAX - 8;
          blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
-        ctrStep<8>(ctx, high, low, last, in, out);
+        ctrStep<8>(ctx, next, last, in, out);
         low += 8;
+        next = _mm_add_epi64(next, _mm_set_epi64x(0, 8));
     }
     for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        ctrStep<1>(ctx, high, low, last, in, out);
+        ctrStep<1>(ctx, next, last, in, out);
         ++low;
-        high = low == 0 ? __builtin_bswap64(__builtin_bswap64(high) + 1) : high;
+        next = _mm_add_epi64(next, _mm_set_epi64x(low == 0 ? 1 : 0, 1));
     }
-    low = __builtin_bswap64(low);
-    memcpy(counter, &high, sizeof(high));
-    memcpy(counter + sizeof(high), &low, sizeof(low));
+    storeBlock(counter, turned(next));
     storeBlock(stream, last);
 }
 
