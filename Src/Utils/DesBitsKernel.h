@@ -88,12 +88,14 @@ constexpr unsigned placeOf(unsigned box, unsigned output)
     return place;
 }
 
-template <unsigned Box>
-INFRA_INLINE void substituteBox(Bits* left, const Bits* right, const uint64_t* key)
+/// `key` has the box's six bits from `Shift` on.
+template <unsigned Box, int Shift>
+INFRA_INLINE void substituteBox(Bits* left, const Bits* right, uint32_t key)
 {
     Bits bits[6]; // the expansion: the box's four bits and their neighbours
     for (unsigned i = 0; i < 6; ++i) {
-        bits[5 - i] = right[(4 * Box + i + 31) % 32] ^ key[6 * Box + i];
+        const uint64_t keyBit = key >> (Shift + 5 - i) & 1;
+        bits[5 - i] = right[(4 * Box + i + 31) % 32] ^ allOf(0 - keyBit);
     }
     left[placeOf(Box, 0)] ^= evaluate<truthTable(Box, 0), 6>(bits);
     left[placeOf(Box, 1)] ^= evaluate<truthTable(Box, 1), 6>(bits);
@@ -101,35 +103,26 @@ INFRA_INLINE void substituteBox(Bits* left, const Bits* right, const uint64_t* k
     left[placeOf(Box, 3)] ^= evaluate<truthTable(Box, 3), 6>(bits);
 }
 
-/// `key` is 48 words of equal bits.
-[[gnu::noinline]] void runRound(Bits* left, const Bits* right, const uint64_t* key)
+[[gnu::noinline]] void runRound(Bits* left, const Bits* right, uint32_t odd, uint32_t even)
 {
-    substituteBox<0>(left, right, key);
-    substituteBox<1>(left, right, key);
-    substituteBox<2>(left, right, key);
-    substituteBox<3>(left, right, key);
-    substituteBox<4>(left, right, key);
-    substituteBox<5>(left, right, key);
-    substituteBox<6>(left, right, key);
-    substituteBox<7>(left, right, key);
+    substituteBox<0, 24>(left, right, odd);
+    substituteBox<1, 24>(left, right, even);
+    substituteBox<2, 16>(left, right, odd);
+    substituteBox<3, 16>(left, right, even);
+    substituteBox<4, 8>(left, right, odd);
+    substituteBox<5, 8>(left, right, even);
+    substituteBox<6, 0>(left, right, odd);
+    substituteBox<7, 0>(left, right, even);
 }
 
-/// Round keys, a word of equal bits for each bit, in the order in which a pass uses them.
-struct KeyBits
+/// Sixteen rounds, with the round keys from first to last or from last to first.
+void runPass(Bits* left, Bits* right, const Schedule& key, bool forwards)
 {
-    uint64_t round[16][48];
-};
-
-void spreadKey(const Schedule& schedule, bool forwards, KeyBits& key)
-{
-    for (int round = 0; round < 16; ++round) {
-        const int from = forwards ? round : 15 - round;
-        for (int bit = 0; bit < 48; ++bit) {
-            const int box = bit / 6;
-            const uint32_t word = box % 2 == 0 ? schedule.odd[from] : schedule.even[from];
-            const uint64_t one = word >> (24 - 4 * (box & 6) + 5 - bit % 6) & 1;
-            key.round[round][bit] = 0 - one;
-        }
+    for (int round = 0; round < 16; round += 2) {
+        const int first = forwards ? round : 15 - round;
+        const int second = forwards ? round + 1 : 14 - round;
+        runRound(left, right, key.odd[first], key.even[first]);
+        runRound(right, left, key.odd[second], key.even[second]);
     }
 }
 
@@ -152,57 +145,38 @@ constexpr int littleEndian(int number)
     return (number - 1) / 8 * 8 + 7 - (number - 1) % 8;
 }
 
-/// `batch` blocks. The final permutation of a pass and the initial one of the next undo each other.
-void cryptBatch(const KeyBits* keys, int passes, const uint8_t* in, uint8_t* out)
+/// The blocks of `rows`. The final permutation of a pass and the initial one of the next undo each
+/// other, but for the exchange of the halves.
+void cryptBatch(const Schedules& keys, bool forwards, int passes, Bits* rows)
 {
-    Bits rows[64];
     Bits halves[2][32];
-    memcpy(rows, in, sizeof(rows));
     transpose(rows);
     for (int i = 0; i < 64; ++i) {
         halves[i / 32][i % 32] = rows[littleEndian(initialPermutation[i])];
     }
-    Bits* left = halves[0];
-    Bits* right = halves[1];
-    for (int pass = 0; pass < passes; ++pass) {
-        for (int round = 0; round < 16; round += 2) {
-            runRound(left, right, keys[pass].round[round]);
-            runRound(right, left, keys[pass].round[round + 1]);
-        }
-        Bits* const other = left;
-        left = right;
-        right = other;
-    }
-    for (int i = 0; i < 64; ++i) {
-        rows[littleEndian(initialPermutation[i])] = i < 32 ? left[i] : right[i - 32];
-    }
-    transpose(rows);
-    memcpy(out, rows, sizeof(rows));
-}
-
-size_t cryptBits(const Schedules& schedules, Direction direction, int passes, size_t blocks,
-                 const uint8_t* in, uint8_t* out)
-{
-    const bool forwards = direction == Direction::encrypt;
-    KeyBits keys[3];
     for (int pass = 0; pass < passes; ++pass) {
         const int number = forwards || passes == 1 ? pass : 2 - pass;
-        spreadKey(schedules.pass[number], forwards == (pass != 1), keys[pass]);
+        Bits* const left = halves[pass % 2];
+        runPass(left, halves[1 - pass % 2], keys.pass[number], forwards == (pass != 1));
     }
+    for (int i = 0; i < 64; ++i) { // one pass or three: the halves have changed places
+        rows[littleEndian(initialPermutation[i])] = halves[1 - i / 32][i % 32];
+    }
+    transpose(rows);
+}
+
+size_t cryptBits(const Schedules& keys, Direction direction, int passes, size_t blocks,
+                 const uint8_t* in, uint8_t* out)
+{
     size_t done = 0;
-    for (; blocks - done >= batch; done += batch) {
-        cryptBatch(keys, passes, in + 8 * done, out + 8 * done);
+    while (blocks - done >= worthBits) {
+        const size_t count = blocks - done < batch ? blocks - done : batch;
+        Bits rows[64] = {};
+        memcpy(rows, in + 8 * done, 8 * count);
+        cryptBatch(keys, direction == Direction::encrypt, passes, rows);
+        memcpy(out + 8 * done, rows, 8 * count);
+        done += count;
     }
-    const size_t rest = blocks - done;
-    if (rest >= worthBits) {
-        uint8_t padded[8 * batch];
-        memcpy(padded, in + 8 * done, 8 * rest);
-        memset(padded + 8 * rest, 0, sizeof(padded) - 8 * rest);
-        cryptBatch(keys, passes, padded, padded);
-        memcpy(out + 8 * done, padded, 8 * rest);
-        done = blocks;
-    }
-    explicit_bzero(keys, sizeof(keys));
     return done;
 }
 
