@@ -20,7 +20,7 @@ namespace Utils
 namespace
 {
 
-bool sayNotUsable()
+[[gnu::cold]] bool sayNotUsable()
 {
     INFRA_LOG_ERROR("aes init failed.\n");
     return false;
@@ -49,10 +49,10 @@ protected:
     /// Whether a call can run; `unit` is what its size has to be a multiple of.
     bool accepts(const uint8_t* dst, const uint8_t* src, size_t size, size_t unit) const
     {
-        if (!m_valid) {
-            return sayNotUsable();
+        if (m_valid && dst != nullptr && src != nullptr) {
+            return size % unit == 0;
         }
-        return size % unit == 0 && ((dst != nullptr && src != nullptr) || size == 0);
+        return m_valid ? size == 0 : sayNotUsable();
     }
 
     /// A missing key is logged by the name of the mode.

@@ -32,10 +32,10 @@ INFRA_AESNI_INLINE void storeBlock(uint8_t* to, __m128i block)
     _mm_storeu_si128(reinterpret_cast<__m128i*>(to), block);
 }
 
-/// Round key number `round`.
+/// Round key number `round`: aligned, so that it can be an instruction's operand.
 INFRA_AESNI_INLINE __m128i roundKey(const aes_context& ctx, int round)
 {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(ctx.rk) + round);
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(ctx.rk) + round);
 }
 
 template <size_t Count>
