@@ -1,7 +1,8 @@
 // File.cpp: file systems that are tables of functions.
 //
-// Whoever has a file open through a hook keeps a pointer to its file system, so that must not go when
-// the hook is taken back: it is put on a list of retired ones, where it stays reachable.
+// Whoever has a file open through a hook keeps a pointer to its file system, so that stays when the
+// hook is taken back. It is used again for the same path and table, so that hooking and unhooking for
+// ever costs nothing.
 
 #include "Infra/File.h"
 
@@ -11,12 +12,14 @@
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/FileHooks.h"
 #include "Infra3/Immortal.h"
-#include "Infra3/LeafMutex.h"
 
 using Tarsel::Infra::CGuard;
 using Tarsel::Infra::copyText;
+using Tarsel::Infra::hookMutex;
 using Tarsel::Infra::io_vec;
+using Tarsel::Infra::setHook;
 
 namespace
 {
@@ -27,47 +30,59 @@ Result call(Result (*function)(Parameters...), Result failure, Parameters... arg
     return function == nullptr ? failure : function(arguments...);
 }
 
-/// A file system that was hooked in, now or once.
+/// A file system that is hooked in, or was once.
 struct Entry
 {
-    explicit Entry(const FSOperations& operations) : fileSystem(operations) {}
+    Entry(const char* prefix, const FSOperations& functions)
+        : operations(functions), fileSystem(functions)
+    {
+        copyText(path, prefix);
+    }
 
+    bool isFor(const char* prefix, const FSOperations& functions) const
+    {
+        return strcmp(path, prefix) == 0 && memcmp(&operations, &functions, sizeof(functions)) == 0;
+    }
+
+    char path[32];
+    const FSOperations operations;
     CFSOperation fileSystem;
-    const Entry* older = nullptr;
+    Entry* older = nullptr;
 };
 
+/// Which paths have a table of functions. Everything happens with hookMutex() held.
 class CFunctionHooks
 {
 public:
-    /// Takes a place; null when there is none, or no memory.
-    CFSOperation* add(const char* path, const FSOperations& operations)
+    bool hasRoom() { return find("") != nullptr; }
+    bool has(const char* path) { return find(path) != nullptr; }
+
+    /// Takes a place, if there is one, and memory.
+    void add(const char* path, const FSOperations& operations)
     {
-        const CGuard guard(m_mutex);
         Place* const place = find("");
         if (place == nullptr) {
-            return nullptr;
+            return;
         }
         INFRA_SYSTEM_ASSERT_TEXT(place->entry == nullptr, "fsOpts[i] == __null");
-        place->entry = new (std::nothrow) Entry(operations);
-        if (place->entry == nullptr) {
-            return nullptr;
+        place->entry = entryFor(path, operations);
+        if (place->entry != nullptr) {
+            copyText(place->path, path);
+            setHook(path, &place->entry->fileSystem);
         }
-        copyText(place->path, path);
-        return &place->entry->fileSystem;
     }
 
-    /// Frees the place of `path`; false when there is none.
-    bool remove(const char* path)
+    /// Frees the place of `path`, if there is one.
+    void remove(const char* path)
     {
-        const CGuard guard(m_mutex);
         Place* const place = find(path);
         if (place == nullptr) {
-            return false;
+            return;
         }
+        setHook(path, nullptr);
         place->entry->older = m_retired;
         m_retired = place->entry;
         *place = Place();
-        return true;
     }
 
 private:
@@ -87,9 +102,21 @@ private:
         return nullptr;
     }
 
-    Tarsel::Infra::CLeafMutex m_mutex; ///< guards what follows
+    /// A retired one, or a new one; null without memory.
+    Entry* entryFor(const char* path, const FSOperations& operations)
+    {
+        for (Entry** link = &m_retired; *link != nullptr; link = &(*link)->older) {
+            Entry* const entry = *link;
+            if (entry->isFor(path, operations)) {
+                *link = entry->older;
+                return entry;
+            }
+        }
+        return new (std::nothrow) Entry(path, operations);
+    }
+
     Place m_places[31];
-    const Entry* m_retired = nullptr; ///< the last one, which leads to those before
+    Entry* m_retired = nullptr; ///< the last one, which leads to those before
 };
 
 CFunctionHooks& functionHooks()
@@ -97,22 +124,25 @@ CFunctionHooks& functionHooks()
     return Tarsel::Infra::immortal<CFunctionHooks, CFunctionHooks>();
 }
 
+bool wouldChange(const char* path, const FSOperations* ops)
+{
+    const CGuard guard(hookMutex());
+    return ops != nullptr ? functionHooks().hasRoom() : functionHooks().has(path);
+}
+
 } // namespace
 
 void hookFS(const char* path, const FSOperations* ops)
 {
-    if (path == nullptr || *path == '\0') {
+    if (path == nullptr || *path == '\0' || !wouldChange(path, ops)) {
         return;
     }
-    if (ops == nullptr) {
-        if (functionHooks().remove(path)) {
-            Tarsel::Infra::hookFileSystem(path, nullptr);
-        }
-        return;
-    }
-    CFSOperation* const fileSystem = functionHooks().add(path, *ops);
-    if (fileSystem != nullptr) {
-        Tarsel::Infra::hookFileSystem(path, fileSystem);
+    Tarsel::Infra::announceHooking();
+    const CGuard guard(hookMutex());
+    if (ops != nullptr) {
+        functionHooks().add(path, *ops);
+    } else {
+        functionHooks().remove(path);
     }
 }
 

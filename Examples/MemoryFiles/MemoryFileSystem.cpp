@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -138,17 +139,18 @@ bool CMemoryFileSystem::hasEntries(const std::string& directory) const
            entry->first.compare(0, directory.size() + 1, directory + "/") == 0;
 }
 
-/// Lets `node` grow to `end` bytes, or as far as there is room.
-/// @return the bytes it has room for
-size_t CMemoryFileSystem::reserve(Node& node, size_t end)
+/// Lets `node` grow from `begin` on, to `end` or as far as there is room; not at all when there is none
+/// behind `begin`.
+/// @return the bytes it has room for from `begin` on
+size_t CMemoryFileSystem::reserve(Node& node, size_t begin, size_t end)
 {
     const size_t size = node.bytes.size();
-    if (end > size) {
-        const size_t growth = std::min(end - size, m_capacity - *m_used);
-        node.bytes.resize(size + growth);
-        *m_used += growth;
+    const size_t room = std::min(end, size + m_capacity - *m_used);
+    if (end > size && room > begin) {
+        node.bytes.resize(room);
+        *m_used += room - size;
     }
-    return std::min(end, node.bytes.size());
+    return std::max(std::min(end, node.bytes.size()), begin) - begin;
 }
 
 CMemoryFileSystem::FileHandle CMemoryFileSystem::fopen(const char* path, const char* mode)
@@ -205,13 +207,13 @@ size_t CMemoryFileSystem::fwrite(const void* buffer, size_t size, size_t n, File
         return 0;
     }
     const size_t begin = stream.appends ? node.bytes.size() : stream.position;
-    const size_t end = reserve(node, begin + size * n);
-    const size_t count = end <= begin ? 0 : (end - begin) / size;
+    const size_t count = reserve(node, begin, begin + size * n) / size;
     if (count < n) {
         errno = ENOSPC;
     }
-    node.bytes.replace(std::min(begin, node.bytes.size()), count * size,
-                       static_cast<const char*>(buffer), count * size);
+    if (count > 0) {
+        node.bytes.replace(begin, count * size, static_cast<const char*>(buffer), count * size);
+    }
     node.written = now();
     stream.position = begin + count * size;
     return count;
@@ -237,7 +239,13 @@ int CMemoryFileSystem::fseek64(FileHandle file, int64_t offset, int whence)
     const std::lock_guard<std::mutex> guard(m_mutex);
     Stream& stream = streamOf<Stream>(file);
     const size_t bases[] = {0, stream.position, stream.node->bytes.size()};
-    const int64_t target = static_cast<int64_t>(bases[whence]) + offset;
+    if (whence < SEEK_SET || whence > SEEK_END) {
+        return failed(EINVAL);
+    }
+    int64_t target = 0;
+    if (__builtin_add_overflow(static_cast<int64_t>(bases[whence]), offset, &target)) {
+        return failed(EOVERFLOW);
+    }
     if (target < 0) {
         return failed(EINVAL);
     }
@@ -272,14 +280,39 @@ int CMemoryFileSystem::fputs(const char* text, FileHandle file)
     return fwrite(text, 1, length, file) == length ? 0 : -1;
 }
 
+/// The reason for which `from` cannot become `to`; 0 when it can.
+int CMemoryFileSystem::obstacle(const std::string& from, const std::string& to) const
+{
+    const std::shared_ptr<Node> source = find(from);
+    const std::shared_ptr<Node> parent = find(parentOf(to));
+    const std::shared_ptr<Node> target = find(to);
+    if (source == nullptr || parent == nullptr) {
+        return ENOENT;
+    }
+    if (from == to) {
+        return 0;
+    }
+    if (!parent->isDirectory) {
+        return ENOTDIR;
+    }
+    if (to.compare(0, from.size() + 1, from + "/") == 0) {
+        return EINVAL; // into itself
+    }
+    if (target != nullptr && target->isDirectory != source->isDirectory) {
+        return target->isDirectory ? EISDIR : ENOTDIR;
+    }
+    return target != nullptr && hasEntries(to) ? ENOTEMPTY : 0;
+}
+
 /// A directory takes along what is in it.
 int CMemoryFileSystem::rename(const char* oldPath, const char* newPath)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
     const std::string from = withoutSlashes(oldPath);
     const std::string to = withoutSlashes(newPath);
-    if (find(from) == nullptr || find(parentOf(to)) == nullptr) {
-        return failed(ENOENT);
+    const int error = obstacle(from, to);
+    if (error != 0) {
+        return failed(error);
     }
     Nodes moved;
     for (auto entry = m_nodes.lower_bound(from); entry != m_nodes.end();) {

@@ -63,7 +63,8 @@ private:
     std::shared_ptr<Node> find(const std::string& path) const;
     std::shared_ptr<Node> make(const std::string& path, bool isDirectory);
     bool hasEntries(const std::string& directory) const;
-    size_t reserve(Node& node, size_t end);
+    size_t reserve(Node& node, size_t begin, size_t end);
+    int obstacle(const std::string& from, const std::string& to) const;
     int forget(const char* path, bool isDirectory);
 
     mutable std::mutex m_mutex; ///< guards what follows, and all nodes

@@ -71,9 +71,11 @@ private:
 };
 
 /// Tarsel::Infra::hookFileSystem for a table of functions, which is copied; null takes the hook of
-/// exactly this path, of 31 characters at most, back. There are 31 places of its own for it; without
-/// a free one, and for a null path, nothing happens. A copy stays for as long as the process, because
-/// files may be open that use it. Safe from any thread.
+/// exactly this path, of 31 characters at most, back. What is taken back goes by the path alone: of
+/// several hooks of one path it is the first, one of hookFileSystem() among them. There are 31 places
+/// of its own for tables; without a free one, and for a null or empty path, nothing happens. A copy
+/// stays for as long as the process, because files may be open that use it; the same table is copied
+/// once for a path. Safe from any thread.
 INFRA_API void hookFS(const char* path, const FSOperations* ops);
 
 #endif

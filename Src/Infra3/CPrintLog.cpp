@@ -2,6 +2,7 @@
 
 #include "Infra/Infra3/CPrintLog.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -104,14 +105,15 @@ int Infra_logFilter(int level, const char* module, const char* file, const char*
         return 0;
     }
     const CErrnoKeeper keeper;
-    const LogOrigin origin = {printedLevel, module, fileToPrint(file), func, line, svnversion};
+    const int shownLevel = std::min(printedLevel, int{Infra_logLevelTrace});
+    const LogOrigin origin = {shownLevel, module, fileToPrint(file), func, line, svnversion};
     const LogMoment moment = currentMoment();
     int length = 0;
     va_list arguments;
     va_start(arguments, fmt);
     formatAndDeliver(origin, moment, keeper, fmt, arguments, [&](char* text, LogText line) {
-        writeLine(text, printedLevel, moment.beginsLine, /*mayReset*/ true);
-        flushBehind(printedLevel, line.ended);
+        writeLine(text, shownLevel, moment.beginsLine, /*mayReset*/ true);
+        flushBehind(shownLevel, line.ended);
         length = line.length;
     });
     va_end(arguments);

@@ -7,20 +7,28 @@
 //
 // The position is what the file system said after the last write or seek, plus what was read since.
 // On the system's own streams asking costs a system call as often as something is buffered, six times
-// the price of buffering a short record, so there it is counted after a write too, and asked for only
-// when something has moved that could not be counted.
+// the price of buffering a short record, so in regular files and block devices it is counted after a
+// write too, and asked for when something has happened that cannot be counted: text moved, a vector
+// passed by, or the stream had reason to write out its buffer and may have failed, which loses what was
+// in it. A device of characters has a position of its own making, and is always asked.
 
 #include "Infra/Infra3/File.h"
+
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
+#include "Infra/File.h"
 #include "Infra/Infra3/SystemCall.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/ErrorText.h"
 #include "Infra3/FileInternal.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/ThreadId.h"
@@ -85,30 +93,31 @@ private:
     bool m_valid = false;
 };
 
-/// Shows on the console which file the descriptor is, for one that is shorter than it said. Only
-/// the system's own streams have one.
-void showDescriptor(IFileSystem* opt, FileHandle file)
+FILE* systemsStream(FileHandle file)
 {
-    if (opt == FileDefaultOpt::instance()) {
-        char command[32];
-        formatText(command, "%s%d%s%d", "ls -lh /proc/", currentThreadId(), "/fd/",
-                   fileno(streamOf(file)));
-        systemCall(command);
-    }
+    return static_cast<FILE*>(file);
+}
+
+/// True for what stands where it was counted to.
+bool isCountable(FILE* stream)
+{
+    struct stat status;
+    return fstat(fileno(stream), &status) == 0 &&
+           (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode));
 }
 
 } // namespace
 
-/// The state of a file. `Length` wide are its length and position.
-template <typename Length>
+/// The state of a file. Length and position are kept whole, whatever is told of them.
 struct OpenFile
 {
     FileHandle m_file = nullptr;
     uint8_t* m_buffer = nullptr; ///< of load()
-    Length m_length = 0;         ///< 0: not known yet
-    Length m_position = 0;
+    uint64_t m_length = 0;       ///< 0: not known yet
+    uint64_t m_position = 0;
     IFileSystem* m_opt = FileDefaultOpt::instance(); ///< of the open file
-    bool m_canCount = false;  ///< a stream of the system that does not append
+    bool m_isPlain = false;   ///< a stream of the system on what isCountable()
+    bool m_canCount = false;  ///< it is plain and does not append
     bool m_isCounted = false; ///< m_position is the stream's, with all that has been moved since
 
     bool open(const char* path, const COpenMode& mode)
@@ -119,18 +128,32 @@ struct OpenFile
             return false;
         }
         m_opt = &opt;
-        m_canCount = m_opt == FileDefaultOpt::instance() && !mode.appends();
+        m_isPlain = isSystems() && isCountable(systemsStream(m_file));
+        m_canCount = m_isPlain && !mode.appends();
         return true;
     }
 
+    bool isSystems() const { return m_opt == FileDefaultOpt::instance(); }
+
+    /// The system library's stream behind the file, null for one that is none of its. A table of
+    /// functions has no streams; other file systems may.
+    FILE* stream() const
+    {
+        if (isSystems()) {
+            return systemsStream(m_file);
+        }
+        const bool isTable = dynamic_cast<const CFSOperation*>(m_opt) != nullptr;
+        return isTable ? nullptr : streamBehind(m_file);
+    }
+
     /// The length as far as it is known after opening.
-    Length lengthAtOpening(const char* path, uint32_t flags) const
+    uint64_t lengthAtOpening(const char* path, uint32_t flags) const
     {
         if ((flags & CFile::modeCreate) != 0 && (flags & CFile::modeNoTruncate) == 0) {
             return 0;
         }
         FileInfo info = {};
-        return m_opt->stat(path, info) == 0 ? static_cast<Length>(info.size) : 0;
+        return m_opt->stat(path, info) == 0 ? info.size : 0;
     }
 
     void close()
@@ -155,31 +178,28 @@ struct OpenFile
     /// Takes over what the file system said; -1 is the position 0.
     void setPosition(int64_t told)
     {
-        m_position = static_cast<Length>(std::max<int64_t>(told, 0));
+        m_position = static_cast<uint64_t>(std::max<int64_t>(told, 0));
         m_isCounted = m_canCount && told >= 0;
     }
 
-    /// Asks where the stream stands.
-    void learnPosition();
-
-    void noteWritten(size_t count, bool wasAll)
+    void noteRead(size_t count, bool wasAll)
     {
-        if (wasAll && m_isCounted) {
-            advance(count);
-        } else {
-            learnPosition();
-        }
-        growToPosition();
+        m_isCounted = m_isCounted && wasAll;
+        advance(count);
     }
 
     /// Counts bytes that were read or written.
-    void advance(size_t count) { m_position = static_cast<Length>(m_position + count); }
+    void advance(size_t count) { m_position += count; }
 
     void growToPosition() { m_length = std::max(m_length, m_position); }
 
-    /// True when a seek would move nothing.
+    /// True when a seek would move nothing. In a plain file the position must be known for certain:
+    /// what text was moved, or appended, may have left it behind.
     bool standsAt(int64_t offset, int from) const
     {
+        if (m_isPlain && !m_isCounted) {
+            return false;
+        }
         const int64_t position = static_cast<int64_t>(m_position);
         if (from == CFile::begin) {
             return offset == position;
@@ -199,6 +219,10 @@ struct OpenFile
 
     int puts(const char* text)
     {
+        if (text == nullptr) {
+            errno = EFAULT;
+            return -1;
+        }
         const int result = m_opt->fputs(text, m_file);
         if (result == -1) {
             m_isCounted = false;
@@ -212,7 +236,7 @@ struct OpenFile
     /// The stream does not see these bytes pass.
     long writev(const io_vec* vector, int count)
     {
-        FILE* const stream = streamOf(m_file);
+        FILE* const stream = this->stream();
         const int descriptor = stream == nullptr ? -1 : fileno(stream);
         const long written = static_cast<long>(m_opt->writev(descriptor, vector, count));
         if (written < 1) {
@@ -230,7 +254,8 @@ struct OpenFile
             INFRA_LOG_WARN("CFile::setvbuf failed, file has not been opened!\n");
             return false;
         }
-        FILE* const stream = streamOf(m_file);
+        m_isCounted = false;
+        FILE* const stream = this->stream();
         if (stream == nullptr || ::setvbuf(stream, buffer, mode, size) != 0) {
             INFRA_LOG_WARN("CFile::setvbuf failed\n");
             return false;
@@ -239,26 +264,39 @@ struct OpenFile
     }
 };
 
-template <>
-void OpenFile<uint32_t>::learnPosition()
+/// What differs between the two classes: how the file system is asked for the position, and how wide
+/// it and the length are told.
+struct FileInternal : OpenFile
 {
-    setPosition(m_opt->ftell(m_file));
-}
+    typedef uint32_t Told;
+    void learnPosition() { setPosition(m_opt->ftell(m_file)); }
+};
 
-template <>
-void OpenFile<uint64_t>::learnPosition()
+struct LfsFileInternal : OpenFile
 {
-    setPosition(m_opt->ftell64(m_file));
-}
-
-struct FileInternal : OpenFile<uint32_t>
-{};
-
-struct LfsFileInternal : OpenFile<uint64_t>
-{};
+    typedef uint64_t Told;
+    void learnPosition() { setPosition(m_opt->ftell64(m_file)); }
+};
 
 namespace
 {
+
+template <typename Internal>
+typename Internal::Told told(const Internal&, uint64_t lengthOrPosition)
+{
+    return static_cast<typename Internal::Told>(lengthOrPosition);
+}
+
+template <typename Internal>
+void noteWritten(Internal& internal, size_t count, bool wasAll)
+{
+    if (wasAll && internal.m_isCounted) {
+        internal.advance(count);
+    } else {
+        internal.learnPosition();
+    }
+    internal.growToPosition();
+}
 
 /// open() of both classes, behind what each does about the file that is open.
 template <typename Internal>
@@ -272,6 +310,18 @@ bool openAnew(Internal& internal, const char* path, uint32_t flags, const COpenM
     return true;
 }
 
+/// Shows on the console which file the descriptor is, for one that is shorter than it said. Only
+/// the system's own streams have one, while they are open.
+void showDescriptor(const OpenFile& file)
+{
+    if (file.m_file != nullptr && file.isSystems()) {
+        char command[32];
+        formatText(command, "%s%d%s%d", "ls -lh /proc/", currentThreadId(), "/fd/",
+                   fileno(systemsStream(file.m_file)));
+        systemCall(command);
+    }
+}
+
 // The messages stand apart, so that a read or write that goes well does not set the stage for them.
 
 [[gnu::cold, gnu::noinline]] void reportShortWrite(size_t expected, size_t actual)
@@ -279,7 +329,7 @@ bool openAnew(Internal& internal, const char* path, uint32_t flags, const COpenM
     const int error = errno;
     INFRA_LOG_WARN("fwrite failed, expected:%u, actual:%u, errno:%d, errmsg:%s\n",
                    static_cast<unsigned>(expected), static_cast<unsigned>(actual), error,
-                   errorText(error));
+                   CErrorText(error).c_str());
 }
 
 [[gnu::cold, gnu::noinline]] void reportNothingRead(void* file, int64_t total, int64_t done)
@@ -291,33 +341,42 @@ bool openAnew(Internal& internal, const char* path, uint32_t flags, const COpenM
 }
 
 /// Without a line end: the next message goes on in this line.
-[[gnu::cold, gnu::noinline]] void reportNothingWritten(void* file, int64_t total, int64_t done)
+[[gnu::cold, gnu::noinline]] void reportUnwritten(void* file, int64_t total, int64_t done,
+                                                  size_t count)
 {
     INFRA_LOG_WARN("this:%p fwrite get error, total:%jd has write:%jd,expected:%zu return "
                    "actuallen:%zu",
                    file, static_cast<intmax_t>(total), static_cast<intmax_t>(done),
-                   static_cast<size_t>(total - done), size_t{0});
+                   static_cast<size_t>(total - done), count);
 }
 
-/// Makes the object what open() starts from.
-template <typename File, typename Internal>
-void closeAnyhow(File& file, Internal& internal)
+/// Whether there is no use in writing on. A stream of the system that took less than it was given has
+/// failed, and dropped what it had buffered: it would take the rest as if nothing were missing.
+bool endsWriting(const OpenFile& file, size_t count, size_t wanted)
 {
+    return count == 0 || (count < wanted && file.isSystems());
+}
+
+/// Makes the object what open() starts from. The loaded bytes are handed over, because the name of
+/// the file that is opened next may stand in them.
+template <typename File, typename Internal>
+std::unique_ptr<uint8_t[]> closeAnyhow(File& file, Internal& internal)
+{
+    std::unique_ptr<uint8_t[]> loaded(std::exchange(internal.m_buffer, nullptr));
     if (internal.m_file != nullptr) {
         file.close();
     }
-    if (internal.m_buffer != nullptr) {
-        file.unload();
-    }
+    return loaded;
 }
 
+/// Asks for the length, if none is known that may be told, and goes to `position`.
 template <typename File, typename Internal>
-void learnLength(File& file, Internal& internal)
+void learnLength(File& file, Internal& internal, uint64_t position)
 {
-    const auto position = internal.m_position;
-    typedef decltype(internal.m_length) Length;
-    internal.m_length = static_cast<Length>(file.seek(0, File::end));
-    file.seek(static_cast<long>(position), File::begin);
+    if (told(internal, internal.m_length) == 0) {
+        internal.m_length = static_cast<uint64_t>(file.seek(0, File::end));
+        file.seek(static_cast<int64_t>(position), File::begin);
+    }
 }
 
 /// Opens the file and makes room for all of it; false when it stays without a buffer.
@@ -327,14 +386,12 @@ bool prepareLoad(File& file, Internal& internal, const char* path)
     if (!file.open(path, File::modeNoTruncate)) {
         return false;
     }
-    if (internal.m_length == 0) {
-        internal.m_length = static_cast<decltype(internal.m_length)>(file.seek(0, File::end));
-        file.seek(0, File::begin);
-    }
-    if (internal.m_length == 0) {
+    learnLength(file, internal, 0);
+    const auto length = told(internal, internal.m_length);
+    if (length == 0) {
         return false;
     }
-    internal.m_buffer = new (std::nothrow) uint8_t[internal.m_length];
+    internal.m_buffer = new (std::nothrow) uint8_t[length];
     if (internal.m_buffer == nullptr) {
         file.unload();
         return false;
@@ -356,7 +413,7 @@ CFile::~CFile()
 
 bool CFile::open(const char* pFileName, uint32_t dwFlags)
 {
-    closeAnyhow(*this, *m_internal);
+    const auto loaded = closeAnyhow(*this, *m_internal);
     const COpenMode mode(dwFlags, /*mayPassCache*/ true);
     if (!mode.isValid()) {
         INFRA_LOG_ERROR("this:%p CFile::open() dwFlags:%d is invalid\n", static_cast<void*>(this),
@@ -380,17 +437,19 @@ uint8_t* CFile::load(const char* pFileName)
     if (!prepareLoad(*this, internal, pFileName)) {
         return nullptr;
     }
-    errno = 0;
-    const long ret = read(internal.m_buffer, internal.m_length);
-    if (ret != static_cast<long>(internal.m_length)) {
+    const int before = std::exchange(errno, 0);
+    const auto length = told(internal, internal.m_length);
+    const long ret = read(internal.m_buffer, length);
+    if (ret != static_cast<long>(length)) {
         const int error = errno;
-        showDescriptor(internal.m_opt, internal.m_file);
+        showDescriptor(internal);
         INFRA_LOG_WARN("this:%p CFile::load() length:%d, ret:%d, errmsg:%s\n",
-                       static_cast<void*>(this), static_cast<int>(internal.m_length),
-                       static_cast<int>(ret), errorText(error));
+                       static_cast<void*>(this), static_cast<int>(length), static_cast<int>(ret),
+                       CErrorText(error).c_str());
         unload();
         return nullptr;
     }
+    errno = before;
     return internal.m_buffer;
 }
 
@@ -407,7 +466,7 @@ long CFile::read(void* pBuffer, size_t dwCount)
         return -1;
     }
     const size_t count = internal.m_opt->fread(pBuffer, 1, dwCount, internal.m_file);
-    internal.advance(count);
+    internal.noteRead(count, count == dwCount);
     return static_cast<long>(count);
 }
 
@@ -421,7 +480,7 @@ long CFile::write(void* pBuffer, size_t dwCount)
     if (count < dwCount) {
         reportShortWrite(dwCount, count);
     }
-    internal.noteWritten(count, count == dwCount);
+    noteWritten(internal, count, count == dwCount);
     return static_cast<long>(count);
 }
 
@@ -440,17 +499,18 @@ size_t CFile::seek(long lOff, SeekPosition nFrom)
         return 0;
     }
     if (!m_internal->standsAt(lOff, nFrom)) {
+        m_internal->m_isCounted = false;
         if (m_internal->m_opt->fseek(m_internal->m_file, lOff, nFrom) < 0) {
             return 0;
         }
         m_internal->learnPosition();
     }
-    return m_internal->m_position;
+    return told(*m_internal, m_internal->m_position);
 }
 
 size_t CFile::getPosition()
 {
-    return m_internal->m_file == nullptr ? 0 : m_internal->m_position;
+    return m_internal->m_file == nullptr ? 0 : told(*m_internal, m_internal->m_position);
 }
 
 size_t CFile::getLength()
@@ -458,10 +518,8 @@ size_t CFile::getLength()
     if (m_internal->m_file == nullptr) {
         return 0;
     }
-    if (m_internal->m_length == 0) {
-        learnLength(*this, *m_internal);
-    }
-    return m_internal->m_length;
+    learnLength(*this, *m_internal, m_internal->m_position);
+    return told(*m_internal, m_internal->m_length);
 }
 
 char* CFile::gets(char* s, size_t size)
@@ -559,7 +617,7 @@ CLfsFile::~CLfsFile()
 
 bool CLfsFile::open(const char* pFileName, uint32_t dwFlags)
 {
-    closeAnyhow(*this, *m_internal);
+    const auto loaded = closeAnyhow(*this, *m_internal);
     const COpenMode mode(dwFlags, /*mayPassCache*/ false);
     if (!mode.isValid()) {
         INFRA_LOG_ERROR("this:%p CLfsFile::open() dwFlags:%d is invalid\n",
@@ -583,17 +641,19 @@ uint8_t* CLfsFile::load(const char* pFileName)
     if (!prepareLoad(*this, internal, pFileName)) {
         return nullptr;
     }
-    errno = 0;
-    const int64_t ret = read(internal.m_buffer, static_cast<int64_t>(internal.m_length));
-    if (ret != static_cast<int64_t>(internal.m_length)) {
+    const int before = std::exchange(errno, 0);
+    const uint64_t length = internal.m_length;
+    const int64_t ret = read(internal.m_buffer, static_cast<int64_t>(length));
+    if (ret != static_cast<int64_t>(length)) {
         const int error = errno;
-        showDescriptor(internal.m_opt, internal.m_file);
+        showDescriptor(internal);
         INFRA_LOG_WARN("this:%p CLfsFile::load() length:%ju, ret:%jd, errmsg:%s\n",
-                       static_cast<void*>(this), static_cast<uintmax_t>(internal.m_length),
-                       static_cast<intmax_t>(ret), errorText(error));
+                       static_cast<void*>(this), static_cast<uintmax_t>(length),
+                       static_cast<intmax_t>(ret), CErrorText(error).c_str());
         unload();
         return nullptr;
     }
+    errno = before;
     return internal.m_buffer;
 }
 
@@ -611,16 +671,18 @@ int64_t CLfsFile::read(void* pBuffer, int64_t dwCount)
     }
     uint8_t* const bytes = static_cast<uint8_t*>(pBuffer);
     int64_t done = 0;
+    bool wasAll = true; // by one call: a second one follows a failure
     while (done < dwCount) {
         const size_t wanted = static_cast<size_t>(dwCount - done);
         const size_t count = internal.m_opt->fread(bytes + done, 1, wanted, internal.m_file);
+        wasAll = count == wanted && wasAll;
         if (count == 0) {
             reportNothingRead(this, dwCount, done);
             break;
         }
         done += static_cast<int64_t>(count);
     }
-    internal.advance(static_cast<size_t>(done));
+    internal.noteRead(static_cast<size_t>(done), wasAll);
     return done;
 }
 
@@ -632,16 +694,19 @@ int64_t CLfsFile::write(void* pBuffer, int64_t dwCount)
     }
     const uint8_t* const bytes = static_cast<const uint8_t*>(pBuffer);
     int64_t done = 0;
+    bool wasAll = true; // by one call: a second one follows a failure
     while (done < dwCount) {
         const size_t wanted = static_cast<size_t>(dwCount - done);
         const size_t count = internal.m_opt->fwrite(bytes + done, 1, wanted, internal.m_file);
-        if (count == 0) {
-            reportNothingWritten(this, dwCount, done);
+        wasAll = count == wanted && wasAll;
+        if (endsWriting(internal, count, wanted)) {
+            reportUnwritten(this, dwCount, done, count);
+            done += static_cast<int64_t>(count);
             break;
         }
         done += static_cast<int64_t>(count);
     }
-    internal.noteWritten(static_cast<size_t>(done), done == dwCount);
+    noteWritten(internal, static_cast<size_t>(done), wasAll);
     return done;
 }
 
@@ -660,6 +725,7 @@ int64_t CLfsFile::seek(int64_t lOff, SeekPosition nFrom)
         return 0;
     }
     if (!m_internal->standsAt(lOff, nFrom)) {
+        m_internal->m_isCounted = false;
         if (m_internal->m_opt->fseek64(m_internal->m_file, lOff, nFrom) < 0) {
             return 0;
         }
@@ -678,9 +744,7 @@ int64_t CLfsFile::getLength()
     if (m_internal->m_file == nullptr) {
         return 0;
     }
-    if (m_internal->m_length == 0) {
-        learnLength(*this, *m_internal);
-    }
+    learnLength(*this, *m_internal, m_internal->m_position);
     return static_cast<int64_t>(m_internal->m_length);
 }
 
@@ -739,38 +803,38 @@ bool CLfsFile::resv4()
 
 bool CLfsFile::rename(const char* oldName, const char* newName)
 {
-    return fileSystemFor(oldName).rename(oldName, newName) == 0;
+    return CFile::rename(oldName, newName);
 }
 
 bool CLfsFile::remove(const char* pFileName)
 {
-    return fileSystemFor(pFileName).remove(pFileName) == 0;
+    return CFile::remove(pFileName);
 }
 
 bool CLfsFile::makeDirectory(const char* dirName)
 {
-    return fileSystemFor(dirName).mkdir(dirName) == 0;
+    return CFile::makeDirectory(dirName);
 }
 
 bool CLfsFile::removeDirectory(const char* dirName)
 {
-    return fileSystemFor(dirName).rmdir(dirName) == 0;
+    return CFile::removeDirectory(dirName);
 }
 
 bool CLfsFile::statFS(const char* path, uint64_t& userFreeBytes, uint64_t& totalBytes,
                       uint64_t& totalFreeBytes)
 {
-    return fileSystemFor(path).statfs(path, userFreeBytes, totalBytes, totalFreeBytes) == 0;
+    return CFile::statFS(path, userFreeBytes, totalBytes, totalFreeBytes);
 }
 
 bool CLfsFile::access(const char* path, int mode)
 {
-    return fileSystemFor(path).access(path, mode) == 0;
+    return CFile::access(path, mode);
 }
 
 bool CLfsFile::stat(const char* path, FileInfo& info)
 {
-    return fileSystemFor(path).stat(path, info) == 0;
+    return CFile::stat(path, info);
 }
 
 } // namespace Infra

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/uio.h>
@@ -18,6 +19,7 @@
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/ErrorText.h"
 #include "Infra3/FileInternal.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
@@ -179,11 +181,16 @@ uint16_t attributesOf(mode_t mode)
     return static_cast<uint16_t>(directory | readOnly);
 }
 
+/// Null for a pattern that does not fit: a part of it would name another directory.
 DIR* openDirectory(const char* pattern)
 {
     char path[1024];
+    const size_t length = strlen(pattern);
+    if (length >= sizeof(path)) {
+        errno = ENAMETOOLONG;
+        return nullptr;
+    }
     copyText(path, pattern);
-    const size_t length = strlen(path);
     if (length > 0 && path[length - 1] == '*') {
         path[length - 1] = '\0';
     }
@@ -200,7 +207,14 @@ const dirent* nextEntry(DIR* directory)
     return entry;
 }
 
-DIR* directoryOf(long handle)
+/// Whether an entry was removed since the directory named it; a link to nothing is still there.
+bool isGone(DIR* directory, const char* name)
+{
+    struct stat status;
+    return fstatat(dirfd(directory), name, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+}
+
+DIR* searchBehind(long handle)
 {
     return handle == 0 || handle == -1
                ? nullptr
@@ -209,7 +223,7 @@ DIR* directoryOf(long handle)
 
 } // namespace
 
-FILE* streamOf(FileHandle file)
+FILE* streamBehind(FileHandle file)
 {
     constexpr uintptr_t firstPage = 4096;
     constexpr unsigned magicMask = 0xFFFF0000;
@@ -250,23 +264,47 @@ int FileDefaultOpt::fclose(FileHandle file)
     return ::fclose(own(file));
 }
 
-/// A stream remembers that it met the end, although the file may have grown since.
-static void forgetEnd(FILE* stream)
+/// What the system library leaves to the caller when writing turns to reading, and reading goes on: a
+/// large read passes by what is still to be written, which is lost then, and a stream that met the
+/// end remembers it, although the file may have grown since.
+static void prepareReading(FILE* stream)
 {
+    if (__fpending(stream) != 0) {
+        (void)::fflush(stream);
+    }
     if (feof_unlocked(stream) != 0) {
         clearerr(stream);
     }
 }
 
+// A record that is in the buffer, or fits in, is copied by the same test of the stream's fields by
+// which the system library's getc_unlocked() and putc_unlocked() copy a byte. A stream is used by one
+// thread at a time, and what the record would otherwise go through costs more than copying it.
+
 size_t FileDefaultOpt::fread(void* buffer, size_t size, size_t n, FileHandle file)
 {
-    forgetEnd(own(file));
-    return ::fread(buffer, size, n, own(file));
+    FILE* const stream = own(file);
+    if (size == 1 && n > 0 &&
+        n <= static_cast<size_t>(stream->_IO_read_end - stream->_IO_read_ptr)) {
+        memcpy(buffer, stream->_IO_read_ptr, n);
+        stream->_IO_read_ptr += n;
+        return n;
+    }
+    prepareReading(stream);
+    return ::fread(buffer, size, n, stream);
 }
 
 size_t FileDefaultOpt::fwrite(const void* buffer, size_t size, size_t n, FileHandle file)
 {
-    return ::fwrite(buffer, size, n, own(file));
+    FILE* const stream = own(file);
+    // Elsewhere than where it writes, the end of this room may lie before its beginning.
+    if (size == 1 && stream->_IO_write_ptr < stream->_IO_write_end &&
+        n <= static_cast<size_t>(stream->_IO_write_end - stream->_IO_write_ptr)) {
+        memcpy(stream->_IO_write_ptr, buffer, n);
+        stream->_IO_write_ptr += n;
+        return n;
+    }
+    return ::fwrite(buffer, size, n, stream);
 }
 
 int FileDefaultOpt::fflush(FileHandle file)
@@ -287,7 +325,7 @@ long FileDefaultOpt::ftell(FileHandle file)
 
 char* FileDefaultOpt::fgets(char* text, int size, FileHandle file)
 {
-    forgetEnd(own(file));
+    prepareReading(own(file));
     return ::fgets(text, size, own(file));
 }
 
@@ -322,26 +360,28 @@ long FileDefaultOpt::findfirst(const char* pattern, FileInfo& info)
 
 int FileDefaultOpt::findnext(long handle, FileInfo& info)
 {
-    DIR* const directory = directoryOf(handle);
-    const dirent* const entry = directory == nullptr ? nullptr : nextEntry(directory);
-    if (entry == nullptr) {
-        return -1;
+    DIR* const directory = searchBehind(handle);
+    while (const dirent* const entry = directory == nullptr ? nullptr : nextEntry(directory)) {
+        struct stat status;
+        if (fstatat(dirfd(directory), entry->d_name, &status, 0) == 0) {
+            copyText(info.name, entry->d_name);
+            info.attrib = attributesOf(status.st_mode);
+            fillCommon(info, status);
+            return 0;
+        }
+        const int error = errno;
+        if (!isGone(directory, entry->d_name)) {
+            INFRA_LOG_ERROR("this:%p FileDefaultOpt::findnext, stat failed ,err:%s\n",
+                            static_cast<void*>(this), CErrorText(error).c_str());
+            break;
+        }
     }
-    struct stat status;
-    if (fstatat(dirfd(directory), entry->d_name, &status, 0) != 0) {
-        INFRA_LOG_ERROR("this:%p FileDefaultOpt::findnext, stat failed ,err:%s\n",
-                        static_cast<void*>(this), errorText(errno));
-        return -1;
-    }
-    copyText(info.name, entry->d_name);
-    info.attrib = attributesOf(status.st_mode);
-    fillCommon(info, status);
-    return 0;
+    return -1;
 }
 
 int FileDefaultOpt::findclose(long handle)
 {
-    DIR* const directory = directoryOf(handle);
+    DIR* const directory = searchBehind(handle);
     if (directory == nullptr) {
         return -1;
     }

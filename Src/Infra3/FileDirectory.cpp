@@ -1,9 +1,12 @@
 // FileDirectory.cpp: whole paths of directories, made and removed.
 //
 // Removing is done in two ways. On the system's own files the tree is walked by descriptors: links
-// are never followed, nothing is looked up by a path that somebody else may change meanwhile, any
-// name and any depth will do, and memory is one name for each directory that is still to be
-// visited. Where a hook may have part of the tree there are only paths, and a finder lists them.
+// are never followed, nothing is looked up by a path that somebody else may change meanwhile, and any
+// name and any depth will do. In memory are the names of the directory that is being cleared, and of
+// those above it the directories in them that are still to be visited. Where a hook may have part of
+// the tree there are only paths, and a finder lists them.
+//
+// Both pass over what cannot be removed, and warn of a directory that cannot be listed, which stays.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,6 +15,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,36 +40,33 @@ class CDirectory
 {
 public:
     explicit CDirectory(int descriptor) : m_descriptor(descriptor) {}
-    ~CDirectory() { close(); }
+    ~CDirectory()
+    {
+        if (isOpen()) {
+            close(m_descriptor);
+        }
+    }
     CDirectory(const CDirectory&) = delete;
     CDirectory& operator=(const CDirectory&) = delete;
+    CDirectory(CDirectory&& other) noexcept : m_descriptor(std::exchange(other.m_descriptor, -1)) {}
+    CDirectory& operator=(CDirectory&& other) noexcept
+    {
+        std::swap(m_descriptor, other.m_descriptor);
+        return *this;
+    }
 
     bool isOpen() const { return m_descriptor != -1; }
     int descriptor() const { return m_descriptor; }
 
-    /// Goes to an entry of this directory, which is not followed if it is a link; stays here when
-    /// that cannot be opened.
-    bool enter(const char* name)
+    /// An entry of this directory, which is not followed if it is a link.
+    CDirectory open(const char* name) const
     {
-        const int entered = openat(m_descriptor, name, flags | O_NOFOLLOW);
-        if (entered == -1) {
-            return false;
-        }
-        close();
-        m_descriptor = entered;
-        return true;
+        return CDirectory(openat(m_descriptor, name, flags | O_NOFOLLOW));
     }
 
     static constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 private:
-    void close()
-    {
-        if (m_descriptor != -1) {
-            ::close(m_descriptor);
-        }
-    }
-
     int m_descriptor;
 };
 
@@ -73,47 +75,60 @@ bool isDotOrDots(const char* name)
     return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-/// The names of all entries but "." and "..".
-std::vector<std::string> entriesOf(int directory)
+/// The names of all entries but "." and "..", once in the life of a descriptor; nothing when it
+/// cannot be listed.
+std::optional<std::vector<std::string>> entriesOf(int directory)
 {
-    std::vector<std::string> names;
     // The stream takes the descriptor it is given along when it is closed.
-    const int copy = openat(directory, ".", CDirectory::flags);
-    DIR* const stream = copy == -1 ? nullptr : fdopendir(copy);
+    const int copy = fcntl(directory, F_DUPFD_CLOEXEC, 0);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(copy == -1 ? nullptr : fdopendir(copy),
+                                                     closedir);
     if (stream == nullptr) {
         if (copy != -1) {
             close(copy);
         }
-        return names;
+        return std::nullopt;
     }
+    std::vector<std::string> names;
     // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread at a time
-    while (const dirent* entry = readdir(stream)) {
+    while (const dirent* entry = readdir(stream.get())) {
         if (!isDotOrDots(entry->d_name)) {
             names.emplace_back(entry->d_name);
         }
     }
-    closedir(stream);
     return names;
+}
+
+bool isDirectoryIn(int directory, const char* name)
+{
+    struct stat status;
+    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool sayMissing()
+{
+    INFRA_LOG_WARN("the path does not exist");
+    return false;
 }
 
 /// Empties one directory of the system, however deep it goes.
 class CTreeRemoval
 {
 public:
-    explicit CTreeRemoval(int descriptor) : m_directory(descriptor) {}
-
-    bool isOpen() const { return m_directory.isOpen(); }
-
-    void empty()
+    /// False when the directory cannot be listed.
+    bool empty(CDirectory directory)
     {
-        m_levels.push_back(clearedLevel());
+        if (!enter(std::move(directory))) {
+            return sayMissing();
+        }
         while (!m_levels.empty()) {
             if (!m_levels.back().pending.empty()) {
                 visitNext();
             } else if (!leave()) {
-                return;
+                break;
             }
         }
+        return true;
     }
 
 private:
@@ -124,27 +139,43 @@ private:
         std::vector<std::string> pending; ///< directories in it; the last one is visited next
     };
 
-    /// The directory that is open, freed from what is no directory.
-    Level clearedLevel() const
+    /// Makes a directory the open one and frees it from what is no directory. Stays where it is when
+    /// that one cannot be listed, which takes the right to look at its entries too.
+    bool enter(CDirectory directory)
     {
+        const int descriptor = directory.descriptor();
         struct stat status = {};
-        fstat(m_directory.descriptor(), &status);
+        if (!directory.isOpen() || fstatat(descriptor, ".", &status, 0) != 0) {
+            return false;
+        }
+        std::optional<std::vector<std::string>> names = entriesOf(descriptor);
+        if (!names) {
+            return false;
+        }
         Level level = {status.st_dev, status.st_ino, {}};
-        for (std::string& name : entriesOf(m_directory.descriptor())) {
-            const bool gone = unlinkat(m_directory.descriptor(), name.c_str(), 0) == 0;
-            if (!gone && errno == EISDIR) {
+        for (std::string& name : *names) {
+            if (isDirectoryAfterRemoval(descriptor, name.c_str())) {
                 level.pending.push_back(std::move(name));
             }
         }
-        return level;
+        m_directory = std::move(directory);
+        m_levels.push_back(std::move(level));
+        return true;
+    }
+
+    /// Removes what is no directory. The system may refuse for the sake of the directory around it
+    /// before it looks what the entry is.
+    static bool isDirectoryAfterRemoval(int directory, const char* name)
+    {
+        return unlinkat(directory, name, 0) != 0 &&
+               (errno == EISDIR || isDirectoryIn(directory, name));
     }
 
     void visitNext()
     {
-        if (m_directory.enter(m_levels.back().pending.back().c_str())) {
-            m_levels.push_back(clearedLevel());
-        } else {
-            removeVisited();
+        if (!enter(m_directory.open(m_levels.back().pending.back().c_str()))) {
+            sayMissing();
+            m_levels.back().pending.pop_back();
         }
     }
 
@@ -157,7 +188,8 @@ private:
             return true;
         }
         struct stat status = {};
-        if (!m_directory.enter("..") || fstat(m_directory.descriptor(), &status) != 0 ||
+        m_directory = m_directory.open("..");
+        if (!m_directory.isOpen() || fstat(m_directory.descriptor(), &status) != 0 ||
             status.st_dev != m_levels.back().device || status.st_ino != m_levels.back().inode) {
             return false;
         }
@@ -173,52 +205,60 @@ private:
         level.pending.pop_back();
     }
 
-    CDirectory m_directory;
+    CDirectory m_directory = CDirectory(-1);
     std::vector<Level> m_levels; ///< from the root to the open directory
 };
 
-bool sayMissing()
+bool isSystems(const std::string& path)
 {
-    INFRA_LOG_WARN("the path does not exist");
-    return false;
+    return &fileSystemFor(path.c_str()) == FileDefaultOpt::instance();
 }
 
-bool isLink(const char* path)
+/// True for a link to a directory of the system.
+bool isLinkToDirectory(const char* path)
 {
     struct stat status;
-    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+    return isSystems(path) && lstat(path, &status) == 0 && S_ISLNK(status.st_mode) &&
+           stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-bool isSystems(const char* path)
+/// Whether a directory that is a link is emptied, or counts as none.
+enum class Links
 {
-    return &fileSystemFor(path) == FileDefaultOpt::instance();
-}
+    followed,
+    refused
+};
 
-bool removeOnSystem(const char* path, const std::string& directory, bool removesOriginal)
+bool removeOnSystem(std::string directory, bool removesOriginal, Links links)
 {
-    if (removesOriginal && isLink(path)) {
-        return CFile::remove(path);
+    int flags = CDirectory::flags;
+    if (links == Links::refused) {
+        directory.pop_back(); // the '/' would follow one
+        flags |= O_NOFOLLOW;
     }
-    const bool follows = path[strlen(path) - 1] == '/' || directory.size() < strlen(path);
-    CTreeRemoval removal(
-        open(follows ? directory.c_str() : path, CDirectory::flags | (follows ? 0 : O_NOFOLLOW)));
-    if (!removal.isOpen()) {
-        return sayMissing();
+    if (!CTreeRemoval().empty(CDirectory(open(directory.c_str(), flags)))) {
+        return false;
     }
-    removal.empty();
     return !removesOriginal || CFile::removeDirectory(directory.c_str());
 }
+
+bool removeTree(const std::string& directory, bool removesOriginal, Links links);
 
 /// Removes the current entry, by paths.
 void removeEntry(CFileFind& finder)
 {
     const std::string path = finder.getFilePath();
-    const bool isTree = finder.isDirectory() && !(isSystems(path.c_str()) && isLink(path.c_str()));
-    if (isTree) {
-        CFile::removeDirectoryRecursively(path.c_str(), true);
+    if (finder.isDirectory() && !isLinkToDirectory(path.c_str())) {
+        removeTree(path + "/", true, Links::refused);
     } else {
         CFile::remove(path.c_str());
     }
+}
+
+/// A file system of the application may list anything; only what is below the directory goes.
+bool isNameWithin(const char* name)
+{
+    return *name != '\0' && !isDotOrDots(name) && strchr(name, '/') == nullptr;
 }
 
 bool removeByPaths(const std::string& directory, bool removesOriginal)
@@ -228,12 +268,24 @@ bool removeByPaths(const std::string& directory, bool removesOriginal)
         return sayMissing();
     }
     do {
-        if (!isDotOrDots(finder.getFileName().c_str())) {
+        if (isNameWithin(finder.getFileName().c_str())) {
             removeEntry(finder);
         }
     } while (finder.findNextFile());
     finder.close();
     return !removesOriginal || CFile::removeDirectory(directory.c_str());
+}
+
+/// `directory` ends in '/'.
+bool removeTree(const std::string& directory, bool removesOriginal, Links links)
+{
+    if (directory.size() + 1 > longestPattern) {
+        return sayMissing();
+    }
+    if (isSystems(directory) && !isHookedBelow(directory.c_str())) {
+        return removeOnSystem(directory, removesOriginal, links);
+    }
+    return removeByPaths(directory, removesOriginal);
 }
 
 bool isGiven(const char* path)
@@ -284,13 +336,14 @@ bool CFile::removeDirectoryRecursively(const char* dirPath, bool rmOriginalDir)
         return false;
     }
     const std::string directory = directoryNamed(dirPath);
-    if (directory.size() + 1 > longestPattern) {
-        return sayMissing();
+    const bool namesEntry = directory.size() > strlen(dirPath); // neither "/" nor "/*" behind it
+    if (!rmOriginalDir || !namesEntry) {
+        return removeTree(directory, rmOriginalDir, Links::followed);
     }
-    if (isSystems(dirPath) && !isHookedBelow(directory.c_str())) {
-        return removeOnSystem(dirPath, directory, rmOriginalDir);
+    if (isSystems(directory) && isLinkToDirectory(dirPath)) {
+        return remove(dirPath);
     }
-    return removeByPaths(directory, rmOriginalDir);
+    return removeTree(directory, rmOriginalDir, Links::refused);
 }
 
 } // namespace Infra

@@ -20,7 +20,7 @@ constexpr int64_t noSearch = -1;
 
 /// What entries' names are put behind: the pattern up to its last '/'. One without any '/' is a
 /// directory of the current one.
-CString directoryOf(const char* pattern)
+CString directoryPartOf(const char* pattern)
 {
     const char* const slash = strrchr(pattern, '/');
     if (slash != nullptr) {
@@ -44,7 +44,7 @@ public:
         if (pattern == nullptr) {
             return false;
         }
-        m_path = directoryOf(pattern);
+        m_path = directoryPartOf(pattern);
         m_opt = &fileSystemFor(pattern);
         copyText(m_fileInfo.name, m_path.c_str());
         m_handle = m_opt->findfirst(pattern, m_fileInfo);

@@ -20,7 +20,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 
 #include "Infra/Infra3/File.h"
 #include "Infra3/Singleton.h"
@@ -37,16 +36,9 @@ IFileSystem& fileSystemFor(const char* path);
 /// True when a path that begins with `prefix`, and is longer, may go to a hook.
 bool isHookedBelow(const char* prefix);
 
-/// The stream behind a handle; null for one that is none of the system library's, as handles of
-/// application file systems may be. A handle has to be null, a small number or readable.
-FILE* streamOf(FileHandle file);
-
-/// The text of a system error; any number has one.
-inline const char* errorText(int error)
-{
-    const char* const text = strerrordesc_np(error);
-    return text != nullptr ? text : "Unknown error";
-}
+/// The stream behind a handle of an application's file system; null when it does not look like one
+/// of the system library's. A handle has to be null, a small number or readable.
+FILE* streamBehind(FileHandle file);
 
 /// The system's file system.
 ///

@@ -12,6 +12,7 @@
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/FileHooks.h"
 #include "Infra3/FileInternal.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
@@ -95,9 +96,12 @@ public:
         return false;
     }
 
+    /// For changes.
+    CLeafMutex& mutex() { return m_mutex; }
+
+    /// With the mutex held.
     void add(const char* path, IFileSystem* fileSystem)
     {
-        const CGuard guard(m_mutex);
         for (int i = 0; i < places; ++i) {
             if (m_places[i].load(std::memory_order_relaxed) == nullptr) {
                 m_places[i].store(hookOf(path, fileSystem), std::memory_order_release);
@@ -107,9 +111,9 @@ public:
         }
     }
 
+    /// With the mutex held.
     void remove(const char* path)
     {
-        const CGuard guard(m_mutex);
         for (auto& place : m_places) {
             const Hook* hook = place.load(std::memory_order_relaxed);
             if (hook != nullptr && strcmp(hook->prefix, path) == 0) {
@@ -146,7 +150,7 @@ private:
         }
     }
 
-    CLeafMutex m_mutex; ///< for changes
+    CLeafMutex m_mutex;
     std::atomic<const Hook*> m_places[places] = {};
     std::atomic<int> m_used{0}; ///< places behind this one have never been taken
     const Hook* m_youngest = nullptr;
@@ -170,16 +174,34 @@ bool isHookedBelow(const char* prefix)
     return hookTable().anyBeginsWith(prefix);
 }
 
-void hookFileSystem(const char* path, IFileSystem* filesystem)
+CLeafMutex& hookMutex()
 {
-    INFRA_LOG_INFO("hookFileSystem called!, CFile/CLfsFile member function may be hooked!\n");
-    if (path == nullptr || *path == '\0') {
-        return;
+    return hookTable().mutex();
+}
+
+void announceHooking()
+{
+    if (isLevelPrinted(logLevelInfo)) {
+        logFront(logLevelInfo, {__FILE__, "hookFileSystem", __LINE__},
+                 "hookFileSystem called!, CFile/CLfsFile member function may be hooked!\n");
     }
-    if (filesystem != nullptr) {
-        hookTable().add(path, filesystem);
+}
+
+void setHook(const char* path, IFileSystem* fileSystem)
+{
+    if (fileSystem != nullptr) {
+        hookTable().add(path, fileSystem);
     } else {
         hookTable().remove(path);
+    }
+}
+
+void hookFileSystem(const char* path, IFileSystem* filesystem)
+{
+    announceHooking();
+    if (path != nullptr && *path != '\0') {
+        const CGuard guard(hookMutex());
+        setHook(path, filesystem);
     }
 }
 

@@ -8,14 +8,13 @@
 #include <sys/stat.h>
 
 #include <climits>
-#include <cstdio>
 #include <optional>
 #include <string_view>
 
-#include "Infra/Infra3/File.h"
-#include "Infra/Infra3/FileFind.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/Digits.h"
+#include "Infra3/FileInternal.h"
+#include "Infra3/LogFileComplaints.h"
 
 namespace Tarsel
 {
@@ -24,30 +23,68 @@ namespace Infra
 namespace
 {
 
+IFileSystem& chosen(IFileSystem* given, const std::string& path)
+{
+    return given != nullptr ? *given : fileSystemFor(path.c_str());
+}
+
+/// A listing of a directory whose name ends in '/' or "/*", through one file system. (CFileFind
+/// would look for a hook again.)
+class CListing
+{
+public:
+    CListing(IFileSystem& fileSystem, const std::string& directory)
+        : m_fileSystem(fileSystem), m_front(directory, 0, directory.rfind('/') + 1)
+    {
+        copyText(m_entry.name, m_front.c_str());
+        m_handle = m_fileSystem.findfirst(directory.c_str(), m_entry);
+    }
+    ~CListing()
+    {
+        if (isOpen()) {
+            m_fileSystem.findclose(m_handle);
+        }
+    }
+    CListing(const CListing&) = delete;
+    CListing& operator=(const CListing&) = delete;
+
+    bool isOpen() const { return m_handle != -1; }
+    std::string path() const { return m_front + m_entry.name; }
+    bool next()
+    {
+        copyText(m_entry.name, m_front.c_str());
+        return m_fileSystem.findnext(m_handle, m_entry) != -1;
+    }
+
+private:
+    IFileSystem& m_fileSystem;
+    const std::string m_front;
+    FileInfo m_entry = {};
+    long m_handle = -1;
+};
+
 /// Calls visit(path) for each entry; false, with a complaint, when `directory` cannot be listed.
 template <typename Visit>
-bool forEachEntry(const std::string& directory, const Visit& visit)
+bool forEachEntry(const std::string& directory, IFileSystem* fileSystem, const Visit& visit)
 {
-    CFileFind find;
-    if (!find.findFile(directory.c_str())) {
-        printf("[%s:%d]no such logpath\n", __FILE__, __LINE__);
+    CListing listing(chosen(fileSystem, directory), directory);
+    if (!listing.isOpen()) {
+        complain(__FILE__, __LINE__, "no such logpath\n");
         return false;
     }
     do {
-        visit(find.getFilePath());
-    } while (find.findNextFile());
+        visit(listing.path());
+    } while (listing.next());
     return true;
 }
 
-/// "_YYYY-MM-DD_", which stands between the path and the number.
-struct DatePart
+/// PATH_YYYY-MM-DD_, which the number follows.
+std::string frontOf(const std::string& path, const LogDate& date)
 {
-    explicit DatePart(const LogDate& date)
-    {
-        formatText(text, "_%04d-%02d-%02d_", date.year, date.month, date.day);
-    }
     char text[40];
-};
+    formatText(text, "_%04d-%02d-%02d_", date.year, date.month, date.day);
+    return path + text;
+}
 
 /// The number at the front of `text`; none when there is no digit or no room for a next one.
 std::optional<int> leadingNumber(std::string_view text)
@@ -63,14 +100,14 @@ std::optional<int> leadingNumber(std::string_view text)
     return digits == 0 ? std::nullopt : std::optional<int>(static_cast<int>(number));
 }
 
-/// The file changed longest ago of those it is shown; the first of several.
+/// The file proper changed longest ago of those it is shown; the first of several.
 class COldest
 {
 public:
     void look(const std::string& path)
     {
         struct stat status;
-        if (::stat(path.c_str(), &status) != 0) {
+        if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
             return;
         }
         if (m_path.empty() || isBefore(status.st_mtim, m_changed)) {
@@ -96,14 +133,15 @@ private:
 
 std::string oldLogName(const std::string& path, const LogDate& date, int number)
 {
-    return path + DatePart(date).text + std::to_string(number);
+    return frontOf(path, date) + std::to_string(number);
 }
 
-int nextLogNumber(const std::string& path, const std::string& directory, const LogDate& date)
+int nextLogNumber(const std::string& path, const std::string& directory, const LogDate& date,
+                  IFileSystem* fileSystem)
 {
-    const std::string front = path + DatePart(date).text;
+    const std::string front = frontOf(path, date);
     int next = 0;
-    forEachEntry(directory, [&](const std::string& entry) {
+    forEachEntry(directory, fileSystem, [&](const std::string& entry) {
         if (entry.compare(0, front.size(), front) != 0) {
             return;
         }
@@ -116,18 +154,19 @@ int nextLogNumber(const std::string& path, const std::string& directory, const L
     return next;
 }
 
-void limitLogFiles(const std::string& path, const std::string& directory, int32_t limit)
+void limitLogFiles(const std::string& path, const std::string& directory, int32_t limit,
+                   IFileSystem* fileSystem)
 {
     int64_t count = 0;
     COldest oldest;
-    const bool listed = forEachEntry(directory, [&](const std::string& entry) {
+    const bool listed = forEachEntry(directory, fileSystem, [&](const std::string& entry) {
         if (entry != path && entry.find(path) != std::string::npos) {
             ++count;
             oldest.look(entry);
         }
     });
     if (listed && count > limit && !oldest.path().empty()) {
-        CFile::remove(oldest.path().c_str());
+        chosen(fileSystem, oldest.path()).remove(oldest.path().c_str());
     }
 }
 

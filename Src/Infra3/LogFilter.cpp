@@ -43,20 +43,22 @@ namespace
 class CModuleSwitches
 {
 public:
-    /// Without memory for a new name nothing changes.
-    void set(const char* module, bool on)
+    /// False when there is no memory for a new name; nothing changes then.
+    bool set(const char* module, bool on)
     {
         const CGuard guard(m_mutex);
         if (Entry* const entry = find(module)) {
             entry->on.store(on, std::memory_order_relaxed);
-            return;
+            return true;
         }
         try {
             std::atomic<Entry*>& bucket = bucketOf(module);
             bucket.store(new Entry{module, on, bucket.load(std::memory_order_relaxed)},
                          std::memory_order_release);
         } catch (const std::bad_alloc&) {
+            return false;
         }
+        return true;
     }
 
     bool isOff(const char* module) const
@@ -146,24 +148,20 @@ int32_t countOf(const char* word)
 
 void printUsage(Words)
 {
+    // clang-format off
     static constexpr const char* lines[] = {
         "logfilter command usage:",
-        "logfilter -loglevel [levelnum](0-no printlevel, 1-fatal, 2-error, 3-warn, 4-info, "
-        "5-trace, 6-debug): set log level",
+        "logfilter -loglevel [levelnum](0-no printlevel, 1-fatal, 2-error, 3-warn, 4-info, 5-trace, 6-debug): set log level",
         "logfilter -logmodule [modulename] [on/off] #turn module's log on/off",
         "logfilter -logmodule [on/off] #turn ALL module's log on/off",
-        "logfilter -logpath [logpath/] #logger module's log to logpath or cancel logger(by set "
-        "path "
-        "to )",
+        "logfilter -logpath [logpath/] #logger module's log to logpath or cancel logger(by set path to )",
         "logfilter -logmodulestatistics  [on/off] #turn ALL module's logstatistics func on/off",
         "logfiter -logsize [logsize] #log file max size limited to logsize Kbytes",
-        "logfiter -logsavesetting bysize [logsize] [maxnumber]#(logsize-log will save as a new "
-        "file "
-        "if log's size reaches to logsize),(maxnumber-total log file)",
-        "logfiter -logsavesetting byday [on/off] [maxnumber] #(on-log will save as a new file if "
-        "date changes),(maxnumber-total log file)",
+        "logfiter -logsavesetting bysize [logsize] [maxnumber]#(logsize-log will save as a new file if log's size reaches to logsize),(maxnumber-total log file)",
+        "logfiter -logsavesetting byday [on/off] [maxnumber] #(on-log will save as a new file if date changes),(maxnumber-total log file)",
         "logfiter -logsavesetting none #log file save in the old way",
     };
+    // clang-format on
     for (const char* line : lines) {
         puts(line);
     }
@@ -181,15 +179,16 @@ void switchAllModules(Words words)
 
 void switchOneModule(Words words)
 {
-    moduleSwitches().set(words[1], isOn(words[2]));
-    setLogSink(&sink);
-    storePlain(Infra_openLog, OPEN_PARITAL);
+    if (moduleSwitches().set(words[1], isOn(words[2]))) {
+        setLogSink(&sink);
+        storePlain(Infra_openLog, OPEN_PARITAL);
+    }
 }
 
-template <uint8_t PrintOptions::*flag>
+template <uint8_t PrintOptions::*flag, unsigned char Infra_PrintOptions::*flagOfC>
 void setField(Words words)
 {
-    setPrintOption(flag, isOn(words[1]) ? 0 : 1);
+    setPrintOption(flag, flagOfC, isOn(words[1]) ? 0 : 1);
 }
 
 void setPath(Words words)
@@ -241,10 +240,10 @@ constexpr Command commands[] = {
     {"-loglevel", 2, INT_MAX, setLevel},
     {"-logmodule", 2, 2, switchAllModules},
     {"-logmodule", 3, INT_MAX, switchOneModule},
-    {"-logtime", 2, INT_MAX, setField<&PrintOptions::time>},
-    {"-logthread", 2, INT_MAX, setField<&PrintOptions::thread>},
-    {"-logversion", 2, INT_MAX, setField<&PrintOptions::version>},
-    {"-logfunction", 2, INT_MAX, setField<&PrintOptions::function>},
+    {"-logtime", 2, INT_MAX, setField<&PrintOptions::time, &Infra_PrintOptions::time>},
+    {"-logthread", 2, INT_MAX, setField<&PrintOptions::thread, &Infra_PrintOptions::thread>},
+    {"-logversion", 2, INT_MAX, setField<&PrintOptions::version, &Infra_PrintOptions::version>},
+    {"-logfunction", 2, INT_MAX, setField<&PrintOptions::function, &Infra_PrintOptions::function>},
     {"-logpath", 2, INT_MAX, setPath},
     {"-logsize", 2, INT_MAX, setSize},
     {"-logmodulestatistics", 2, 2, setStatistics},

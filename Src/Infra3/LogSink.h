@@ -32,8 +32,9 @@ void setLogSink(const LogSink* sink);
 /// Switches the counting of printed bytes by module on or off.
 void setLogStatistics(bool on);
 
-/// Sets one flag in both option records, and leaves the others of either alone.
-void setPrintOption(uint8_t PrintOptions::*flag, uint8_t value);
+/// Sets one flag, by its name in either, in both option records, and leaves the others alone.
+void setPrintOption(uint8_t PrintOptions::*flag, unsigned char Infra_PrintOptions::*flagOfC,
+                    uint8_t value);
 
 } // namespace Infra
 } // namespace Tarsel

@@ -137,10 +137,16 @@ void deliver(char* text, const LogOrigin& origin, bool beginsLine)
     }
 }
 
+/// C code may have said so in the one record, the other interface in the other.
+bool isForFile()
+{
+    return loadPlain(s_options.tologfile) == 0 && loadPlain(Infra_getPrintOption()->tologfile) == 0;
+}
+
 void writeToFile(const char* text, int length, const Infra_SystemTimeEx& now)
 {
     const LogSink* const sink = s_sink.load(std::memory_order_acquire);
-    if (sink != nullptr && loadPlain(s_options.tologfile) == 0) {
+    if (sink != nullptr && isForFile()) {
         sink->write(text, static_cast<size_t>(std::min(length, lineRoom - 1)), now);
     }
 }
@@ -195,6 +201,7 @@ int printedLevelOf(int level)
         return 0;
     }
     const CErrnoKeeper keeper;
+    origin.level = std::min(origin.level, int{logLevelTrace});
     origin.file = lastPathPart(origin.file);
     if (origin.revision == nullptr || loadPlain(s_options.version) != 0) {
         origin.revision = "";
@@ -302,12 +309,11 @@ void setPrintOptions(PrintOptions printOptions)
     storeBytes(Infra_getPrintOption(), &printOptions, optionFlags);
 }
 
-void setPrintOption(uint8_t PrintOptions::*flag, uint8_t value)
+void setPrintOption(uint8_t PrintOptions::*flag, unsigned char Infra_PrintOptions::*flagOfC,
+                    uint8_t value)
 {
-    uint8_t& option = s_options.*flag;
-    const ptrdiff_t place = &option - reinterpret_cast<const uint8_t*>(&s_options);
-    storePlain(option, value);
-    storePlain(reinterpret_cast<uint8_t*>(Infra_getPrintOption())[place], value);
+    storePlain(s_options.*flag, value);
+    storePlain(Infra_getPrintOption()->*flagOfC, value);
 }
 
 int getPrintOptions(PrintOptions* printOptions)

@@ -6,10 +6,10 @@
 #include <pthread.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "Infra3/AssertFront.h"
+#include "Infra3/ErrorText.h"
 #include "Infra3/LogFront.h"
 
 namespace Tarsel
@@ -78,7 +78,7 @@ bool CReadWriteMutex::reportFailure(const char* function, const char* call, int 
     if (isLevelPrinted(logLevelWarn)) {
         logFront(logLevelWarn, {__FILE__, function, __LINE__},
                  "this:%p %s called failed for errmsg:%s\n", static_cast<void*>(this), call,
-                 strerrordesc_np(code));
+                 CErrorText(code).c_str());
     }
     return false;
 }

@@ -13,6 +13,7 @@
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/Time.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/ErrorText.h"
 #include "Infra3/FutexWait.h"
 #include "Infra3/LogFront.h"
 #include "Infra3/ThreadId.h"
@@ -516,7 +517,7 @@ void CThread::sleep(int ms)
         if (error != EINTR) {
             INFRA_LOG_WARN("CThread::sleep select time:%lld, SleepTime:%d while breaking, "
                            "errormsg:%s\n",
-                           static_cast<long long>(elapsed), ms, strerrordesc_np(error));
+                           static_cast<long long>(elapsed), ms, CErrorText(error).c_str());
         }
         if (elapsed > ms) {
             return;

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "Infra/Infra3/Error.h"
@@ -20,6 +19,7 @@
 #include "Infra/Infra3/SystemCall.h"
 #include "Infra/Infra3/Time.h"
 #include "Infra/Infra3/Utc.h"
+#include "Infra3/ErrorText.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 #include "Infra3/LogFront.h"
@@ -155,7 +155,7 @@ bool setSystemClock(const CTime& time, int millisecond)
     INFRA_LOG_ERROR("CTime::setCurrentTime() failed, tv.tv_sec:%ld, tv.tv_usec:%ld, errno:%d, "
                     "errMsg:%s\n",
                     static_cast<long>(clock.tv_sec), static_cast<long>(clock.tv_usec), error,
-                    strerrordesc_np(error));
+                    CErrorText(error).c_str());
     setLastError(infraErrorModifySysTimeFailed);
     return false;
 }

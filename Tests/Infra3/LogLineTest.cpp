@@ -289,8 +289,8 @@ TEST(LogFilterTest, LevelsOutsideTheTablesPrintWithoutReadingBeyondThem)
     EXPECT_TRUE(result.succeeded());
     EXPECT_NE(result.output.find("\033[0;40m[ m f:-2147483648]x\n\033[0m\033[0;40m[ m f:-1]x\n"
                                  "\033[0m\033[0;40m[ m f:0]x\n"
-                                 "\033[0m\033[36;40m[ debug m f:7]x\n"
-                                 "\033[0m\033[36;40m[ debug m f:1000]x\n"),
+                                 "\033[0m\033[37;40m[ trace m f:7]x\n"
+                                 "\033[0m\033[37;40m[ trace m f:1000]x\n"),
               std::string::npos)
         << result.report();
 }

@@ -1,5 +1,7 @@
 // infra-log as its users run it, on lines that the library made.
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -52,6 +54,18 @@ protected:
     void write(const std::string& name, const std::string& text, bool append = false) const
     {
         std::ofstream(m_directory / name, append ? std::ios::app : std::ios::trunc) << text;
+    }
+    /// Makes the file look as if changed last at noon of that day in November 2026.
+    void setDay(const std::string& name, int day) const
+    {
+        struct tm noon = {};
+        noon.tm_year = 2026 - 1900;
+        noon.tm_mon = 10;
+        noon.tm_mday = day;
+        noon.tm_hour = 12;
+        noon.tm_isdst = -1;
+        const timespec times[2] = {{mktime(&noon), 0}, {mktime(&noon), 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (m_directory / name).c_str(), times, 0), 0);
     }
     Ran tool(const std::string& arguments, const char* errors = " 2>&1") const
     {
@@ -167,6 +181,7 @@ TEST_F(LogTool, TellsRecordsFromTheirText)
         {"a\n[warn] b\n[] c\n[", "a\n[warn] b\n[] c\n[|"},
         {"a\n[10:00:01 warn Net 5 x.cpp:2 operator[]]b\n", "a|b|"},
         {"a\n\033[32;40m[10:00:01 warn Net 5 x.cpp:2]b\n\033[0m", "a|b|"},
+        {"a\n\033[31mred\033[0m\n\033[0m\n", "a\n\033[31mred\033[0m\n\033[0m|"},
         {"a\n[10:00:01 warn ]b\n[10:00:01 ]c\n", "a|b|c|"},
         {"a\n[25:00:01 warn Net 5 x.cpp:2]b\n", "a\n[25:00:01 warn Net 5 x.cpp:2]b|"},
         {"\xff\xfe\n", "\xef\xbf\xbd\xef\xbf\xbd|"},
@@ -216,6 +231,19 @@ TEST_F(LogTool, ReadsRenamedFilesInTheOrderInWhichTheyWereWritten)
     fs::remove(m_log);
     EXPECT_EQ(messages("app.log"), "1|3\nit goes|4|");
 
+    for (const char* const bad : {"app.log_2025-12-31_1", "app.log_2026-11-22_11"}) {
+        fs::create_directory(m_directory / bad);
+    }
+    write("app.log", line(5));
+    const Ran others = tool("app.log", "");
+    EXPECT_EQ(others.code, 2);
+    EXPECT_EQ(others.output, line(1) + line(3) + "it goes\n" + line(4) + line(5));
+    EXPECT_EQ(tool("app.log app.log_2025-12-31_1", " 2>&1 >/dev/null").output,
+              "infra-log: app.log_2025-12-31_1: Is a directory\n"
+              "infra-log: app.log_2026-11-22_11: Is a directory\n");
+    EXPECT_EQ(tool("app.log_2025-12-31_1 app.log_2026-11-22_10", "").output, line(4));
+    EXPECT_EQ(tool("--no-renamed app.log").code, 0);
+
     const Ran missing = tool("nowhere.log other.log");
     EXPECT_EQ(missing.code, 2);
     EXPECT_THAT(missing.output, HasSubstr("nowhere.log: there is no such file"));
@@ -223,7 +251,9 @@ TEST_F(LogTool, ReadsRenamedFilesInTheOrderInWhichTheyWereWritten)
     EXPECT_EQ(tool("other.log", " >/dev/full 2>&1").code, 2);
     for (const char* const wrong :
          {"", "--level loud other.log", "--since yesterday other.log", "--thread x other.log", ".",
-          "-f other.log app.log", "-f -", "-f app.log_2025-12-31_0", "no/such/directory.log"}) {
+          "--since 2026-11-2310:04 other.log", "--since 2026-11-23T other.log",
+          "--until 10:04:60 other.log", "-f other.log app.log", "-f -", "-f app.log_2025-12-31_0",
+          "no/such/directory.log"}) {
         EXPECT_EQ(tool(wrong).code, 2) << wrong;
     }
 }
@@ -235,6 +265,7 @@ TEST_F(LogTool, FiltersByLevelModuleThreadAndTime)
                                   "[00:00:00 warn Net:8M 2 a.cpp:1]c\nmore\n"
                                   "[12:00:00 trace Disk 1 a.cpp:1]d\n"
                                   "[ Net 3 a.cpp:1]e\n");
+    setDay("app.log_2026-11-20_0", 21);
     const std::string log = " app.log_2026-11-20_0";
     const struct
     {
@@ -255,6 +286,10 @@ TEST_F(LogTool, FiltersByLevelModuleThreadAndTime)
     for (const auto& one : cases) {
         EXPECT_EQ(messages(one.arguments + log), one.messages) << one.arguments;
     }
+    // What an earlier run had left is named after the day on which it was found.
+    write("late.log_2026-11-20_0", line(1, "23:00:00") + line(2, "01:00:00"));
+    setDay("late.log_2026-11-20_0", 18);
+    EXPECT_EQ(records("late.log").front()["time"], "2026-11-17T23:00:00.000");
     // A file that is written now ends on the day on which it was changed last.
     write("app.log", line(1, "23:00:00") + line(2, "01:00:00"));
     struct tm parts = {};

@@ -45,11 +45,9 @@ Moment momentOf(const std::string& text)
 {
     std::string_view left = text;
     const auto date = takeDate(left);
-    if (date && !left.empty() && !takeText(left, "T")) {
-        takeText(left, " ");
-    }
-    const auto time = takeTime(left);
-    if (!left.empty() || (!date && !time)) {
+    const bool hasTime = !date || takeText(left, "T") || takeText(left, " ");
+    const auto time = hasTime ? takeTime(left, 59) : std::nullopt;
+    if (!left.empty() || (hasTime && !time)) {
         throw CFailure(text + ": not a time; it is like 2026-11-23T10:04:05 or 10:04");
     }
     return std::chrono::local_days(date.value_or(dayOf(::time(nullptr)))) +

@@ -2,8 +2,9 @@
 #define INFRA_TOOLS_LOG_LOGFILES_H
 
 // A log is the file that is written now and the files it was renamed to when it was full or the day
-// was over: LOG_2026-11-22_0, LOG_2026-11-22_1, ... LOG. The date is that of the file's first line;
-// the number counts from 0 on each date.
+// was over: LOG_2026-11-22_0, LOG_2026-11-22_1, ... LOG. The date is that of the file's first line,
+// or, of a file that an earlier run had left, the day on which it was renamed; the number counts from 0
+// on each date.
 
 #include <chrono>
 #include <string>

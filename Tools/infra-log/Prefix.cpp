@@ -266,7 +266,7 @@ std::optional<std::chrono::year_month_day> takeDate(string_view& text)
     return date;
 }
 
-std::optional<std::chrono::milliseconds> takeTime(string_view& text)
+std::optional<std::chrono::milliseconds> takeTime(string_view& text, int lastSecond)
 {
     string_view left = text;
     int hour = 0;
@@ -282,7 +282,7 @@ std::optional<std::chrono::milliseconds> takeTime(string_view& text)
     if (takeText(left, ".") && !takeDigits(left, 3, millisecond)) {
         return std::nullopt;
     }
-    if (hour > 23 || minute > 59 || second > 60) {
+    if (hour > 23 || minute > 59 || second > lastSecond) {
         return std::nullopt;
     }
     text = left;

@@ -46,8 +46,8 @@ std::optional<Prefix> readPrefix(std::string_view text);
 
 /// "2026-11-23" at the front of `text`, which goes on behind it then.
 std::optional<std::chrono::year_month_day> takeDate(std::string_view& text);
-/// "10:04", "10:04:05" or "10:04:05.123" likewise.
-std::optional<std::chrono::milliseconds> takeTime(std::string_view& text);
+/// "10:04", "10:04:05" or "10:04:05.123" likewise. A log may show a leap second, number 60.
+std::optional<std::chrono::milliseconds> takeTime(std::string_view& text, int lastSecond = 60);
 /// `number` is what stands at the front of `text` in digits, all of them.
 bool takeNumber(std::string_view& text, long long& number);
 bool takeText(std::string_view& text, std::string_view expected);

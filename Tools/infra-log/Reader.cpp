@@ -117,10 +117,11 @@ void CInput::beginAgain()
 
 // CReader ----------------------------------------------------------------------------------------
 
-CReader::CReader(Log log, bool withRenamed, CRecords& records)
+CReader::CReader(Log log, bool withRenamed, CRecords& records, Complain complain)
     : m_log(std::move(log)),
       m_withRenamed(withRenamed && m_log.isNamed && m_log.path != "-"),
-      m_records(records)
+      m_records(records),
+      m_complain(std::move(complain))
 {}
 
 void CReader::readAll()
@@ -165,7 +166,7 @@ bool CReader::goToNewest()
     CInput newest(m_log.path);
     const std::optional<Rotation> before = m_known;
     if (m_log.path != "-") {
-        readRenamedBefore(newest);
+        trying([&] { readRenamedBefore(newest); });
     }
     if (!newest.isOpen()) {
         return m_known != before;
@@ -185,12 +186,13 @@ void CReader::readRenamedBefore(const CInput& newest)
         if (m_known && !(*m_known < file.rotation)) {
             continue;
         }
-        CInput input(file.path);
-        if (newest.isSameFile(input.state())) {
+        struct stat status = {};
+        const bool isThere = stat(file.path.c_str(), &status) == 0;
+        if (isThere && newest.isSameFile(status)) {
             return; // it and what comes after it are still to be read
         }
-        if (!leavesOut && !m_input.isSameFile(input.state())) {
-            readWhole(file, input);
+        if (isThere && !leavesOut && !m_input.isSameFile(status)) {
+            trying([&] { readWhole(file); });
         }
         m_known = file.rotation;
     }
@@ -199,19 +201,31 @@ void CReader::readRenamedBefore(const CInput& newest)
 void CReader::readNamed()
 {
     for (const LogFile& file : m_log.renamed) {
-        CInput input(file.path);
-        if (!input.isOpen()) {
-            throw CFailure(file.path + ": there is no such file");
-        }
-        readWhole(file, input);
+        trying([&] {
+            if (access(file.path.c_str(), F_OK) != 0) {
+                throw CFailure(file.path + ": there is no such file");
+            }
+            readWhole(file);
+        });
     }
 }
 
-/// A file that was removed since it was listed is left out.
-void CReader::readWhole(const LogFile& file, CInput& input)
+/// A file that was removed since it was listed is left out. One that an earlier run had left was named
+/// after the day on which it was found, so its lines may be older than its name.
+void CReader::readWhole(const LogFile& file)
 {
+    CInput input(file.path);
     if (input.isOpen()) {
-        m_records.startFile(file.rotation.date);
+        m_records.startFile(std::min(file.rotation.date, firstDayOf(input)));
         input.readTo(m_records);
+    }
+}
+
+void CReader::trying(const std::function<void()>& step)
+{
+    try {
+        step();
+    } catch (const CFailure& failure) {
+        m_complain(failure);
     }
 }

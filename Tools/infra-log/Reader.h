@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 
+#include "Common/Failure.h"
 #include "LogFiles.h"
 #include "Record.h"
 
@@ -51,8 +52,11 @@ private:
 class CReader
 {
 public:
+    /// Told why one of the files cannot be read; the others are.
+    typedef std::function<void(const CFailure&)> Complain;
+
     /// With `withRenamed` all renamed files belong to a log that was named, else those that were.
-    CReader(Log log, bool withRenamed, CRecords& records);
+    CReader(Log log, bool withRenamed, CRecords& records, Complain complain);
 
     /// Up to where the log ends now. Throws CFailure.
     void readAll();
@@ -63,12 +67,14 @@ private:
     bool goToNewest();
     void readRenamedBefore(const CInput& newest);
     void readNamed();
-    void readWhole(const LogFile& file, CInput& input);
+    void readWhole(const LogFile& file);
+    void trying(const std::function<void()>& step);
     bool hasMoved() const;
 
     Log m_log;
     bool m_withRenamed;
     CRecords& m_records;
+    Complain m_complain;
     CInput m_input;                  // the file that is written now, as far as is known
     std::optional<Rotation> m_known; // the last renamed file that is read or left out
 };

@@ -11,8 +11,7 @@ constexpr size_t cutLength = 8190;                // of a record that was too lo
 constexpr size_t longestRecord = size_t{1} << 20; // what is longer is given out in parts
 constexpr std::chrono::hours halfDay(12);
 
-/// The colours of what was printed to a terminal. A log file has none.
-std::string_view withoutColours(std::string_view line)
+std::string_view behindColours(std::string_view line)
 {
     while (line.starts_with("\033[")) {
         const size_t end = line.find_first_not_of("0123456789;", 2);
@@ -22,6 +21,14 @@ std::string_view withoutColours(std::string_view line)
         line.remove_prefix(end + 1);
     }
     return line;
+}
+
+/// What was printed to a terminal has colours before a prefix and, behind the last line, their reset.
+/// Those in front of other lines are a message's own.
+std::string_view withoutColours(std::string_view line)
+{
+    const std::string_view behind = behindColours(line);
+    return behind.empty() || readPrefix(behind) ? behind : line;
 }
 
 } // namespace

@@ -68,6 +68,11 @@ Wanted wantedBy(const CommandLine& line)
     return wanted;
 }
 
+void complain(const CFailure& failure)
+{
+    fprintf(stderr, "infra-log: %s\n", failure.what());
+}
+
 void writeOut()
 {
     if (fflush(stdout) != 0 || ferror(stdout) != 0) {
@@ -81,7 +86,7 @@ void writeOut()
     if (logs.size() != 1 || !logs[0].isNamed || logs[0].path == "-") {
         throw CFailure("--follow is for one log, by the path of the file that is written now");
     }
-    CReader(logs[0], !line.withoutRenamed, records)
+    CReader(logs[0], !line.withoutRenamed, records, complain)
         .follow(std::chrono::milliseconds(static_cast<int64_t>(line.intervalSeconds * 1000)),
                 writeOut);
 }
@@ -90,12 +95,15 @@ void writeOut()
 int readAll(const CommandLine& line, CRecords& records)
 {
     int code = exitSound;
+    const auto note = [&code](const CFailure& failure) {
+        complain(failure);
+        code = exitTrouble;
+    };
     for (const Log& log : logsOf(line.paths)) {
         try {
-            CReader(log, !line.withoutRenamed, records).readAll();
+            CReader(log, !line.withoutRenamed, records, note).readAll();
         } catch (const CFailure& failure) {
-            fprintf(stderr, "infra-log: %s\n", failure.what());
-            code = exitTrouble;
+            note(failure);
         }
         records.flush(true);
     }

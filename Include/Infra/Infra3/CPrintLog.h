@@ -74,7 +74,12 @@ extern "C"
     /** 1 when the last text printed ended its line, so that the next one gets a prefix; else 0. */
     extern INFRA_API int Infra_returned;
 
-    /** The process's options, never null. Changes show from the next line on. */
+    /**
+     * The process's options, never null. Changes show from the next line on, in the lines of the C++
+     * interface too. That keeps a record of its own, which changes here do not reach: setPrintOptions()
+     * and setLogFilter() write both, getPrintOptions() reads its own. What either has in `version`
+     * hides the revision of C++ lines, and what either has in `tologfile` keeps them from the file.
+     */
     INFRA_API Infra_PrintOptions* Infra_getPrintOption(void);
 
     /** Index just behind the last '/' of `file`; -1 when there is none or nothing follows it. */
@@ -112,7 +117,7 @@ extern "C"
      * Logs to standard output alone: no printer, print procedure, log file, statistics or module
      * switch takes part.
      * @return length of the whole line, also where it had to be cut at 8190 characters; 0 when the
-     *         level is off
+     *         level is off, or all is by CLOSE_LOG
      */
     INFRA_API INFRA_PRINTF_FORMAT(7, 8) int Infra_logFilter(int level, const char* module,
                                                             const char* file, const char* func,

@@ -43,9 +43,11 @@ class INFRA_API IFileSystem
 public:
     virtual ~IFileSystem();
 
-    /// A new stream, null on failure. `mode` is one of "rb", "wb", "ab", "rb+", "wb+" and "ab+",
-    /// followed by 'e' when a program started later must not inherit it and by 'd' when the
-    /// system's cache is to be passed by.
+    /// A new stream, null on failure. Handles may be anything, but one that is not null, a number
+    /// below 4096 or the system's own FILE* has to point to memory that can be read, because
+    /// CFile::writev() and setvbuf() look whether there is a FILE* behind it. `mode` is one of "rb",
+    /// "wb", "ab", "rb+", "wb+" and "ab+", followed by 'e' when a program started later must not
+    /// inherit it and by 'd' when the system's cache is to be passed by.
     virtual FileHandle fopen(const char* path, const char* mode) = 0;
     virtual int fclose(FileHandle file) = 0;
     /// @return elements read, less than `n` at the end of the file
@@ -80,7 +82,7 @@ public:
     virtual int stat(const char* path, FileInfo& info) = 0;
 
     /// Writes to a descriptor, which is that of the stream if the handles of this file system are
-    /// the system's own FILE*, else -1. The base version returns 0.
+    /// the system's own FILE*, else -1; see fopen(). The base version returns 0.
     virtual size_t writev(int fildes, const io_vec* iov, int iovcnt);
     /// The base version returns -1, which leaves CLfsFile without positions.
     virtual int fseek64(FileHandle file, int64_t offset, int whence);
@@ -108,14 +110,17 @@ struct LfsFileInternal;
 ///
 /// Behaviour: a new object is closed. On the system's own files a stream has a buffer of 16 KB, is
 /// unbuffered with osNoBuffer, and reads on when the file has grown since its end was met. Reading
-/// and writing may alternate if a seek() or flush() stands between them.
+/// and writing may alternate if a seek() or flush() stands between them; a hook sees no call for a
+/// seek() to where the file stands.
 /// The position is what the file system said last, or what was counted since. A file opened to
-/// append stands at 0 until its first write. Lengths and positions beyond 4 GiB lose their upper
-/// half.
+/// append stands at 0 until its first write(), flush() or seek(); puts() and writev() count on from
+/// there. What is told of lengths and positions beyond 4 GiB lacks its upper half; reading and
+/// writing happen at the right place.
 /// A closed file answers -1 (read, write, writev), 0 (seek, getPosition, getLength, puts), null
 /// (gets), or not at all. What fails in between is logged where said; nothing sets the last error.
 /// Data that the disk has no room for may be noticed by flush() and close() only, which report
-/// nothing: write() a file that matters, flush(), and compare stat() with what was written.
+/// nothing, and a write() that comes short may have lost bytes that were taken before: write() a
+/// file that matters, flush(), and compare stat() with what was written.
 /// Threads: one thread at a time.
 ///
 ///     CFile file;
@@ -148,7 +153,7 @@ public:
         osRandomAccess = 262144,
         osSequentialScan = 524288
     };
-    /// FileInfo::attrib of a listing. Linux files have `directory` and `readOnly` only.
+    /// FileInfo::attrib of a listing. The system's files have `directory` and `readOnly` only.
     enum Attribute : uint16_t
     {
         normal = 0,
@@ -206,13 +211,15 @@ public:
     /// @return the new position; 0 when the file system refuses, as it does one before the start
     virtual size_t seek(long lOff, SeekPosition nFrom);
     virtual size_t getPosition();
-    /// The length when the file was opened, or the furthest position since; asked for by a seek to
-    /// the end and back while that is 0.
+    /// The length when the file was opened, or the furthest position behind a write or flush() since;
+    /// what is read or gone to past that does not count. Asked for by a seek to the end and back while
+    /// that is 0.
     virtual size_t getLength();
-    /// Reads up to and with the next line end, `size` - 1 bytes at most, and terminates.
+    /// Reads up to and with the next line end, `size` - 1 bytes at most, and terminates. A size of
+    /// 2^31 or more counts as 2^31 - 1.
     /// @return `s`; null at the end of the file
     virtual char* gets(char* s, size_t size);
-    /// Writes a text without its terminator. @return negative on failure
+    /// Writes a text without its terminator. @return negative on failure, for null too
     virtual long puts(const char* s);
     virtual bool isOpen();
     /// Writes to the file's descriptor at once, past what is still in the buffer of the stream, so
@@ -235,11 +242,12 @@ public:
     static bool remove(const char* pFileName);
     static bool makeDirectory(const char* dirName);
     static bool removeDirectory(const char* dirName);
-    /// Bytes of the file system that holds `path`; all 0 on failure.
+    /// Bytes of the file system that holds `path`. On failure the system sets all to 0; a hook does
+    /// as it likes.
     static bool statFS(const char* path, uint64_t& userFreeBytes, uint64_t& totalBytes,
                        uint64_t& totalFreeBytes);
     static bool access(const char* path, int mode);
-    /// Leaves `info` alone on failure.
+    /// On failure the system leaves `info` alone.
     static bool stat(const char* path, FileInfo& info);
 
     /// Makes a directory and those above it that are missing. False when the last one cannot be
@@ -247,11 +255,14 @@ public:
     static bool makeDirectoryRecursively(const char* dirPath);
     /// Removes everything in a directory, and the directory itself with `rmOriginalDir`.
     ///
-    /// Of links the link is removed, never what it points to. So a `dirPath` that is itself a link
-    /// to a directory is only removed; with a '/' behind it, it is the directory. Entries that
-    /// cannot be removed are passed over. `dirPath` may end in '/' or in "/*".
+    /// Of links in it the link is removed, never what it points to. A `dirPath` that is itself a link
+    /// to a directory is removed with `rmOriginalDir`; without, and with '/' or "/*" behind it, the
+    /// directory it leads to is emptied, and the link stays. What is mounted in it is emptied too.
+    /// `dirPath` may end in '/' or in "/*". Entries that cannot be
+    /// removed are passed over; a directory in it that cannot be listed stays, and is logged.
     /// @return with `rmOriginalDir` whether the directory is gone, else true; false and logged when
-    ///         it cannot be listed, or has more than 1021 characters
+    ///         it cannot be listed, or is longer than 1021 characters without, 1022 with '/' and 1023
+    ///         with "/*" behind it
     static bool removeDirectoryRecursively(const char* dirPath, bool rmOriginalDir);
 
 private:
@@ -264,8 +275,8 @@ private:
 /// CFile with lengths and positions of 64 bits. Where nothing else is said, members are those of
 /// CFile.
 ///
-/// Behaviour: read() and write() go on until all is done or the file system has no more; the latter
-/// is logged, at the end of a file too.
+/// Behaviour: read() and write() go on until all is done or a call of the file system moves nothing;
+/// only that is logged, at the end of a file too.
 /// Threads: one thread at a time.
 class INFRA_API CLfsFile
 {

@@ -17,8 +17,9 @@ struct FileFindInternal;
 /// Lists the entries of a directory one by one, through the file system of its path.
 ///
 /// Behaviour: entries come as the directory yields them, unsorted, "." and ".." among them; nothing
-/// is matched. Before the first findFile() the current entry is empty; at the end of a listing, and
-/// after close(), it is the last one. A link counts as what it points to. An entry whose status
+/// is matched. Before the first findFile() the current entry is empty; after close() it stays. At the
+/// end of a listing its size and attributes are still the last one's, but its name is what names are
+/// put behind ("dir/"). A link counts as what it points to. An entry whose status
 /// cannot be had, such as a link to nothing, ends the listing with an error line, and one whose name
 /// has more than 236 bytes is left out; both are so on the system's own directories.
 /// Threads: one thread at a time; separate finders are independent.
@@ -52,6 +53,7 @@ public:
     /// The owner may not write.
     virtual bool isReadOnly();
     virtual bool isDirectory();
+    /// Never of the system's files, whatever their names begin with.
     virtual bool isHidden();
     /// True for what has no attribute: files that the owner may write.
     virtual bool isNormal();

@@ -76,7 +76,8 @@ struct LogModuleInfo
 /// kilobyte needs 8 KB of stack on top.
 /// Threads: safe from any thread; each text reaches standard output in one piece, so that whole
 /// lines never mix. `errno` is left as it was.
-/// @param level       1 to 6; above, as 6; below, without level word and colour
+/// @param level       1 to 6, where 6 counts as 5; above, looks like 5; below, has no level word and
+///                    colour
 /// @param module      the library that speaks, "Infra" for this one
 /// @param file        only the part behind the last '/' is printed
 /// @param svnversion  revision of the caller's build; null is ""
@@ -106,7 +107,8 @@ INFRA_API INFRA_PRINTF_FORMAT(3, 4) int logLibName(int nLevel, const char* libNa
 INFRA_API void setPrintLogLevel(int level);
 INFRA_API int getPrintLogLevel();
 
-/// Sets all options at once, for the C interface as well.
+/// Sets all options at once, for the C interface as well. What C code sets (CPrintLog.h) is not seen
+/// by getPrintOptions(); it is heeded all the same.
 INFRA_API void setPrintOptions(PrintOptions printOptions);
 /// Copies the options to `*printOptions` (null: nothing happens) and returns 0.
 INFRA_API int getPrintOptions(PrintOptions* printOptions);
@@ -132,8 +134,10 @@ INFRA_API std::map<std::string, LogModuleInfo> getLogStatistics();
 /// | `-logsavesetting byday on/off M` | the same for one that was opened on another day |
 /// | `-logmodulestatistics on/off` | counts for getLogStatistics() |
 ///
-/// Old files are named PATH_YYYY-MM-DD_N, by the date of their opening. What goes wrong with the file
-/// is printed, and the line is missing from the file only.
+/// Old files are named PATH_YYYY-MM-DD_N, by the date of their opening; one that an earlier run left,
+/// by the day on which it was found. How full the file is stays counted when another path is given:
+/// its file may be renamed, or in the old way emptied, early. What goes wrong with the file is printed,
+/// and the line is missing from the file only.
 /// Threads: safe from any thread, while others log.
 INFRA_API void setLogFilter(int argc, char** argv);
 
