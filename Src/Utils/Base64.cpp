@@ -1,13 +1,10 @@
 // Base64.cpp: Base64 by table, around what vectors can do (Base64_AVX2_x86_64.cpp).
 //
-// A text to decode ends at its first character that is not of the alphabet, often NUL, and nothing
-// behind that may be read. The first characters are taken one group at a time, which is all that
-// most texts need. Then strnlen() says, a stretch at a time, how much can be read; a text of any
-// length is looked through once, however much follows its end.
+// A text to decode ends at its first character that is not of the alphabet, often NUL, and what lies
+// behind that may not be readable. The first characters are taken one group at a time, which is all
+// that most texts need; vectors go on from there, and the table has what they leave.
 
 #include "Utils/Base64.h"
-
-#include <cstring>
 
 #include "Infra3/CpuFeatures.h"
 #include "Utils/Base64Alg.h"
@@ -21,21 +18,6 @@ namespace Base64
 namespace
 {
 
-size_t encodeNothing(char*, const char*, size_t)
-{
-    return 0;
-}
-
-size_t decodeNothing(char*, const char*, size_t)
-{
-    return 0;
-}
-
-size_t countNothing(const char*, size_t)
-{
-    return 0;
-}
-
 const Base64Engine& chooseEngine()
 {
     using Infra::CpuFeature;
@@ -46,8 +28,6 @@ const Base64Engine& chooseEngine()
     return *Infra::chooseImplementation(engines);
 }
 
-/// How far strnlen() looks at once: little beside what the text so far has cost.
-constexpr size_t stretch = 4096;
 /// Up to here a text is decoded by table.
 constexpr size_t shortText = 32;
 
@@ -104,27 +84,7 @@ size_t decodeLast(char* out, const char* in)
     return count > 1 ? count - 1 : 0;
 }
 
-/// What vectors take of a text, stretch by stretch; returns the characters.
-size_t decodeStretches(char* out, const char* in)
-{
-    const Base64Engine& engine = chooseEngine();
-    size_t done = 0;
-    for (size_t taken = 1; taken != 0; done += taken) {
-        taken = engine.decode(out + done / 4 * 3, in + done, strnlen(in + done, stretch));
-    }
-    return done;
-}
-
-size_t countStretches(const char* in)
-{
-    const Base64Engine& engine = chooseEngine();
-    size_t done = 0;
-    for (size_t taken = 1; taken != 0; done += taken) {
-        taken = engine.count(in + done, strnlen(in + done, stretch));
-    }
-    return done;
-}
-
+/// Up to `limit`.
 size_t countCharacters(const char* in, size_t limit)
 {
     size_t count = 0;
@@ -137,12 +97,8 @@ size_t countCharacters(const char* in, size_t limit)
 /// How many characters of the alphabet `text` begins with.
 size_t countAlphabet(const char* text)
 {
-    size_t count = countCharacters(text, shortText);
-    if (count == shortText) {
-        count += countStretches(text + count);
-        count += countCharacters(text + count, SIZE_MAX);
-    }
-    return count;
+    const size_t count = countCharacters(text, shortText);
+    return count < shortText ? count : count + chooseEngine().count(text + count);
 }
 
 /// One group for three bytes.
@@ -153,6 +109,17 @@ void encodeGroup(char* out, const uint8_t* in)
     out[1] = basis_64[bits >> 12 & 63];
     out[2] = basis_64[bits >> 6 & 63];
     out[3] = basis_64[bits & 63];
+}
+
+/// The whole groups of `size` bytes; returns their bytes.
+size_t encodeGroups(char* out, const char* in, size_t size)
+{
+    const uint8_t* const bytes = reinterpret_cast<const uint8_t*>(in);
+    size_t done = 0;
+    for (; size - done >= 3; done += 3, out += 4) {
+        encodeGroup(out, bytes + done);
+    }
+    return done;
 }
 
 /// The group for the last one or two bytes.
@@ -166,7 +133,11 @@ void encodeLast(char* out, const uint8_t* in, size_t size)
 
 } // namespace
 
-constinit const Base64Engine tableEngine = {encodeNothing, decodeNothing, countNothing};
+constinit const Base64Engine tableEngine = {
+    encodeGroups,
+    [](char* out, const char* in) { return decodeGroups(out, in, SIZE_MAX); },
+    [](const char* in) { return countCharacters(in, SIZE_MAX); },
+};
 
 } // namespace Base64
 
@@ -177,7 +148,7 @@ size_t base64EncodeLenEx(size_t len)
 
 int base64EncodeLen(int len)
 {
-    return static_cast<int>((static_cast<unsigned>(len) + 2) / 3 * 4 + 1);
+    return static_cast<int>((int64_t{len} + 2) / 3 * 4 + 1);
 }
 
 size_t base64EncodeEx(char* coded_dst, const char* plain_src, size_t len_plain_src)
@@ -191,12 +162,10 @@ size_t base64EncodeEx(char* coded_dst, const char* plain_src, size_t len_plain_s
         out += taken / 3 * 4;
         rest -= taken;
     }
-    const uint8_t* in = reinterpret_cast<const uint8_t*>(plain_src);
-    for (; rest >= 3; rest -= 3, in += 3, out += 4) {
-        Base64::encodeGroup(out, in);
-    }
-    if (rest != 0) {
-        Base64::encodeLast(out, in, rest);
+    const size_t whole = Base64::encodeGroups(out, plain_src, rest);
+    out += whole / 3 * 4;
+    if (rest != whole) {
+        Base64::encodeLast(out, reinterpret_cast<const uint8_t*>(plain_src) + whole, rest - whole);
         out += 4;
     }
     *out++ = '\0';
@@ -226,7 +195,7 @@ size_t base64DecodeEx(char* plain_dst, const char* coded_src)
 {
     size_t done = Base64::decodeGroups(plain_dst, coded_src, Base64::shortText);
     if (done == Base64::shortText) {
-        done += Base64::decodeStretches(plain_dst + done / 4 * 3, coded_src + done);
+        done += Base64::chooseEngine().decode(plain_dst + done / 4 * 3, coded_src + done);
         done += Base64::decodeGroups(plain_dst + done / 4 * 3, coded_src + done, SIZE_MAX);
     }
     char* const last = plain_dst + done / 4 * 3;

@@ -1,8 +1,8 @@
 #ifndef INFRA_SRC_UTILS_BASE64ALG_H
 #define INFRA_SRC_UTILS_BASE64ALG_H
 
-// Base64 below the public functions: what vectors can do of a text. The rest, and everything where
-// there are none, is done by table.
+// Base64 below the public functions: by vectors, and by table where there are none. What an engine
+// leaves of a text, which is less than what it takes at once, is done by table too.
 
 #include <array>
 #include <cstddef>
@@ -32,13 +32,13 @@ inline constexpr std::array<uint8_t, 256> pr2six = [] {
 
 /// Encodes from the front what it can of `size` bytes, a multiple of 3, and returns how many.
 using EncodeRun = size_t(char* out, const char* in, size_t size);
-/// Decodes from the front what it can of `size` readable characters, a multiple of 4, up to the
-/// first that is not of the alphabet, and returns how many. Writes 3 bytes for each 4, no more;
-/// `out` may be `in`.
-using DecodeRun = size_t(char* out, const char* in, size_t size);
-/// The same without writing.
-using CountRun = size_t(const char* in, size_t size);
+/// Decodes from the front what it can of the characters before the first foreign one, a multiple of
+/// 4, and returns how many. Writes 3 bytes for each 4, no more; `out` may be `in`.
+using DecodeRun = size_t(char* out, const char* in);
+/// How many characters of the alphabet `in` begins with.
+using CountRun = size_t(const char* in);
 
+/// No page behind the one of the first foreign character is touched.
 struct Base64Engine
 {
     EncodeRun* encode;

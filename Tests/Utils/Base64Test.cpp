@@ -93,6 +93,14 @@ TEST(Base64Test, SaysHowMuchRoomItTakes)
             << c.coded;
         EXPECT_EQ(plain[c.bytes], 0) << c.coded;
     }
+    const struct
+    {
+        int plain;
+        int coded;
+    } negativeCases[] = {{-1, 1}, {-2, 1}, {-3, 1}, {-4, 1}, {-5, -3}, {-100, -127}};
+    for (const auto& c : negativeCases) {
+        EXPECT_EQ(base64EncodeLen(c.plain), c.coded) << c.plain;
+    }
     char untouched = '#';
     for (const int length : {0, -1, INT_MIN}) {
         EXPECT_EQ(base64Encode(&untouched, "abc", length), 0);
@@ -130,10 +138,12 @@ TEST(Base64Test, AgreesWithOpensslBothWaysAndTouchesNothingAround)
     });
 }
 
+/// Nothing behind it is there.
 TEST(Base64Test, EveryOtherByteEndsTheTextWhereverItStands)
 {
     CRandom random;
-    const size_t size = 150;
+    const size_t size = 300;
+    const CGuardedBytes in(size);
     onEachCpuLevel([&] {
         for (int stop = 0; stop < 256; ++stop) {
             const bool stops = alphabet.find(static_cast<char>(stop)) == std::string::npos;
@@ -142,14 +152,15 @@ TEST(Base64Test, EveryOtherByteEndsTheTextWhereverItStands)
                 for (size_t i = 0; i < size; ++i) {
                     text += alphabet[random.below(64)];
                 }
+                text += '\0'; // where `stop` is none
                 text[at] = static_cast<char>(stop);
                 const size_t n = stops ? at : size;
                 const size_t bytes = n / 4 * 3 + (n % 4 == 0 ? 0 : n % 4 - 1);
-                ASSERT_EQ(base64DecodeLenEx(text.c_str()), (n + 3) / 4 * 3 + 1)
-                    << stop << " " << at;
+                const uint8_t* const coded = in.putLast(text.substr(0, n + 1));
+                const char* const source = reinterpret_cast<const char*>(coded);
+                ASSERT_EQ(base64DecodeLenEx(source), (n + 3) / 4 * 3 + 1) << stop << " " << at;
                 Bytes plain(size);
-                ASSERT_EQ(base64DecodeEx(reinterpret_cast<char*>(plain.data()), text.c_str()),
-                          bytes);
+                ASSERT_EQ(base64DecodeEx(reinterpret_cast<char*>(plain.data()), source), bytes);
                 const std::string again = openssl(part(plain, 0, n / 4 * 3));
                 ASSERT_EQ(again, text.substr(0, n / 4 * 4)) << stop << " " << at;
             }
