@@ -24,37 +24,34 @@ using DES::Direction;
 /// `func`, with `key` and `key_length`, says which cipher it is.
 struct TripleDesInternal
 {
-    uint8_t key[24];     ///< zeros where the key that was given ends
-    size_t key_length;   ///< at most 24
-    uint8_t iv[16];      ///< one block; zeros when none was given
-    bool cbc;            ///< an IV was given
-    des_func* func;      ///< null for a block type that there is not
-    DES::Schedules keys; ///< of `key`
+    uint8_t key[24];      ///< zeros where the key that was given ends
+    size_t key_length;    ///< at most 24
+    uint8_t iv[16];       ///< one block; zeros when none was given
+    bool cbc;             ///< an IV was given
+    const des_func* func; ///< null for a block type that there is not
+    DES::Schedules keys;  ///< of `key`
 };
 
 namespace
 {
 
-constexpr size_t largestBlock = 16;
-
-des_func* blockFunction(size_t keyLength, CTripleDes::BlockType block)
+const des_func* blockFunction(size_t keyLength, CTripleDes::BlockType block)
 {
     if (keyLength <= 8) {
-        return DES::singleDes;
+        return &DES::singleDes;
     }
     switch (block) {
     case CTripleDes::block8:
-        return DES::tripleDes;
+        return &DES::tripleDes;
     case CTripleDes::block16:
-        return DES::doubleBlockTripleDes;
+        return &DES::doubleBlockTripleDes;
     }
     return nullptr;
 }
 
-size_t blockSizeOf(des_func* func)
+size_t blockSizeOf(const des_func* func)
 {
-    const bool isDouble = func == DES::doubleBlockTripleDes;
-    const size_t block_size = isDouble ? 16 : func != nullptr ? 8 : 0;
+    const size_t block_size = func != nullptr ? func->blockSize : 0;
     INFRA_ASSERT(block_size > 0);
     return block_size;
 }
@@ -72,58 +69,8 @@ void makeSchedules(TripleDesInternal& cipher)
     }
 }
 
-/// `size` is a multiple of 8.
-void xorBytes(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t size)
-{
-    for (size_t i = 0; i < size; i += 8) {
-        uint64_t x = 0;
-        uint64_t y = 0;
-        memcpy(&x, a + i, sizeof(x));
-        memcpy(&y, b + i, sizeof(y));
-        x ^= y;
-        memcpy(out + i, &x, sizeof(x));
-    }
-}
-
-void encryptChain(const TripleDesInternal& cipher, size_t block, size_t blocks, const uint8_t* in,
-                  uint8_t* out)
-{
-    if (block == 8) {
-        const bool isSingle = cipher.func == DES::singleDes;
-        DES::des_chain* const chain = isSingle ? DES::singleDesChain : DES::tripleDesChain;
-        return chain(cipher.keys, cipher.iv, blocks, in, out);
-    }
-    const uint8_t* before = cipher.iv;
-    for (; blocks != 0; --blocks, in += block, out += block) {
-        xorBytes(out, in, before, block);
-        cipher.func(cipher.keys, Direction::encrypt, 1, out, out);
-        before = out;
-    }
-}
-
-/// Several blocks at a time, because they do not wait for each other. Their ciphertext is kept
-/// aside: `out` may be `in`.
-void decryptChain(const TripleDesInternal& cipher, size_t block, size_t blocks, const uint8_t* in,
-                  uint8_t* out)
-{
-    constexpr size_t together = 4096;
-    uint8_t chain[largestBlock + together]; // the block before, then these
-    memcpy(chain, cipher.iv, block);
-    while (blocks != 0) {
-        const size_t count = std::min(blocks, together / block);
-        const size_t size = count * block;
-        memcpy(chain + block, in, size);
-        cipher.func(cipher.keys, Direction::decrypt, count, in, out);
-        xorBytes(out, out, chain, size);
-        memmove(chain, chain + size, block);
-        blocks -= count;
-        in += size;
-        out += size;
-    }
-}
-
 /// `size` is a multiple of the block.
-void en_de_crypt(const TripleDesInternal& cipher, Direction direction, size_t block, size_t size,
+void en_de_crypt(const TripleDesInternal& cipher, Direction direction, size_t size,
                  const uint8_t* src, uint8_t* dst)
 {
     if (src == nullptr) {
@@ -134,12 +81,14 @@ void en_de_crypt(const TripleDesInternal& cipher, Direction direction, size_t bl
         INFRA_LOG_ERROR("en_de_crypt(): dst is NULL!!\n");
         return;
     }
+    const des_func& func = *cipher.func;
+    const size_t blocks = size / func.blockSize;
     if (!cipher.cbc) {
-        cipher.func(cipher.keys, direction, size / block, src, dst);
+        func.crypt(cipher.keys, direction, blocks, src, dst);
     } else if (direction == Direction::encrypt) {
-        encryptChain(cipher, block, size / block, src, dst);
+        func.encryptChain(cipher.keys, cipher.iv, blocks, src, dst);
     } else {
-        decryptChain(cipher, block, size / block, src, dst);
+        func.decryptChain(cipher.keys, cipher.iv, blocks, src, dst);
     }
 }
 
@@ -159,7 +108,7 @@ bool crypt(const CTripleDes* object, const TripleDesInternal& cipher, Direction 
                         static_cast<const void*>(object),
                         direction == Direction::encrypt ? "the" : "th", size, real_size);
     }
-    en_de_crypt(cipher, direction, block, real_size, src, dst);
+    en_de_crypt(cipher, direction, real_size, src, dst);
     return real_size == size;
 }
 

@@ -6,6 +6,10 @@
 // instructions for any function of three bits, where there are such). Nothing is looked up and
 // nothing branches by key or data.
 //
+// A batch stays in one array from loading to storing, 2 or 4 KB: it has to fit on a small thread's
+// stack. What is read there as row `r` of the matrix of blocks and bits lies where the initial
+// permutation wants bit `r`, so that this permutation takes no time either.
+//
 // Two sources include this, each compiled for its processor: everything here is their own (unnamed
 // namespace), and nothing of the standard library's templates is used, so that no other source can
 // end up with code for a processor that is not there.
@@ -126,57 +130,127 @@ void runPass(Bits* left, Bits* right, const Schedule& key, bool forwards)
     }
 }
 
-/// Exchanges rows and columns of the matrices of 64 by 64 bits that stand in each lane.
-void transpose(Bits* rows)
-{
-    uint64_t mask = 0x00000000FFFFFFFF;
-    for (int width = 32; width != 0; width >>= 1, mask ^= mask << width) {
-        for (int row = 0; row < 64; row = (row + width + 1) & ~width) {
-            const Bits different = ((rows[row] >> width) ^ rows[row + width]) & allOf(mask);
-            rows[row + width] ^= different;
-            rows[row] ^= different << width;
-        }
-    }
-}
-
 /// Which bit of a block, read as a little-endian number, the standard counts as `number`.
 constexpr int littleEndian(int number)
 {
     return (number - 1) / 8 * 8 + 7 - (number - 1) % 8;
 }
 
-/// The blocks of `rows`. The final permutation of a pass and the initial one of the next undo each
-/// other, but for the exchange of the halves.
-void cryptBatch(const Schedules& keys, bool forwards, int passes, Bits* rows)
+struct Places
 {
-    Bits halves[2][32];
-    transpose(rows);
-    for (int i = 0; i < 64; ++i) {
-        halves[i / 32][i % 32] = rows[littleEndian(initialPermutation[i])];
+    uint8_t of[64];
+};
+
+/// Where the initial permutation puts the rows: 32 of the left half, 32 of the right one.
+constexpr Places permuted = [] {
+    Places places = {};
+    for (uint8_t i = 0; i < 64; ++i) {
+        places.of[littleEndian(initialPermutation[i])] = i;
     }
-    for (int pass = 0; pass < passes; ++pass) {
-        const int number = forwards || passes == 1 ? pass : 2 - pass;
-        Bits* const left = halves[pass % 2];
-        runPass(left, halves[1 - pass % 2], keys.pass[number], forwards == (pass != 1));
-    }
-    for (int i = 0; i < 64; ++i) { // one pass or three: the halves have changed places
-        rows[littleEndian(initialPermutation[i])] = halves[1 - i / 32][i % 32];
-    }
-    transpose(rows);
+    return places;
+}();
+
+/// Where the rows are before the passes, and, `exchanged`, after an odd number of them.
+constexpr unsigned exchanged = 32;
+
+INFRA_INLINE Bits& rowOf(Bits* bits, int row, unsigned halves)
+{
+    return bits[permuted.of[row] ^ halves];
 }
 
-size_t cryptBits(const Schedules& keys, Direction direction, int passes, size_t blocks,
-                 const uint8_t* in, uint8_t* out)
+/// Exchanges rows and columns of the matrices of 64 by 64 bits that stand in each lane.
+void transpose(Bits* bits, unsigned halves)
 {
+    uint64_t mask = 0x00000000FFFFFFFF;
+    for (int width = 32; width != 0; width >>= 1, mask ^= mask << width) {
+        for (int row = 0; row < 64; row = (row + width + 1) & ~width) {
+            Bits& low = rowOf(bits, row, halves);
+            Bits& high = rowOf(bits, row + width, halves);
+            const Bits different = ((low >> width) ^ high) & allOf(mask);
+            high ^= different;
+            low ^= different << width;
+        }
+    }
+}
+
+/// How many bytes of row `row` a batch of `count` blocks has.
+INFRA_INLINE size_t sizeOfRow(int row, size_t count)
+{
+    const size_t before = static_cast<size_t>(row) * lanes;
+    const size_t rest = count > before ? count - before : 0;
+    return 8 * (rest < lanes ? rest : lanes);
+}
+
+INFRA_INLINE void copy(void* to, const void* from, size_t size)
+{
+    if (size == sizeof(Bits)) {
+        memcpy(to, from, sizeof(Bits));
+    } else {
+        memcpy(to, from, size);
+    }
+}
+
+void load(Bits* bits, size_t count, const uint8_t* in)
+{
+    for (int row = 0; row < 64; ++row) {
+        Bits blocks = {};
+        copy(&blocks, in + static_cast<size_t>(row) * sizeof(Bits), sizeOfRow(row, count));
+        rowOf(bits, row, 0) = blocks;
+    }
+}
+
+void store(uint8_t* out, size_t count, Bits* bits)
+{
+    for (int row = 0; row < 64; ++row) {
+        copy(out + static_cast<size_t>(row) * sizeof(Bits), &rowOf(bits, row, exchanged),
+             sizeOfRow(row, count));
+    }
+}
+
+/// Adds to each block the one of `in` before it, to the first `chain`, which becomes the last.
+void addChain(Bits* bits, uint8_t* chain, size_t count, const uint8_t* in)
+{
+    Bits before;
+    memcpy(&before, chain, 8);
+    memcpy(reinterpret_cast<uint8_t*>(&before) + 8, in, sizeof(before) - 8);
+    rowOf(bits, 0, exchanged) ^= before;
+    for (int row = 1; row < 64; ++row) {
+        copy(&before, in + static_cast<size_t>(row) * sizeof(Bits) - 8, sizeOfRow(row, count));
+        rowOf(bits, row, exchanged) ^= before;
+    }
+    memcpy(chain, in + 8 * (count - 1), 8);
+}
+
+/// The final permutation of a pass and the initial one of the next undo each other, but for the
+/// exchange of the halves.
+void cryptBatch(const Schedules& keys, bool forwards, int passes, Bits* bits)
+{
+    transpose(bits, 0);
+    for (int pass = 0; pass < passes; ++pass) {
+        const int number = forwards || passes == 1 ? pass : 2 - pass;
+        Bits* const left = bits + pass % 2 * 32;
+        Bits* const right = bits + (1 - pass % 2) * 32;
+        runPass(left, right, keys.pass[number], forwards == (pass != 1));
+    }
+    transpose(bits, exchanged);
+}
+
+size_t cryptBits(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
+                 size_t blocks, const uint8_t* in, uint8_t* out)
+{
+    Bits bits[64];
     size_t done = 0;
     while (blocks - done >= worthBits) {
         const size_t count = blocks - done < batch ? blocks - done : batch;
-        Bits rows[64] = {};
-        memcpy(rows, in + 8 * done, 8 * count);
-        cryptBatch(keys, direction == Direction::encrypt, passes, rows);
-        memcpy(out + 8 * done, rows, 8 * count);
+        load(bits, count, in + 8 * done);
+        cryptBatch(keys, direction == Direction::encrypt, passes, bits);
+        if (chain != nullptr) {
+            addChain(bits, chain, count, in + 8 * done);
+        }
+        store(out + 8 * done, count, bits);
         done += count;
     }
+    explicit_bzero(bits, sizeof(bits));
     return done;
 }
 

@@ -10,10 +10,10 @@ namespace Utils
 namespace DES
 {
 
-size_t cryptBitsAvx512(const Schedules& keys, Direction direction, int passes, size_t blocks,
-                       const uint8_t* in, uint8_t* out)
+size_t cryptBitsAvx512(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
+                       size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    return cryptBits(keys, direction, passes, blocks, in, out);
+    return cryptBits(keys, direction, passes, chain, blocks, in, out);
 }
 
 } // namespace DES

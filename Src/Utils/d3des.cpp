@@ -218,11 +218,18 @@ inline void runPasses(const Schedules& keys, Direction direction, Halves (&block
     }
 }
 
-template <int Passes, size_t Count>
-void cryptBlocks(const Schedules& keys, Direction direction, const uint8_t* in, uint8_t* out)
+template <size_t Count>
+inline void addHalves(Halves (&blocks)[Count], const Halves* others)
 {
-    Halves blocks[Count];
-    loadHalves(blocks, in);
+    for (size_t i = 0; i < Count; ++i) {
+        blocks[i].left ^= others[i].left;
+        blocks[i].right ^= others[i].right;
+    }
+}
+
+template <int Passes, size_t Count>
+inline void cryptHalves(const Schedules& keys, Direction direction, Halves (&blocks)[Count])
+{
     for (Halves& block : blocks) {
         permuteIn(block);
     }
@@ -230,7 +237,31 @@ void cryptBlocks(const Schedules& keys, Direction direction, const uint8_t* in, 
     for (Halves& block : blocks) {
         permuteOut(block);
     }
+}
+
+template <int Passes, size_t Count>
+void cryptBlocks(const Schedules& keys, Direction direction, const uint8_t* in, uint8_t* out)
+{
+    Halves blocks[Count];
+    loadHalves(blocks, in);
+    cryptHalves<Passes>(keys, direction, blocks);
     storeHalves(out, blocks);
+}
+
+/// `chain` is the ciphertext before the first block, then the last one.
+template <int Passes, size_t Count>
+void decryptChained(const Schedules& keys, Halves& chain, const uint8_t* in, uint8_t* out)
+{
+    Halves blocks[Count];
+    loadHalves(blocks, in);
+    Halves before[Count + 1] = {chain};
+    for (size_t i = 0; i < Count; ++i) {
+        before[i + 1] = blocks[i];
+    }
+    cryptHalves<Passes>(keys, Direction::decrypt, blocks);
+    addHalves(blocks, before);
+    storeHalves(out, blocks);
+    chain = before[Count];
 }
 
 /// The chain stays between the permutations: they keep sums, so that what is added to it is permuted
@@ -246,8 +277,7 @@ void encryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const
         Halves block[1];
         loadHalves(block, in);
         permuteIn(block[0]);
-        chain[0].left ^= block[0].left;
-        chain[0].right ^= block[0].right;
+        addHalves(chain, block);
         runPasses<Passes>(keys, Direction::encrypt, chain);
         block[0] = chain[0];
         permuteOut(block[0]);
@@ -256,7 +286,7 @@ void encryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const
     }
 }
 
-size_t cryptNothing(const Schedules&, Direction, int, size_t, const uint8_t*, uint8_t*)
+size_t cryptNothing(const Schedules&, Direction, int, uint8_t*, size_t, const uint8_t*, uint8_t*)
 {
     return 0;
 }
@@ -272,21 +302,48 @@ BitsRun* chooseBitsRun()
     return Infra::chooseImplementation(runs);
 }
 
+size_t runBits(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
+               size_t blocks, const uint8_t* in, uint8_t* out)
+{
+    return blocks < worthBits ? 0
+                              : chooseBitsRun()(keys, direction, passes, chain, blocks, in, out);
+}
+
+constexpr size_t together = 3; ///< blocks side by side
+
 template <int Passes>
 void cryptRun(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
               uint8_t* out)
 {
-    const size_t done =
-        blocks < worthBits ? 0 : chooseBitsRun()(keys, direction, Passes, blocks, in, out);
+    const size_t done = runBits(keys, direction, Passes, nullptr, blocks, in, out);
     blocks -= done;
     in += 8 * done;
     out += 8 * done;
-    constexpr size_t together = 3;
     for (; blocks >= together; blocks -= together, in += 8 * together, out += 8 * together) {
         cryptBlocks<Passes, together>(keys, direction, in, out);
     }
     for (; blocks != 0; --blocks, in += 8, out += 8) {
         cryptBlocks<Passes, 1>(keys, direction, in, out);
+    }
+}
+
+template <int Passes>
+void decryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                  uint8_t* out)
+{
+    uint8_t before[8];
+    memcpy(before, iv, sizeof(before));
+    const size_t done = runBits(keys, Direction::decrypt, Passes, before, blocks, in, out);
+    blocks -= done;
+    in += 8 * done;
+    out += 8 * done;
+    Halves chain[1];
+    loadHalves(chain, before);
+    for (; blocks >= together; blocks -= together, in += 8 * together, out += 8 * together) {
+        decryptChained<Passes, together>(keys, chain[0], in, out);
+    }
+    for (; blocks != 0; --blocks, in += 8, out += 8) {
+        decryptChained<Passes, 1>(keys, chain[0], in, out);
     }
 }
 
@@ -307,6 +364,57 @@ void exchangeInnerWords(Halves (&blocks)[2])
     const uint32_t word = blocks[0].right;
     blocks[0].right = blocks[1].left;
     blocks[1].left = word;
+}
+
+void cryptDouble(const Schedules& keys, Direction direction, Halves (&halves)[2])
+{
+    runPass(halves, passKey(keys, direction, 0), direction);
+    exchangeInnerWords(halves);
+    runPass(halves, passKey(keys, direction, 1), opposite(direction));
+    exchangeInnerWords(halves);
+    runPass(halves, passKey(keys, direction, 2), direction);
+}
+
+void cryptDoubles(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
+                  uint8_t* out)
+{
+    for (; blocks != 0; --blocks, in += 16, out += 16) {
+        Halves halves[2];
+        loadHalves(halves, in);
+        cryptDouble(keys, direction, halves);
+        storeHalves(out, halves);
+    }
+}
+
+void encryptDoubleChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                        uint8_t* out)
+{
+    Halves chain[2];
+    loadHalves(chain, iv);
+    for (; blocks != 0; --blocks, in += 16, out += 16) {
+        Halves plain[2];
+        loadHalves(plain, in);
+        addHalves(chain, plain);
+        cryptDouble(keys, Direction::encrypt, chain);
+        storeHalves(out, chain);
+    }
+}
+
+void decryptDoubleChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                        uint8_t* out)
+{
+    Halves chain[2];
+    loadHalves(chain, iv);
+    for (; blocks != 0; --blocks, in += 16, out += 16) {
+        Halves halves[2];
+        loadHalves(halves, in);
+        const Halves cipher[2] = {halves[0], halves[1]};
+        cryptDouble(keys, Direction::decrypt, halves);
+        addHalves(halves, chain);
+        storeHalves(out, halves);
+        chain[0] = cipher[0];
+        chain[1] = cipher[1];
+    }
 }
 
 } // namespace
@@ -332,44 +440,10 @@ void setKey(Schedule& schedule, const uint8_t* key)
     }
 }
 
-void singleDes(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
-               uint8_t* out)
-{
-    cryptRun<1>(keys, direction, blocks, in, out);
-}
-
-void tripleDes(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
-               uint8_t* out)
-{
-    cryptRun<3>(keys, direction, blocks, in, out);
-}
-
-void singleDesChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
-                    uint8_t* out)
-{
-    encryptChain<1>(keys, iv, blocks, in, out);
-}
-
-void tripleDesChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
-                    uint8_t* out)
-{
-    encryptChain<3>(keys, iv, blocks, in, out);
-}
-
-void doubleBlockTripleDes(const Schedules& keys, Direction direction, size_t blocks,
-                          const uint8_t* in, uint8_t* out)
-{
-    for (; blocks != 0; --blocks, in += 16, out += 16) {
-        Halves halves[2];
-        loadHalves(halves, in);
-        runPass(halves, passKey(keys, direction, 0), direction);
-        exchangeInnerWords(halves);
-        runPass(halves, passKey(keys, direction, 1), opposite(direction));
-        exchangeInnerWords(halves);
-        runPass(halves, passKey(keys, direction, 2), direction);
-        storeHalves(out, halves);
-    }
-}
+constinit const des_func singleDes = {8, cryptRun<1>, encryptChain<1>, decryptChain<1>};
+constinit const des_func tripleDes = {8, cryptRun<3>, encryptChain<3>, decryptChain<3>};
+constinit const des_func doubleBlockTripleDes = {16, cryptDoubles, encryptDoubleChain,
+                                                 decryptDoubleChain};
 
 } // namespace DES
 } // namespace Utils

@@ -37,22 +37,27 @@ enum class Direction
     decrypt
 };
 
-/// Transforms `blocks` blocks, each for itself.
-typedef void des_func(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
-                      uint8_t* out);
+/// A cipher, by runs of whole blocks.
+struct des_func
+{
+    size_t blockSize;
+    /// Transforms `blocks` blocks, each for itself.
+    void (*crypt)(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
+                  uint8_t* out);
+    /// Enciphers `blocks` blocks, each added to the ciphertext before it, the first to `iv`.
+    void (*encryptChain)(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                         uint8_t* out);
+    /// Undoes that.
+    void (*decryptChain)(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
+                         uint8_t* out);
+};
 
 /// DES: blocks of 8 bytes.
-des_func singleDes;
+extern const des_func singleDes;
 /// Triple DES, encrypt-decrypt-encrypt: blocks of 8 bytes.
-des_func tripleDes;
+extern const des_func tripleDes;
 /// Blocks of 16 bytes, two halves that exchange a word before the second pass and after it.
-des_func doubleBlockTripleDes;
-
-/// Enciphers `blocks` blocks of 8 bytes, each added to the ciphertext before it, the first to `iv`.
-typedef void des_chain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
-                       uint8_t* out);
-des_chain singleDesChain;
-des_chain tripleDesChain;
+extern const des_func doubleBlockTripleDes;
 
 } // namespace DES
 } // namespace Utils

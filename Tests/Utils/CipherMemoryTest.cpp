@@ -1,4 +1,5 @@
-// Ciphers and memory: what they leave in it, which is nothing, and what they do without it.
+// Ciphers and digests in memory: how little of it they take, what they leave in it, which is nothing,
+// and what they do without it.
 
 #include <malloc.h>
 
@@ -9,17 +10,33 @@
 
 #include "Support/Bytes.h"
 #include "Support/ChildProcess.h"
+#include "Support/CpuLevels.h"
 #include "Support/FailingHeap.h"
+#include "Support/KnownStack.h"
 #include "Support/LogCapture.h"
 #include "Utils/Aes.h"
+#include "Utils/Base64.h"
+#include "Utils/Crc.h"
+#include "Utils/Md5.h"
+#include "Utils/Sha1.h"
 #include "Utils/TripleDes.h"
 
 namespace
 {
 
 using namespace Tarsel::TestSupport;
-using Tarsel::Utils::CAes;
-using Tarsel::Utils::CTripleDes;
+using namespace Tarsel::Utils;
+
+constexpr CAes::EncMode aesModes[] = {CAes::MODE_ECB, CAes::MODE_CBC, CAes::MODE_CFB8,
+                                      CAes::MODE_CFB128, CAes::MODE_CTR};
+
+/// What a thread that runs on a known stack takes for itself is more where it is instrumented.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isInstrumented = true;
+#else
+constexpr bool isInstrumented = false;
+#endif
+constexpr size_t roomyStack = size_t{8} << 20;
 
 bool holds(const void* block, size_t size, const Bytes& secret)
 {
@@ -76,6 +93,57 @@ TEST(CipherMemoryTest, KeysSchedulesAndKeyStreamAreGoneBeforeTheMemoryIs)
     expectWiped(aes(CAes::MODE_CTR), cryptTen, {aesKey, roundKey, nextCounter, stream});
     expectWiped([&] { return new CTripleDes(key.data(), 24, CTripleDes::block8, iv.data()); },
                 nothing, {key, Bytes(iv.begin(), iv.begin() + 8)});
+}
+
+/// Every call once, enciphering and deciphering `bytes`; `text` has room for them as Base64.
+void callAll(const Bytes& key, const Bytes& iv, Bytes& bytes, std::vector<char>& text)
+{
+    uint8_t* const data = bytes.data();
+    const size_t size = bytes.size();
+    for (const CAes::EncMode mode : aesModes) {
+        CAes there(mode, key.data(), CAes::BITS_192, iv.data());
+        CAes back(mode, key.data(), CAes::BITS_192, iv.data());
+        there.encrypt(data, data, size);
+        back.decrypt(data, data, size);
+    }
+    for (const size_t keySize : {8, 24}) {
+        for (const CTripleDes::BlockType block : {CTripleDes::block8, CTripleDes::block16}) {
+            for (const uint8_t* const first : {static_cast<const uint8_t*>(nullptr), iv.data()}) {
+                CTripleDes cipher(key.data(), keySize, block, first);
+                cipher.encrypt(data, data, size);
+                cipher.decrypt(data, data, size);
+            }
+        }
+    }
+    CMd5 md5;
+    CSha1 sha1;
+    md5.update(data, size);
+    sha1.update(data, size);
+    md5.hex(text.data());
+    sha1.hex(text.data(), text.size());
+    crc16(0, data, size);
+    crc32(data, size);
+    base64EncodeEx(text.data(), reinterpret_cast<const char*>(data), size);
+    base64DecodeEx(reinterpret_cast<char*>(data), text.data());
+}
+
+TEST(CipherMemoryTest, TheSmallestThreadHasStackForEveryCall)
+{
+    if (isInstrumented) {
+        GTEST_SKIP() << "instrumented code takes more stack";
+    }
+    CRandom random;
+    const Bytes key = random.bytes(24);
+    const Bytes iv = random.bytes(16);
+    const Bytes plain = random.bytes(16 * 1000);
+    onEachCpuLevel([&] {
+        Bytes bytes = plain;
+        bytes.reserve(plain.size() + 1); // decoding adds a NUL
+        std::vector<char> text(base64EncodeLenEx(plain.size()));
+        CKnownStack stack(PTHREAD_STACK_MIN);
+        EXPECT_TRUE(stack.run([&] { callAll(key, iv, bytes, text); }));
+        EXPECT_EQ(bytes, plain);
+    });
 }
 
 TEST(CipherMemoryTest, WithoutMemoryForItsRecordACipherSaysSoAtTheFirstCall)
