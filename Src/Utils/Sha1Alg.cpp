@@ -1,7 +1,7 @@
 // Sha1Alg.cpp: SHA-1 (FIPS 180) for any processor.
 //
 // The message schedule is kept as a ring of the last sixteen words. It is as good as the message,
-// and a message may be a secret: what a run leaves of it on the stack is wiped.
+// and a message may be a secret: the stack that a run has used is wiped.
 
 #include "Utils/Sha1Alg.h"
 
@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "Infra3/CpuFeatures.h"
+#include "Utils/StackWipe.h"
 
 namespace Tarsel
 {
@@ -85,9 +86,8 @@ template <int... Steps>
     (step<Steps>(work, block), ...);
 }
 
-} // namespace
-
-void hashBlocksPlain(uint32_t (&hash)[5], const uint8_t* data, size_t blocks)
+/// A frame of its own, where the compiler may put words of the schedule that find no register.
+[[gnu::noinline]] void runBlocks(uint32_t (&hash)[5], const uint8_t* data, size_t blocks)
 {
     Workspace work;
     for (; blocks != 0; --blocks, data += blockSize) {
@@ -97,7 +97,14 @@ void hashBlocksPlain(uint32_t (&hash)[5], const uint8_t* data, size_t blocks)
             hash[i] += work.v[i];
         }
     }
-    explicit_bzero(&work, sizeof(work));
+}
+
+} // namespace
+
+void hashBlocksPlain(uint32_t (&hash)[5], const uint8_t* data, size_t blocks)
+{
+    runBlocks(hash, data, blocks);
+    wipeStackBelow();
 }
 
 BlockRun* chooseBlockRun()

@@ -30,13 +30,12 @@ using namespace Tarsel::Utils;
 constexpr CAes::EncMode aesModes[] = {CAes::MODE_ECB, CAes::MODE_CBC, CAes::MODE_CFB8,
                                       CAes::MODE_CFB128, CAes::MODE_CTR};
 
-/// What a thread that runs on a known stack takes for itself is more where it is instrumented.
+/// Then frames are larger and are not the ones of what is delivered.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool isInstrumented = true;
 #else
 constexpr bool isInstrumented = false;
 #endif
-constexpr size_t roomyStack = size_t{8} << 20;
 
 bool holds(const void* block, size_t size, const Bytes& secret)
 {
@@ -93,6 +92,106 @@ TEST(CipherMemoryTest, KeysSchedulesAndKeyStreamAreGoneBeforeTheMemoryIs)
     expectWiped(aes(CAes::MODE_CTR), cryptTen, {aesKey, roundKey, nextCounter, stream});
     expectWiped([&] { return new CTripleDes(key.data(), 24, CTripleDes::block8, iv.data()); },
                 nothing, {key, Bytes(iv.begin(), iv.begin() + 8)});
+}
+
+Bytes reversed(Bytes bytes)
+{
+    std::reverse(bytes.begin(), bytes.end());
+    return bytes;
+}
+
+/// Runs `call`; nothing of `secrets` may be on the stack then, whichever way its words lie.
+void expectStackWithout(const std::vector<Bytes>& secrets, const std::function<void()>& call)
+{
+    CKnownStack stack(size_t{128} << 10);
+    ASSERT_TRUE(stack.run(call));
+    for (const Bytes& secret : secrets) {
+        EXPECT_FALSE(stack.holds(secret)) << toHex(secret);
+        EXPECT_FALSE(stack.holds(reversed(secret))) << toHex(secret);
+    }
+}
+
+/// The schedule of a block of SHA-1, as FIPS 180 has it.
+std::vector<Bytes> sha1Schedule(const Bytes& block)
+{
+    uint32_t words[80];
+    std::vector<Bytes> schedule;
+    for (size_t t = 0; t < 80; ++t) {
+        if (t < 16) {
+            const uint8_t* const at = block.data() + 4 * t;
+            words[t] = uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];
+        } else {
+            const uint32_t sum = words[t - 3] ^ words[t - 8] ^ words[t - 14] ^ words[t - 16];
+            words[t] = sum << 1 | sum >> 31;
+        }
+        char digits[9];
+        snprintf(digits, sizeof(digits), "%08x", words[t]);
+        schedule.push_back(fromHex(digits));
+    }
+    return schedule;
+}
+
+TEST(CipherMemoryTest, NothingOfTheSecretsStaysOnTheStack)
+{
+    if (isInstrumented) {
+        GTEST_SKIP() << "what is instrumented is another program";
+    }
+    CRandom random;
+    const Bytes message = random.bytes(64);
+    const Bytes iv = random.bytes(16);
+    const Bytes aesKey = fromHex("2b7e151628aed2a6abf7158809cf4f3c");
+    const Bytes aesRoundKey = fromHex("a0fafe1788542cb1"); // FIPS-197, A.1
+    const Bytes desKey = fromHex("133457799bbcdff1133457799bbcdff1");
+    const std::vector<Bytes> desSecrets = {
+        part(desKey, 0, 8),                            //
+        fromHex("1b02effc7072"),                       // its first round key,
+        fromHex("cb3d8b0e17f5"),                       // its last,
+        fromHex("060b3f01"),     fromHex("302f0732")}; // and the first by odd and even S-boxes
+    onEachCpuLevel([&] {
+        CSha1 sha1;
+        expectStackWithout(sha1Schedule(message), [&] { sha1.update(message.data(), 64); });
+
+        for (const size_t blocks : {1, 5, 17, 600}) {
+            const Bytes plain = random.bytes(16 * blocks);
+            Bytes bytes = plain;
+            const std::vector<Bytes> texts = {part(plain, 0, 8), part(plain, plain.size() - 8, 8),
+                                              part(plain, plain.size() / 2, 8)};
+            SCOPED_TRACE(testing::Message() << blocks << " blocks");
+            for (const CAes::EncMode mode : aesModes) {
+                SCOPED_TRACE(testing::Message() << "AES, mode " << mode);
+                std::vector<Bytes> secrets = texts;
+                secrets.insert(secrets.end(), {part(aesKey, 0, 8), aesRoundKey});
+                for (const bool encrypts : {true, false}) {
+                    expectStackWithout(secrets, [&] {
+                        CAes cipher(mode, aesKey.data(), CAes::BITS_128, iv.data());
+                        uint8_t* const data = bytes.data();
+                        encrypts ? cipher.encrypt(data, data, bytes.size())
+                                 : cipher.decrypt(data, data, bytes.size());
+                    });
+                }
+                EXPECT_EQ(bytes, plain);
+            }
+            for (const size_t keySize : {8, 16}) {
+                for (const CTripleDes::BlockType block : {CTripleDes::block8, CTripleDes::block16}) {
+                    for (const uint8_t* const first : {(const uint8_t*)nullptr, iv.data()}) {
+                        SCOPED_TRACE(testing::Message() << "DES, key of " << keySize << ", block type "
+                                                        << block << ", CBC: " << (first != nullptr));
+                        std::vector<Bytes> secrets = texts;
+                        secrets.insert(secrets.end(), desSecrets.begin(), desSecrets.end());
+                        for (const bool encrypts : {true, false}) {
+                            expectStackWithout(secrets, [&] {
+                                CTripleDes cipher(desKey.data(), keySize, block, first);
+                                uint8_t* const data = bytes.data();
+                                encrypts ? cipher.encrypt(data, data, bytes.size())
+                                         : cipher.decrypt(data, data, bytes.size());
+                            });
+                        }
+                        EXPECT_EQ(bytes, plain);
+                    }
+                }
+            }
+        }
+    });
 }
 
 /// Every call once, enciphering and deciphering `bytes`; `text` has room for them as Base64.
