@@ -135,11 +135,13 @@ INFRA_AESNI_INLINE void cbcDecryptStep(const aes_context& ctx, __m128i& iv, cons
     __m128i cipher[Count];
     __m128i blocks[Count];
     loadBlocks(cipher, in);
+    INFRA_UNROLLED
     for (size_t i = 0; i < Count; ++i) {
         blocks[i] = cipher[i];
     }
     decryptBlocks(blocks, ctx);
     blocks[0] = _mm_xor_si128(blocks[0], iv);
+    INFRA_UNROLLED
     for (size_t i = 1; i < Count; ++i) {
         blocks[i] = _mm_xor_si128(blocks[i], cipher[i - 1]);
     }
@@ -155,10 +157,12 @@ INFRA_AESNI_INLINE void cfb128DecryptStep(const aes_context& ctx, __m128i& iv, c
     __m128i blocks[Count];
     loadBlocks(cipher, in);
     blocks[0] = iv;
+    INFRA_UNROLLED
     for (size_t i = 1; i < Count; ++i) {
         blocks[i] = cipher[i - 1];
     }
     encryptBlocks(blocks, ctx);
+    INFRA_UNROLLED
     for (size_t i = 0; i < Count; ++i) {
         blocks[i] = _mm_xor_si128(blocks[i], cipher[i]);
     }
@@ -358,6 +362,7 @@ INFRA_AESNI_INLINE void ctrStep(const aes_context& ctx, __m128i counter, __m128i
                                 const uint8_t* in, uint8_t* out)
 {
     __m128i blocks[Count];
+    INFRA_UNROLLED
     for (size_t i = 0; i < Count; ++i) {
         blocks[i] = turned(_mm_add_epi64(counter, _mm_set_epi64x(0, static_cast<long long>(i))));
     }
