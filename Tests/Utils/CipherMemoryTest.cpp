@@ -103,7 +103,7 @@ Bytes reversed(Bytes bytes)
 /// Runs `call`; nothing of `secrets` may be on the stack then, whichever way its words lie.
 void expectStackWithout(const std::vector<Bytes>& secrets, const std::function<void()>& call)
 {
-    CKnownStack stack(size_t{128} << 10);
+    CKnownStack stack(size_t{64} << 10);
     ASSERT_TRUE(stack.run(call));
     for (const Bytes& secret : secrets) {
         EXPECT_FALSE(stack.holds(secret)) << toHex(secret);
@@ -131,6 +131,20 @@ std::vector<Bytes> sha1Schedule(const Bytes& block)
     return schedule;
 }
 
+/// Enciphers `plain` and deciphers it again, each with an object of its own made by `make`.
+template <typename Make>
+void expectNothingStays(const Make& makeCipher, std::vector<Bytes> secrets, const Bytes& plain)
+{
+    for (const size_t at : {size_t{0}, plain.size() / 2, plain.size() - 8}) {
+        secrets.push_back(part(plain, at, 8));
+    }
+    Bytes bytes = plain;
+    uint8_t* const data = bytes.data();
+    expectStackWithout(secrets, [&] { makeCipher().encrypt(data, data, bytes.size()); });
+    expectStackWithout(secrets, [&] { makeCipher().decrypt(data, data, bytes.size()); });
+    EXPECT_EQ(bytes, plain);
+}
+
 TEST(CipherMemoryTest, NothingOfTheSecretsStaysOnTheStack)
 {
     if (isInstrumented) {
@@ -140,53 +154,35 @@ TEST(CipherMemoryTest, NothingOfTheSecretsStaysOnTheStack)
     const Bytes message = random.bytes(64);
     const Bytes iv = random.bytes(16);
     const Bytes aesKey = fromHex("2b7e151628aed2a6abf7158809cf4f3c");
-    const Bytes aesRoundKey = fromHex("a0fafe1788542cb1"); // FIPS-197, A.1
+    const std::vector<Bytes> aesSecrets = {part(aesKey, 0, 8),
+                                           fromHex("a0fafe1788542cb1")}; // FIPS-197, A.1
     const Bytes desKey = fromHex("133457799bbcdff1133457799bbcdff1");
     const std::vector<Bytes> desSecrets = {
-        part(desKey, 0, 8),                            //
-        fromHex("1b02effc7072"),                       // its first round key,
-        fromHex("cb3d8b0e17f5"),                       // its last,
-        fromHex("060b3f01"),     fromHex("302f0732")}; // and the first by odd and even S-boxes
+        // the key, its first and its last round key, and the
+        part(desKey, 0, 8), // first as the odd and the even S-boxes have it
+        fromHex("1b02effc7072"), fromHex("cb3d8b0e17f5"), fromHex("060b3f01"), fromHex("302f0732")};
     onEachCpuLevel([&] {
         CSha1 sha1;
         expectStackWithout(sha1Schedule(message), [&] { sha1.update(message.data(), 64); });
 
         for (const size_t blocks : {1, 5, 17, 600}) {
             const Bytes plain = random.bytes(16 * blocks);
-            Bytes bytes = plain;
-            const std::vector<Bytes> texts = {part(plain, 0, 8), part(plain, plain.size() - 8, 8),
-                                              part(plain, plain.size() / 2, 8)};
-            SCOPED_TRACE(testing::Message() << blocks << " blocks");
             for (const CAes::EncMode mode : aesModes) {
-                SCOPED_TRACE(testing::Message() << "AES, mode " << mode);
-                std::vector<Bytes> secrets = texts;
-                secrets.insert(secrets.end(), {part(aesKey, 0, 8), aesRoundKey});
-                for (const bool encrypts : {true, false}) {
-                    expectStackWithout(secrets, [&] {
-                        CAes cipher(mode, aesKey.data(), CAes::BITS_128, iv.data());
-                        uint8_t* const data = bytes.data();
-                        encrypts ? cipher.encrypt(data, data, bytes.size())
-                                 : cipher.decrypt(data, data, bytes.size());
-                    });
-                }
-                EXPECT_EQ(bytes, plain);
+                SCOPED_TRACE(testing::Message() << blocks << " blocks, AES, mode " << mode);
+                expectNothingStays(
+                    [&] { return CAes(mode, aesKey.data(), CAes::BITS_128, iv.data()); },
+                    aesSecrets, plain);
             }
             for (const size_t keySize : {8, 16}) {
-                for (const CTripleDes::BlockType block : {CTripleDes::block8, CTripleDes::block16}) {
-                    for (const uint8_t* const first : {(const uint8_t*)nullptr, iv.data()}) {
-                        SCOPED_TRACE(testing::Message() << "DES, key of " << keySize << ", block type "
-                                                        << block << ", CBC: " << (first != nullptr));
-                        std::vector<Bytes> secrets = texts;
-                        secrets.insert(secrets.end(), desSecrets.begin(), desSecrets.end());
-                        for (const bool encrypts : {true, false}) {
-                            expectStackWithout(secrets, [&] {
-                                CTripleDes cipher(desKey.data(), keySize, block, first);
-                                uint8_t* const data = bytes.data();
-                                encrypts ? cipher.encrypt(data, data, bytes.size())
-                                         : cipher.decrypt(data, data, bytes.size());
-                            });
-                        }
-                        EXPECT_EQ(bytes, plain);
+                for (const CTripleDes::BlockType type : {CTripleDes::block8, CTripleDes::block16}) {
+                    for (const uint8_t* const first :
+                         {static_cast<const uint8_t*>(nullptr), iv.data()}) {
+                        SCOPED_TRACE(testing::Message() << blocks << " blocks, DES, key of "
+                                                        << keySize << ", block type " << type
+                                                        << (first != nullptr ? ", CBC" : ""));
+                        expectNothingStays(
+                            [&] { return CTripleDes(desKey.data(), keySize, type, first); },
+                            desSecrets, plain);
                     }
                 }
             }
@@ -271,6 +267,32 @@ TEST(CipherMemoryTest, WithoutMemoryForItsRecordACipherSaysSoAtTheFirstCall)
     });
     EXPECT_FALSE(child.succeeded());
     EXPECT_THAT(child.report(), testing::HasSubstr("assertion (m_internal) failed"));
+}
+
+/// A printer of log lines that refuses each.
+struct Refusal
+{
+    const void* record = nullptr; ///< what was made last before the line
+
+    void print(const char*)
+    {
+        record = lastMade();
+        throw *this;
+    }
+};
+
+TEST(CipherMemoryTest, APrinterThatThrowsCostsNoMemory)
+{
+    Refusal refusal;
+    std::vector<const void*> freedBlocks;
+    freedBlocks.reserve(16);
+    Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc(&Refusal::print, &refusal));
+    {
+        const CFreedBlocks freed([&](const void* block, size_t) { freedBlocks.push_back(block); });
+        EXPECT_THROW(CAes(CAes::MODE_CTR, nullptr, CAes::BITS_128), Refusal);
+    }
+    Tarsel::Infra::setLogPrinter(Tarsel::Infra::LogPrinterProc());
+    EXPECT_THAT(freedBlocks, testing::Contains(refusal.record));
 }
 
 } // namespace
