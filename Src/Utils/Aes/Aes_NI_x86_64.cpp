@@ -378,16 +378,17 @@ INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, ui
     __m128i last = _mm_setzero_si128();
     __m128i next = turned(loadBlock(counter));
     uint64_t low = static_cast<uint64_t>(_mm_cvtsi128_si64(next));
-    for (; blocks >= 8 && low <= UINT64_MAX - 8;
-         blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
-        ctrStep<8>(ctx, next, last, in, out);
-        low += 8;
-        next = _mm_add_epi64(next, _mm_set_epi64x(0, 8));
-    }
-    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        ctrStep<1>(ctx, next, last, in, out);
-        ++low;
-        next = _mm_add_epi64(next, _mm_set_epi64x(low == 0 ? 1 : 0, 1));
+    while (blocks != 0) {
+        const bool isWhole = blocks >= 8 && low <= UINT64_MAX - 8;
+        const size_t count = isWhole ? 8 : 1;
+        if (isWhole) {
+            ctrStep<8>(ctx, next, last, in, out);
+        } else {
+            ctrStep<1>(ctx, next, last, in, out);
+        }
+        low += count;
+        next = _mm_add_epi64(next, _mm_set_epi64x(low == 0 ? 1 : 0, static_cast<long long>(count)));
+        blocks -= count, in += count * blockSize, out += count * blockSize;
     }
     storeBlock(counter, turned(next));
     storeBlock(stream, last);

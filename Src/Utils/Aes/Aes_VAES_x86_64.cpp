@@ -5,6 +5,7 @@
 //
 // A step loads all its input before it stores, so `out` may be `in`.
 
+#include <algorithm>
 #include <cstring>
 
 #include "Utils/Aes/AesEngine.h"
@@ -304,19 +305,27 @@ INFRA_VAES void ctrSteps(const aes_context& ctx, size_t steps, uint8_t* counter,
     _mm_storeu_si128(reinterpret_cast<__m128i*>(stream), secondOf(last));
 }
 
+/// Whole steps up to where the low half of the counter overflows, then one step's blocks by the other
+/// engine, which carries.
 void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, uint8_t* stream,
          const uint8_t* in, uint8_t* out)
 {
-    const size_t steps = blocks / stepBlocks;
-    const uint64_t beforeOverflow = (UINT64_MAX - lowHalf(counter)) / stepBlocks;
-    if (steps != 0 && steps <= beforeOverflow) {
-        ctrSteps(ctx, steps, counter, stream, in, out);
+    while (blocks != 0) {
+        const uint64_t beforeOverflow = (UINT64_MAX - lowHalf(counter)) / stepBlocks;
+        const size_t steps = std::min<uint64_t>(blocks / stepBlocks, beforeOverflow);
+        if (steps != 0) {
+            ctrSteps(ctx, steps, counter, stream, in, out);
+        }
         in += steps * stepBytes;
         out += steps * stepBytes;
         blocks -= steps * stepBlocks;
-    }
-    if (blocks != 0) {
-        Aesni::ctr(ctx, blocks, counter, stream, in, out);
+        const size_t others = std::min(blocks, stepBlocks);
+        if (others != 0) {
+            Aesni::ctr(ctx, others, counter, stream, in, out);
+        }
+        in += others * blockSize;
+        out += others * blockSize;
+        blocks -= others;
     }
 }
 
