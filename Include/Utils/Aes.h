@@ -28,8 +28,8 @@ class AesInternal;
 /// | MODE_CTR    | any             | anywhere          | a stream, a counter never used before     |
 ///
 /// `dst` may be `src`; otherwise the two do not overlap.
-/// Failure: an object without a usable mode, key or key length logs "aes init failed.\n" at every
-/// call and returns false. Threads: one thread at a time for one object. Ownership: key and IV are
+/// Failure: an object without a usable mode, key or key length, or for which there was no memory, logs
+/// "aes init failed.\n" at every call and returns false. Threads: one thread at a time for one object. Ownership: key and IV are
 /// copied, and wiped when the object is destroyed.
 ///
 ///     CAes cipher(CAes::MODE_CTR, key, CAes::BITS_256, nonce);
@@ -59,8 +59,8 @@ public:
     ~CAes();
 
     /// Enciphers `size` bytes of `src` into `dst`.
-    /// @return false, with nothing written and the position unchanged, for a null pointer, for a
-    ///         size that the mode does not take, and when the object is unusable
+    /// @return false, with nothing written and the position unchanged, for a null pointer (unless
+    ///         `size` is 0), for a size that the mode does not take, and when the object is unusable
     bool encrypt(uint8_t* dst, const uint8_t* src, size_t size);
     /// Deciphers, with the same results.
     bool decrypt(uint8_t* dst, const uint8_t* src, size_t size);

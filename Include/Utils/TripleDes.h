@@ -19,12 +19,15 @@ struct TripleDesInternal;
 /// Behaviour: the length of the key chooses the cipher. Bits of the key that its length does not
 /// cover are zero; parity bits are ignored.
 ///
-/// | key bytes         | block8               | block16                                 |
-/// |-------------------|----------------------|-----------------------------------------|
-/// | 1 to 8            | DES                  | DES, blocks of 8 bytes too              |
-/// | 9 to 16           | triple DES, K3 = K1  | the same over two halves that exchange  |
-/// | 17 and more       | triple DES, three    | a word between the passes: a cipher of  |
-/// |                   | keys (24 bytes count)| this library's own                      |
+/// | key bytes   | `block`  | cipher                                                     | block |
+/// |-------------|----------|------------------------------------------------------------|-------|
+/// | none        | either   | none: every call fails                                     | -     |
+/// | 1 to 8      | either   | DES                                                        | 8     |
+/// | 9 to 16     | block8   | triple DES with two keys: the third is the first           | 8     |
+/// | 17 and more | block8   | triple DES with three keys; 24 bytes count                 | 8     |
+/// | 9 to 16     | block16  | two keys, over two halves that exchange a word between the | 16    |
+/// |             |          | passes: a cipher of this library's own                     |       |
+/// | 17 and more | block16  | the same with three keys                                   | 16    |
 ///
 /// Every call starts from the IV given at construction: nothing carries over, and the same input
 /// gives the same output. `dst` may be `src`; otherwise the two do not overlap.
@@ -39,7 +42,10 @@ public:
         block16 = 1
     };
 
+    /// Where memory for its record is missing, the object's first call fails an assertion.
     /// @param key   `size` bytes; a null one counts as no key, and then every call fails
+    /// @param block one of the two: with a key of more than 8 bytes any other value ends the process,
+    ///              by a failed assertion
     /// @param iv    one block, 8 or 16 bytes, for CBC; null for ECB
     CTripleDes(const uint8_t* key, size_t size, BlockType block = block8,
                const uint8_t* iv = nullptr);
