@@ -11,6 +11,7 @@
 #include "Utils/Crc.h"
 #include "Utils/Md5.h"
 #include "Utils/Sha1.h"
+#include "Utils/Sha1Alg.h"
 
 namespace
 {
@@ -82,15 +83,17 @@ TEST(DigestTest, GivesThePublishedVectors)
 TEST(DigestTest, AgreesWithOpensslAtAnyLengthInAnyPieces)
 {
     CRandom random;
+    const CGuardedBytes guarded(400); // nothing behind the message is read
     onEachCpuLevel([&] {
         for (size_t size = 0; size < 400; ++size) {
             const Bytes message = random.bytes(size);
+            const uint8_t* const bytes = guarded.putLast(message); // at any alignment
             CMd5 md5;
             CSha1 sha1;
             for (size_t done = 0; done < size;) {
                 const size_t piece = std::min(size - done, 1 + random.below(150));
-                md5.update(message.data() + done, piece);
-                sha1.update(message.data() + done, piece);
+                md5.update(bytes + done, piece);
+                sha1.update(bytes + done, piece);
                 done += piece;
             }
             ASSERT_EQ(hexOf(md5), openssl(EVP_md5(), message)) << size;
@@ -162,20 +165,31 @@ TEST(DigestTest, CountsMoreThan32BitsOfLengthInOneCall)
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "instrumented, this takes minutes and gigabytes";
 #endif
-    const size_t size = (size_t{1} << 32) + 5;
+    const size_t largest = (size_t{1} << 32) + 5;
     void* const zeros =
-        mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        mmap(nullptr, largest, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(zeros, MAP_FAILED);
-    madvise(zeros, size, MADV_HUGEPAGE);
+    madvise(zeros, largest, MADV_HUGEPAGE);
     const uint8_t* const bytes = static_cast<const uint8_t*>(zeros);
     CMd5 md5;
     CSha1 sha1;
-    md5.update(bytes, size);
-    sha1.update(bytes, size);
-    EXPECT_EQ(hexOf(md5), "968a8809aa0886d87f385d88733a98d2");
-    EXPECT_EQ(hexOf(sha1), "7ce9d83c5eacca17b354408ce637473229a7d5e2");
-    EXPECT_EQ(crc32(bytes, size), 0xb1c2a1a3u);
-    munmap(zeros, size);
+    const size_t manyBits = (size_t{1} << 29) + 5; // 2^32 bits and some
+    md5.update(bytes, manyBits);
+    sha1.update(bytes, manyBits);
+    EXPECT_EQ(hexOf(md5), "53f83c490b7435d7e205466bfd984882");
+    EXPECT_EQ(hexOf(sha1), "8e9aff269b0100da94e05015243e0a65c1399752");
+    EXPECT_EQ(crc32(bytes, largest), 0xb1c2a1a3u);
+
+    static size_t s_blocks = 0;
+    SHA1::SHA1Context context;
+    SHA1::start(context);
+    SHA1::append(
+        context, [](uint32_t(&)[5], const uint8_t*, size_t blocks) { s_blocks += blocks; }, bytes,
+        largest);
+    EXPECT_EQ(s_blocks, size_t{1} << 26);
+    EXPECT_EQ(context.totalLength, uint64_t{0x800000028});
+    EXPECT_EQ(context.bufferLength, 5u);
+    munmap(zeros, largest);
 }
 
 } // namespace
