@@ -21,7 +21,17 @@ struct CpuLevel
 
 using enum Infra::CpuFeature;
 
-/// From all that this processor has down to nothing beyond x86-64.
+/// From all that this processor has down to nothing beyond x86-64. What a level changes:
+///
+/// | level        | AES        | SHA-1        | CRC             | Base64 | DES circuit |
+/// |--------------|------------|--------------|-----------------|--------|-------------|
+/// | all          | VAES       | instructions | 512 bits a step | AVX2   | 512 blocks  |
+/// | 256 bits     | VAES       | instructions | 256 bits        | AVX2   | 256 blocks  |
+/// | but one ...  | AES-NI     | instructions | 128 bits        | AVX2   | 256 blocks  |
+/// | 128 bits     | AES-NI     | instructions | 128 bits        | tables | none        |
+/// | x86-64       | tables     | plain        | tables          | tables | none        |
+///
+/// On a processor that has less, levels repeat each other. MD5 is the same on all of them.
 inline const CpuLevel cpuLevels[] = {
     {"all", {}},
     {"256 bits", {avx512}},

@@ -77,6 +77,12 @@ TEST(CipherMemoryTest, KeysSchedulesAndKeyStreamAreGoneBeforeTheMemoryIs)
     const Bytes nextCounter = fromHex("f0f1f2f3f4f5f6f7f8f9fafbfcfdff00");
     const Bytes stream = fromHex("ec8cdf7398607cb0f2d21675ea9ea1e4"); // SP 800-38A, F.5.1
 
+    const Bytes key192 = fromHex("8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b");
+    const Bytes roundKey192 = fromHex("fe0c91f72402f5a5ec12068e6c827f6b"); // A.2
+    const Bytes key256 =
+        fromHex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4");
+    const Bytes roundKey256 = fromHex("9ba354118e6925afa51a8b5f2067fcde"); // A.3
+
     const auto cryptTen = [](CAes& cipher) {
         uint8_t bytes[10] = {};
         EXPECT_TRUE(cipher.encrypt(bytes, bytes, sizeof(bytes)));
@@ -90,6 +96,10 @@ TEST(CipherMemoryTest, KeysSchedulesAndKeyStreamAreGoneBeforeTheMemoryIs)
     expectWiped(aes(CAes::MODE_CFB8), nothing, {aesKey, roundKey, iv});
     expectWiped(aes(CAes::MODE_CFB128), nothing, {aesKey, roundKey, iv});
     expectWiped(aes(CAes::MODE_CTR), cryptTen, {aesKey, roundKey, nextCounter, stream});
+    expectWiped([&] { return new CAes(CAes::MODE_ECB, key192.data(), CAes::BITS_192); }, nothing,
+                {key192, roundKey192});
+    expectWiped([&] { return new CAes(CAes::MODE_CBC, key256.data(), CAes::BITS_256, iv.data()); },
+                nothing, {key256, roundKey256});
     expectWiped([&] { return new CTripleDes(key.data(), 24, CTripleDes::block8, iv.data()); },
                 nothing, {key, Bytes(iv.begin(), iv.begin() + 8)});
 }

@@ -104,7 +104,8 @@ TEST(TripleDesTest, RunsThroughEveryEntryOfTheSBoxes)
 TEST(TripleDesTest, LongRunsAgreeWithOpensslOnEachProcessor)
 {
     CRandom random;
-    const CGuardedBytes guarded(8 * 1100);
+    const CGuardedBytes in(8 * 1100);
+    const CGuardedBytes out(8 * 1100);
     onEachCpuLevel([&] {
         for (const size_t blocks :
              {63, 64, 65, 255, 256, 257, 319, 320, 512, 575, 576, 600, 1100}) {
@@ -117,14 +118,18 @@ TEST(TripleDesTest, LongRunsAgreeWithOpensslOnEachProcessor)
                     CTripleDes ecb(key.data(), length);
                     CTripleDes cbc(key.data(), length, CTripleDes::block8, iv.data());
                     for (CTripleDes* const cipher : {&ecb, &cbc}) {
-                        uint8_t* const bytes = guarded.putLast(input);
-                        encrypts ? cipher->encrypt(bytes, bytes, input.size())
-                                 : cipher->decrypt(bytes, bytes, input.size());
                         const bool chains = cipher == &cbc;
-                        ASSERT_EQ(Bytes(bytes, guarded.end()),
-                                  openssl(chains ? EVP_des_ede3_cbc() : EVP_des_ede3_ecb(), three,
-                                          chains ? iv.data() : nullptr, encrypts, input))
-                            << blocks << " blocks, key of " << length;
+                        const Bytes expected =
+                            openssl(chains ? EVP_des_ede3_cbc() : EVP_des_ede3_ecb(), three,
+                                    chains ? iv.data() : nullptr, encrypts, input);
+                        const size_t size = input.size();
+                        uint8_t* const bytes = in.putLast(input);
+                        for (uint8_t* const target : {out.end() - size, out.begin(), bytes}) {
+                            ASSERT_TRUE(encrypts ? cipher->encrypt(target, bytes, size)
+                                                 : cipher->decrypt(target, bytes, size));
+                            ASSERT_EQ(Bytes(target, target + size), expected)
+                                << blocks << " blocks, key of " << length;
+                        }
                     }
                 }
             }
@@ -190,7 +195,7 @@ TEST(TripleDesTest, DoubleBlocksExchangeTheInnerWordsBetweenThePasses)
             continue;
         }
         for (const bool encrypts : {true, false}) {
-            const Bytes input = random.bytes(16 * 5);
+            const Bytes input = random.bytes(16 * 70);
             const Bytes iv = random.bytes(16);
             Bytes expectedEcb;
             Bytes expectedCbc;
@@ -212,6 +217,11 @@ TEST(TripleDesTest, DoubleBlocksExchangeTheInnerWordsBetweenThePasses)
             }
             EXPECT_EQ(ours(key, CTripleDes::block16, nullptr, encrypts, input), expectedEcb);
             EXPECT_EQ(ours(key, CTripleDes::block16, &iv, encrypts, input), expectedCbc);
+            Bytes inPlace = input;
+            CTripleDes cipher(key.data(), key.size(), CTripleDes::block16, iv.data());
+            EXPECT_TRUE(encrypts ? cipher.encrypt(inPlace.data(), inPlace.data(), inPlace.size())
+                                 : cipher.decrypt(inPlace.data(), inPlace.data(), inPlace.size()));
+            EXPECT_EQ(inPlace, expectedCbc);
         }
     }
 }
