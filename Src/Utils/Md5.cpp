@@ -6,6 +6,7 @@
 
 #include "Utils/Md5.h"
 
+#include <bit>
 #include <cstring>
 #include <utility>
 
@@ -80,7 +81,7 @@ template <int Step>
     const uint32_t b = v[(a + 1) % 4];
     const uint32_t sum = v[a] + (loadWord(block + 4 * wordOf(Step)) + sines[Step]);
     const uint32_t mixed = mix<Step / 16>(sum, b, v[(a + 2) % 4], v[(a + 3) % 4]);
-    v[a] = b + (mixed << bits | mixed >> (32 - bits));
+    v[a] = b + std::rotl(mixed, bits);
 }
 
 template <int... Steps>

@@ -5,6 +5,7 @@
 
 #include "Utils/Sha1Alg.h"
 
+#include <bit>
 #include <cstring>
 #include <utility>
 
@@ -31,11 +32,6 @@ void storeWord(uint8_t* bytes, uint32_t word)
 {
     word = __builtin_bswap32(word);
     memcpy(bytes, &word, sizeof(word));
-}
-
-constexpr uint32_t rotateLeft(uint32_t word, int bits)
-{
-    return word << bits | word >> (32 - bits);
 }
 
 /// What a run works on.
@@ -68,15 +64,15 @@ template <int Step>
     if constexpr (Step < 16) {
         word = loadWord(block + 4 * Step);
     } else {
-        word = rotateLeft(work.schedule[(Step + 13) % 16] ^ work.schedule[(Step + 8) % 16] ^
-                              work.schedule[(Step + 2) % 16] ^ word,
-                          1);
+        word = std::rotl(work.schedule[(Step + 13) % 16] ^ work.schedule[(Step + 8) % 16] ^
+                             work.schedule[(Step + 2) % 16] ^ word,
+                         1);
     }
     uint32_t& b = work.v[(a + 1) % 5];
     uint32_t& e = work.v[(a + 4) % 5];
-    e += rotateLeft(work.v[a], 5) + mix<Step / 20>(b, work.v[(a + 2) % 5], work.v[(a + 3) % 5]) +
+    e += std::rotl(work.v[a], 5) + mix<Step / 20>(b, work.v[(a + 2) % 5], work.v[(a + 3) % 5]) +
          constants[Step / 20] + word;
-    b = rotateLeft(b, 30);
+    b = std::rotl(b, 30);
 }
 
 template <int... Steps>

@@ -19,6 +19,7 @@
 #include "Utils/d3des.h"
 
 #include <array>
+#include <bit>
 #include <cstring>
 
 #include "Infra3/CpuFeatures.h"
@@ -34,11 +35,6 @@ namespace DES
 namespace
 {
 
-constexpr uint32_t rotateLeft(uint32_t word, int bits)
-{
-    return (word << bits) | (word >> (32 - bits));
-}
-
 using SpTable = std::array<std::array<uint32_t, 256>, 8>;
 
 /// [box][six bits as the expansion gives them, and two above that do not matter]: the four bits of
@@ -53,7 +49,7 @@ constexpr SpTable makeSpTable()
             for (unsigned i = 0; i < 32; ++i) {
                 permuted |= (output >> (32 - permutationP[i]) & 1) << (31 - i);
             }
-            table[box][bits] = rotateLeft(permuted, 1);
+            table[box][bits] = std::rotl(permuted, 1);
         }
     }
     return table;
@@ -113,15 +109,15 @@ inline void permuteIn(Halves& block)
     exchange(block.right, block.left, 2, 0x33333333);
     exchange(block.right, block.left, 8, 0x00FF00FF);
     exchange(block.left, block.right, 1, 0x55555555);
-    block.left = rotateLeft(block.left, 1);
-    block.right = rotateLeft(block.right, 1);
+    block.left = std::rotl(block.left, 1);
+    block.right = std::rotl(block.right, 1);
 }
 
 /// Exchanges the halves, as DES does after its last round, and undoes permuteIn().
 inline void permuteOut(Halves& block)
 {
-    uint32_t left = rotateLeft(block.right, 31);
-    uint32_t right = rotateLeft(block.left, 31);
+    uint32_t left = std::rotl(block.right, 31);
+    uint32_t right = std::rotl(block.left, 31);
     exchange(left, right, 1, 0x55555555);
     exchange(right, left, 8, 0x00FF00FF);
     exchange(right, left, 2, 0x33333333);
@@ -142,7 +138,7 @@ inline uint32_t substituteFour(uint32_t bits)
 
 inline uint32_t substitute(uint32_t half, uint32_t oddKey, uint32_t evenKey)
 {
-    return substituteFour<1>(half ^ evenKey) ^ substituteFour<0>(rotateLeft(half, 28) ^ oddKey);
+    return substituteFour<1>(half ^ evenKey) ^ substituteFour<0>(std::rotl(half, 28) ^ oddKey);
 }
 
 /// Sixteen rounds over `Count` blocks side by side, with the round keys from first to last or from

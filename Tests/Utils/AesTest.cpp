@@ -313,6 +313,11 @@ TEST(AesTest, LowLevelOperationsRefuseAndWipe)
     EXPECT_EQ(toHex(bytes, sizeof(bytes)), std::string(64, '0'));
     EXPECT_EQ(AES::aes_crypt_ecb_block(&context, AES::AES_ENCRYPT, bytes, bytes), 0);
     EXPECT_EQ(toHex(bytes + 16, 16), std::string(32, '0'));
+    uint8_t stream[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+    size_t offset = 16 + 5; // within a block all the same
+    EXPECT_EQ(AES::aes_crypt_ctr(&context, 3, &offset, iv, stream, iv, bytes), 0);
+    EXPECT_EQ(toHex(bytes, 3), "050607");
+    EXPECT_EQ(offset, 8u);
     EXPECT_EQ(AES::aes_free(&context), 0);
     EXPECT_EQ(toHex(reinterpret_cast<uint8_t*>(&context), sizeof(context)),
               std::string(2 * sizeof(context), '0'));

@@ -197,6 +197,7 @@ int aes_crypt_cfb8(aes_context* ctx, int mode, size_t length, unsigned char* iv,
 int aes_crypt_cfb128(aes_context* ctx, int mode, size_t length, size_t* iv_off, unsigned char* iv,
                      const unsigned char* input, unsigned char* output)
 {
+    *iv_off %= blockSize;
     cryptCfb128(chooseEngine(), *ctx, mode == AES_ENCRYPT, length, *iv_off, iv, input, output);
     return 0;
 }
@@ -204,6 +205,7 @@ int aes_crypt_cfb128(aes_context* ctx, int mode, size_t length, size_t* iv_off, 
 int aes_crypt_ctr(aes_context* ctx, size_t length, size_t* nc_off, unsigned char* nonce_counter,
                   unsigned char* stream_block, const unsigned char* input, unsigned char* output)
 {
+    *nc_off %= blockSize;
     cryptCtr(chooseEngine(), *ctx, length, *nc_off, nonce_counter, stream_block, input, output);
     return 0;
 }

@@ -7,6 +7,7 @@
 // table-driven cipher: who shares a cache with an enemy needs a processor with the instructions.
 
 #include <array>
+#include <bit>
 #include <cstring>
 
 #include "Utils/Aes/AesEngine.h"
@@ -82,12 +83,6 @@ constexpr WordTable mixTable = makeMixTable(sBox, {2, 1, 1, 3});
 constexpr WordTable inverseMixTable = makeMixTable(inverseSBox, {14, 9, 13, 11});
 static_assert(sBox[0x53] == 0xED && inverseSBox[0xED] == 0x53 && sBox[0xFF] == 0x16);
 
-template <int Bits>
-uint32_t rotated(uint32_t word)
-{
-    return (word << Bits) | (word >> (32 - Bits));
-}
-
 uint8_t byteOf(uint32_t word, int row)
 {
     return static_cast<uint8_t>(word >> (8 * row));
@@ -96,8 +91,8 @@ uint8_t byteOf(uint32_t word, int row)
 /// One column of a round; the rows come from the columns that ShiftRows takes them from.
 uint32_t mixed(const WordTable& table, uint32_t row0, uint32_t row1, uint32_t row2, uint32_t row3)
 {
-    return table[byteOf(row0, 0)] ^ rotated<8>(table[byteOf(row1, 1)]) ^
-           rotated<16>(table[byteOf(row2, 2)]) ^ rotated<24>(table[byteOf(row3, 3)]);
+    return table[byteOf(row0, 0)] ^ std::rotl(table[byteOf(row1, 1)], 8) ^
+           std::rotl(table[byteOf(row2, 2)], 16) ^ std::rotl(table[byteOf(row3, 3)], 24);
 }
 
 /// One column of the last round, which does not mix.
@@ -169,7 +164,7 @@ void expandKey(uint32_t* words, size_t keyWords)
     for (size_t i = keyWords; i < count; ++i) {
         uint32_t word = words[i - 1];
         if (i % keyWords == 0) {
-            word = subWord(rotated<24>(word)) ^ roundConstant;
+            word = subWord(std::rotl(word, 24)) ^ roundConstant;
             roundConstant = nextRoundConstant(roundConstant);
         } else if (keyWords > 6 && i % keyWords == 4) {
             word = subWord(word);

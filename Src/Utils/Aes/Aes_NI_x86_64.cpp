@@ -109,93 +109,104 @@ INFRA_AESNI void invertSchedule(const aes_context& encrypting, aes_context& decr
     _mm_storeu_si128(keys + rounds, roundKey(encrypting, 0));
 }
 
-template <size_t Count>
-INFRA_AESNI_INLINE void ecbEncryptStep(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+struct EcbEncrypt
 {
-    __m128i blocks[Count];
-    loadBlocks(blocks, in);
-    encryptBlocks(blocks, ctx);
-    storeBlocks(out, blocks);
-}
+    template <size_t Count>
+    INFRA_AESNI_INLINE static void step(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+    {
+        __m128i blocks[Count];
+        loadBlocks(blocks, in);
+        encryptBlocks(blocks, ctx);
+        storeBlocks(out, blocks);
+    }
+};
 
-template <size_t Count>
-INFRA_AESNI_INLINE void ecbDecryptStep(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+struct EcbDecrypt
 {
-    __m128i blocks[Count];
-    loadBlocks(blocks, in);
-    decryptBlocks(blocks, ctx);
-    storeBlocks(out, blocks);
-}
+    template <size_t Count>
+    INFRA_AESNI_INLINE static void step(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+    {
+        __m128i blocks[Count];
+        loadBlocks(blocks, in);
+        decryptBlocks(blocks, ctx);
+        storeBlocks(out, blocks);
+    }
+};
 
 /// `iv` is the ciphertext block before the step, and the step's last one afterwards.
-template <size_t Count>
-INFRA_AESNI_INLINE void cbcDecryptStep(const aes_context& ctx, __m128i& iv, const uint8_t* in,
-                                       uint8_t* out)
+struct CbcDecrypt
 {
-    __m128i cipher[Count];
-    __m128i blocks[Count];
-    loadBlocks(cipher, in);
-    INFRA_UNROLLED
-    for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = cipher[i];
+    template <size_t Count>
+    INFRA_AESNI_INLINE static void step(const aes_context& ctx, const uint8_t* in, uint8_t* out,
+                                        __m128i& iv)
+    {
+        __m128i cipher[Count];
+        __m128i blocks[Count];
+        loadBlocks(cipher, in);
+        INFRA_UNROLLED
+        for (size_t i = 0; i < Count; ++i) {
+            blocks[i] = cipher[i];
+        }
+        decryptBlocks(blocks, ctx);
+        blocks[0] = _mm_xor_si128(blocks[0], iv);
+        INFRA_UNROLLED
+        for (size_t i = 1; i < Count; ++i) {
+            blocks[i] = _mm_xor_si128(blocks[i], cipher[i - 1]);
+        }
+        iv = cipher[Count - 1];
+        storeBlocks(out, blocks);
     }
-    decryptBlocks(blocks, ctx);
-    blocks[0] = _mm_xor_si128(blocks[0], iv);
-    INFRA_UNROLLED
-    for (size_t i = 1; i < Count; ++i) {
-        blocks[i] = _mm_xor_si128(blocks[i], cipher[i - 1]);
-    }
-    iv = cipher[Count - 1];
-    storeBlocks(out, blocks);
-}
+};
 
-template <size_t Count>
-INFRA_AESNI_INLINE void cfb128DecryptStep(const aes_context& ctx, __m128i& iv, const uint8_t* in,
-                                          uint8_t* out)
+struct Cfb128Decrypt
 {
-    __m128i cipher[Count];
-    __m128i blocks[Count];
-    loadBlocks(cipher, in);
-    blocks[0] = iv;
-    INFRA_UNROLLED
-    for (size_t i = 1; i < Count; ++i) {
-        blocks[i] = cipher[i - 1];
+    template <size_t Count>
+    INFRA_AESNI_INLINE static void step(const aes_context& ctx, const uint8_t* in, uint8_t* out,
+                                        __m128i& iv)
+    {
+        __m128i cipher[Count];
+        __m128i blocks[Count];
+        loadBlocks(cipher, in);
+        blocks[0] = iv;
+        INFRA_UNROLLED
+        for (size_t i = 1; i < Count; ++i) {
+            blocks[i] = cipher[i - 1];
+        }
+        encryptBlocks(blocks, ctx);
+        INFRA_UNROLLED
+        for (size_t i = 0; i < Count; ++i) {
+            blocks[i] = _mm_xor_si128(blocks[i], cipher[i]);
+        }
+        iv = cipher[Count - 1];
+        storeBlocks(out, blocks);
     }
-    encryptBlocks(blocks, ctx);
-    INFRA_UNROLLED
-    for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = _mm_xor_si128(blocks[i], cipher[i]);
+};
+
+/// Eight blocks at a time, then four, then one. `chain` is what an operation carries, if anything.
+template <typename Operation, typename... Chain>
+INFRA_AESNI_INLINE void runSteps(const aes_context& ctx, size_t blocks, const uint8_t* in,
+                                 uint8_t* out, Chain&... chain)
+{
+    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
+        Operation::template step<8>(ctx, in, out, chain...);
     }
-    iv = cipher[Count - 1];
-    storeBlocks(out, blocks);
+    if (blocks >= 4) {
+        Operation::template step<4>(ctx, in, out, chain...);
+        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
+    }
+    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
+        Operation::template step<1>(ctx, in, out, chain...);
+    }
 }
 
 INFRA_AESNI void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
-        ecbEncryptStep<8>(ctx, in, out);
-    }
-    if (blocks >= 4) {
-        ecbEncryptStep<4>(ctx, in, out);
-        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
-    }
-    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        ecbEncryptStep<1>(ctx, in, out);
-    }
+    runSteps<EcbEncrypt>(ctx, blocks, in, out);
 }
 
 INFRA_AESNI void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
-        ecbDecryptStep<8>(ctx, in, out);
-    }
-    if (blocks >= 4) {
-        ecbDecryptStep<4>(ctx, in, out);
-        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
-    }
-    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        ecbDecryptStep<1>(ctx, in, out);
-    }
+    runSteps<EcbDecrypt>(ctx, blocks, in, out);
 }
 
 /// The chain from one block to the next is its rounds alone: the next input and the first round key
@@ -226,16 +237,7 @@ INFRA_AESNI void cbcDecrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, 
                             uint8_t* out)
 {
     __m128i chain = loadBlock(iv);
-    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
-        cbcDecryptStep<8>(ctx, chain, in, out);
-    }
-    if (blocks >= 4) {
-        cbcDecryptStep<4>(ctx, chain, in, out);
-        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
-    }
-    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        cbcDecryptStep<1>(ctx, chain, in, out);
-    }
+    runSteps<CbcDecrypt>(ctx, blocks, in, out, chain);
     storeBlock(iv, chain);
 }
 
@@ -261,16 +263,7 @@ INFRA_AESNI void cfb128Decrypt(const aes_context& ctx, size_t blocks, uint8_t* i
                                const uint8_t* in, uint8_t* out)
 {
     __m128i chain = loadBlock(iv);
-    for (; blocks >= 8; blocks -= 8, in += 8 * blockSize, out += 8 * blockSize) {
-        cfb128DecryptStep<8>(ctx, chain, in, out);
-    }
-    if (blocks >= 4) {
-        cfb128DecryptStep<4>(ctx, chain, in, out);
-        blocks -= 4, in += 4 * blockSize, out += 4 * blockSize;
-    }
-    for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        cfb128DecryptStep<1>(ctx, chain, in, out);
-    }
+    runSteps<Cfb128Decrypt>(ctx, blocks, in, out, chain);
     storeBlock(iv, chain);
 }
 

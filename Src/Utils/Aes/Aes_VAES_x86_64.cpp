@@ -121,8 +121,7 @@ INFRA_VAES_INLINE void xorPairs(Pairs& blocks, const uint8_t* with)
 /// The ciphertext blocks before those at `in`, of which the first is `iv`.
 INFRA_VAES_INLINE __m256i pairBefore(__m128i iv, const uint8_t* in, size_t pair)
 {
-    return pair == 0 ? pairOf(iv, _mm_loadu_si128(reinterpret_cast<const __m128i*>(in)))
-                     : loadPair(in + (2 * pair - 1) * blockSize);
+    return pair == 0 ? pairOf(iv, loadBlock(in)) : loadPair(in + (2 * pair - 1) * blockSize);
 }
 
 INFRA_VAES void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
@@ -163,7 +162,7 @@ INFRA_VAES_INLINE void cbcDecryptStep(const aes_context& ctx, __m128i& chain, co
     for (size_t i = 0; i < pairs; ++i) {
         step[i] = _mm256_xor_si256(step[i], pairBefore(chain, in, i));
     }
-    chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + stepBytes - blockSize));
+    chain = loadBlock(in + stepBytes - blockSize);
     storePairs(out, step);
 }
 
@@ -173,11 +172,11 @@ INFRA_VAES void cbcDecrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, c
     if (blocks < stepBlocks) {
         return Aesni::cbcDecrypt(ctx, blocks, iv, in, out);
     }
-    __m128i chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
+    __m128i chain = loadBlock(iv);
     for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
         cbcDecryptStep(ctx, chain, in, out);
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), chain);
+    storeBlock(iv, chain);
     Aesni::cbcDecrypt(ctx, blocks, iv, in, out);
 }
 
@@ -190,7 +189,7 @@ INFRA_VAES_INLINE void cfb128DecryptStep(const aes_context& ctx, __m128i& chain,
     }
     encryptPairs(step, ctx);
     xorPairs(step, in);
-    chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + stepBytes - blockSize));
+    chain = loadBlock(in + stepBytes - blockSize);
     storePairs(out, step);
 }
 
@@ -200,11 +199,11 @@ INFRA_VAES void cfb128Decrypt(const aes_context& ctx, size_t blocks, uint8_t* iv
     if (blocks < stepBlocks) {
         return Aesni::cfb128Decrypt(ctx, blocks, iv, in, out);
     }
-    __m128i chain = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
+    __m128i chain = loadBlock(iv);
     for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
         cfb128DecryptStep(ctx, chain, in, out);
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), chain);
+    storeBlock(iv, chain);
     Aesni::cfb128Decrypt(ctx, blocks, iv, in, out);
 }
 
@@ -231,7 +230,7 @@ INFRA_VAES_INLINE __m128i firstBytes(const Pairs& blocks)
 INFRA_VAES_INLINE void cfb8DecryptStep(const aes_context& ctx, __m128i& window, const uint8_t* in,
                                        uint8_t* out)
 {
-    const __m128i cipher = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const __m128i cipher = loadBlock(in);
     const __m256i before = pairOf(window, _mm_alignr_epi8(cipher, window, 1));
     const __m256i ahead = pairOf(cipher, _mm_srli_si128(cipher, 1));
     Pairs blocks = {
@@ -241,7 +240,7 @@ INFRA_VAES_INLINE void cfb8DecryptStep(const aes_context& ctx, __m128i& window, 
     };
     window = cipher;
     encryptPairs(blocks, ctx);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_xor_si128(firstBytes(blocks), cipher));
+    storeBlock(out, _mm_xor_si128(firstBytes(blocks), cipher));
 }
 
 INFRA_VAES void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, const uint8_t* in,
@@ -250,11 +249,11 @@ INFRA_VAES void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, co
     if (size < stepBlocks) {
         return Aesni::cfb8Decrypt(ctx, size, iv, in, out);
     }
-    __m128i window = _mm_loadu_si128(reinterpret_cast<const __m128i*>(iv));
+    __m128i window = loadBlock(iv);
     for (; size >= stepBlocks; size -= stepBlocks, in += stepBlocks, out += stepBlocks) {
         cfb8DecryptStep(ctx, window, in, out);
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(iv), window);
+    storeBlock(iv, window);
     Aesni::cfb8Decrypt(ctx, size, iv, in, out);
 }
 
@@ -294,15 +293,15 @@ INFRA_VAES_INLINE __m256i ctrStep(const aes_context& ctx, __m256i& counters, con
 INFRA_VAES void ctrSteps(const aes_context& ctx, size_t steps, uint8_t* counter, uint8_t* stream,
                          const uint8_t* in, uint8_t* out)
 {
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(counter));
+    const __m128i block = loadBlock(counter);
     const __m256i pair = toBlocks(pairOf(block, block));
     __m256i counters = _mm256_add_epi64(pair, _mm256_set_epi64x(0, 1, 0, 0));
     __m256i last = _mm256_setzero_si256();
     for (; steps != 0; --steps, in += stepBytes, out += stepBytes) {
         last = ctrStep(ctx, counters, in, out);
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(counter), firstOf(toBlocks(counters)));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(stream), secondOf(last));
+    storeBlock(counter, firstOf(toBlocks(counters)));
+    storeBlock(stream, secondOf(last));
 }
 
 /// Whole steps up to where the low half of the counter overflows, then one step's blocks by the other
