@@ -147,12 +147,13 @@ TEST(Base64Test, EveryOtherByteEndsTheTextWhereverItStands)
     onEachCpuLevel([&] {
         for (int stop = 0; stop < 256; ++stop) {
             const bool stops = alphabet.find(static_cast<char>(stop)) == std::string::npos;
+            std::string letters;
+            for (size_t i = 0; i < size; ++i) {
+                letters += alphabet[random.below(64)];
+            }
+            letters += '\0'; // where `stop` is none
             for (size_t at = 0; at < size; at += stop % 8 == 0 ? 1 : 5) {
-                std::string text;
-                for (size_t i = 0; i < size; ++i) {
-                    text += alphabet[random.below(64)];
-                }
-                text += '\0'; // where `stop` is none
+                std::string text = letters;
                 text[at] = static_cast<char>(stop);
                 const size_t n = stops ? at : size;
                 const size_t bytes = n / 4 * 3 + (n % 4 == 0 ? 0 : n % 4 - 1);
