@@ -5,7 +5,7 @@
 
 #include <cpuid.h>
 
-#include <atomic>
+#include "Infra3/AssertFront.h"
 
 namespace Tarsel
 {
@@ -42,9 +42,8 @@ uint64_t savedState(const CpuidAnswer& basic)
     return (static_cast<uint64_t>(high) << 32) | low;
 }
 
-CCpuFeatureSet askFeatures()
+CCpuFeatureSet featuresOf(const CpuidAnswer& basic)
 {
-    const CpuidAnswer basic = askProcessor(1);
     const CpuidAnswer extended = askProcessor(7);
     const uint64_t saved = savedState(basic);
     const bool ymm = (saved & ymmState) == ymmState;
@@ -72,26 +71,62 @@ CCpuFeatureSet askFeatures()
     return features;
 }
 
-constinit std::atomic<CCpuFeatureSet> s_hidden{CCpuFeatureSet()};
+struct Asked
+{
+    CpuidAnswer basic;
+    CCpuFeatureSet features;
+};
+
+const Asked& asked()
+{
+    static const Asked answers = [] {
+        const CpuidAnswer basic = askProcessor(1);
+        return Asked{basic, featuresOf(basic)};
+    }();
+    return answers;
+}
 
 } // namespace
 
-CCpuFeatureSet cpuFeatures()
+namespace Detail
 {
-    static const CCpuFeatureSet asked = askFeatures();
-    CCpuFeatureSet features = asked;
-    features.remove(s_hidden.load(std::memory_order_relaxed));
-    return features;
+
+constinit std::atomic<CCpuFeatureSet> shownFeatures{CCpuFeatureSet()};
+
+} // namespace Detail
+
+namespace
+{
+
+void showAll()
+{
+    Detail::shownFeatures.store(asked().features, std::memory_order_relaxed);
+}
+
+/// Before anything else of the library is made.
+[[gnu::constructor(101)]] void askAtLoad()
+{
+    showAll();
+}
+
+} // namespace
+
+uint32_t basicFeatureWord()
+{
+    return asked().basic.ecx;
 }
 
 CHiddenCpuFeatures::CHiddenCpuFeatures(CCpuFeatureSet hidden)
 {
-    s_hidden.store(hidden, std::memory_order_relaxed);
+    CCpuFeatureSet features = asked().features;
+    INFRA_ASSERT(cpuFeatures().hasAll(features));
+    features.remove(hidden);
+    Detail::shownFeatures.store(features, std::memory_order_relaxed);
 }
 
 CHiddenCpuFeatures::~CHiddenCpuFeatures()
 {
-    s_hidden.store(CCpuFeatureSet(), std::memory_order_relaxed);
+    showAll();
 }
 
 } // namespace Infra

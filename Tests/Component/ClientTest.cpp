@@ -552,7 +552,7 @@ TEST_F(ClientTest, NoFreedMemoryHoldsAPassword)
         CSession* const client = sessionFor("Dev", server);
         client->saveUserName("another user");
         CComponentHelper::release(client);
-        EXPECT_EQ(CSecretWatch::found(), 0);
+        EXPECT_EQ(watch.found(), 0);
     }
 }
 

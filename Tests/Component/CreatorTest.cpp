@@ -95,7 +95,7 @@ TEST(CreatorTest, NoFreedMemoryHoldsAPassword)
         const ServerInfo server = serverOf("a", 1, "u", password, 0);
         const CSecretWatch watch(password);
         EXPECT_EQ(getComponentInstance("Secret", &server)->release(), 0);
-        EXPECT_EQ(CSecretWatch::found(), 0);
+        EXPECT_EQ(watch.found(), 0);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Infra3/CpuFeatures.h"
+#include "Support/ChildProcess.h"
 
 namespace Tarsel
 {
@@ -59,6 +60,16 @@ TEST(CpuFeaturesTest, ATestCanForceEachImplementation)
         EXPECT_EQ(chooseImplementation(table)(), 1);
     }
     EXPECT_EQ(chooseImplementation(table)(), 3);
+}
+
+TEST(CpuFeaturesTest, HidingIsNotNested)
+{
+    const TestSupport::ChildResult child = TestSupport::runInChild([] {
+        const CHiddenCpuFeatures outer(cpuFeatures());
+        const CHiddenCpuFeatures inner({CpuFeature::avx2});
+    });
+    EXPECT_FALSE(child.succeeded());
+    EXPECT_NE(child.report().find("cpuFeatures().hasAll(features)"), std::string::npos);
 }
 
 } // namespace

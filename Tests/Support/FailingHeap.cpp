@@ -1,4 +1,4 @@
-// FailingHeap.cpp: the heap seam, and scenarios run against each failure in turn.
+// FailingHeap.cpp: the heap seams, and scenarios run against each failure in turn.
 
 #include "Support/FailingHeap.h"
 
@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -30,6 +31,17 @@ constinit std::atomic<bool> s_isShort{false};
 constinit std::atomic<int> s_firstFailing{0};
 constinit std::atomic<int> s_lastFailing{0};
 constinit std::atomic<int> s_asked{0};
+
+constinit thread_local const void* s_lastMade = nullptr;
+constinit thread_local const Tarsel::TestSupport::CFreedBlocks::Look* s_look = nullptr;
+
+void drop(void* block)
+{
+    if (s_look != nullptr && block != nullptr) {
+        (*s_look)(block, malloc_usable_size(block));
+    }
+    free(block);
+}
 
 bool isMissing()
 {
@@ -47,19 +59,6 @@ bool fails(size_t bytes)
     }
     errno = ENOMEM;
     return true;
-}
-
-constinit std::atomic<const char*> s_secret{nullptr};
-constinit std::atomic<int> s_secretsFound{0};
-
-void giveBack(void* block)
-{
-    const char* const secret = s_secret.load(std::memory_order_acquire);
-    if (secret != nullptr && block != nullptr &&
-        memmem(block, malloc_usable_size(block), secret, strlen(secret)) != nullptr) {
-        ++s_secretsFound;
-    }
-    free(block);
 }
 
 } // namespace
@@ -85,7 +84,9 @@ extern "C" void* __wrap_realloc(void* block, size_t size)
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept
 {
-    return isMissing() ? nullptr : __real_malloc(size == 0 ? 1 : size);
+    void* const block = isMissing() ? nullptr : __real_malloc(size == 0 ? 1 : size);
+    s_lastMade = block;
+    return block;
 }
 
 void* operator new(size_t size)
@@ -109,22 +110,22 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept
 
 void operator delete(void* block) noexcept
 {
-    giveBack(block);
+    drop(block);
 }
 
 void operator delete(void* block, size_t) noexcept
 {
-    giveBack(block);
+    drop(block);
 }
 
 void operator delete[](void* block) noexcept
 {
-    giveBack(block);
+    drop(block);
 }
 
 void operator delete[](void* block, size_t) noexcept
 {
-    giveBack(block);
+    drop(block);
 }
 
 namespace Tarsel
@@ -169,21 +170,12 @@ bool runShort(const ShortageTest& test, int number, Shortage shortage)
 
 } // namespace
 
-CSecretWatch::CSecretWatch(const char* secret)
-{
-    s_secretsFound = 0;
-    s_secret = secret;
-}
-
-CSecretWatch::~CSecretWatch()
-{
-    s_secret = nullptr;
-}
-
-int CSecretWatch::found()
-{
-    return s_secretsFound;
-}
+CSecretWatch::CSecretWatch(std::string secret)
+    : m_secret(std::move(secret)), m_freed([this](const void* block, size_t size) {
+          const void* const found = memmem(block, size, m_secret.data(), m_secret.size());
+          m_found += found != nullptr && found != m_secret.data() ? 1 : 0;
+      })
+{}
 
 CFailingHeap::CFailingHeap(size_t bytes)
 {
@@ -211,6 +203,21 @@ CMemoryShortage::~CMemoryShortage()
 bool CMemoryShortage::wasFelt()
 {
     return s_asked >= s_firstFailing;
+}
+
+const void* lastMade()
+{
+    return s_lastMade;
+}
+
+CFreedBlocks::CFreedBlocks(Look look) : m_look(std::move(look))
+{
+    s_look = &m_look;
+}
+
+CFreedBlocks::~CFreedBlocks()
+{
+    s_look = nullptr;
 }
 
 bool managed(const std::function<void()>& step)

@@ -1,7 +1,7 @@
 #ifndef INFRA_TESTS_SUPPORT_FAILINGHEAP_H
 #define INFRA_TESTS_SUPPORT_FAILINGHEAP_H
 
-// A heap that fails on demand. The test program has its own `operator new`, and the linker sends
+// A heap that fails on demand, and shows what is freed. The test program has its own `operator new`, and the linker sends
 // every `malloc`, `calloc` and `realloc` of this program here (--wrap); what the C library takes for
 // itself is not meant.
 
@@ -46,18 +46,36 @@ public:
     static bool wasFelt();
 };
 
-/// While it lives, freed blocks are searched for a text that should not stay in memory. One at a
-/// time.
+/// What the calling thread's last `new` gave.
+const void* lastMade();
+
+/// While it lives, each block that the calling thread deletes is shown just before it is freed.
+class CFreedBlocks
+{
+public:
+    using Look = std::function<void(const void* block, size_t size)>;
+    explicit CFreedBlocks(Look look);
+    ~CFreedBlocks();
+    CFreedBlocks(const CFreedBlocks&) = delete;
+    CFreedBlocks& operator=(const CFreedBlocks&) = delete;
+
+private:
+    Look m_look;
+};
+
+/// Searches what the calling thread deletes for a text that should not stay in memory.
 class CSecretWatch
 {
 public:
-    explicit CSecretWatch(const char* secret);
-    ~CSecretWatch();
-    CSecretWatch(const CSecretWatch&) = delete;
-    CSecretWatch& operator=(const CSecretWatch&) = delete;
+    explicit CSecretWatch(std::string secret);
 
-    /// How many of them held it.
-    static int found();
+    /// How many blocks held it.
+    int found() const { return m_found; }
+
+private:
+    const std::string m_secret;
+    int m_found = 0;
+    CFreedBlocks m_freed;
 };
 
 /// Runs `step`; false when it ended with std::bad_alloc, the answer of what has no other result.

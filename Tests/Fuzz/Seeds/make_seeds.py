@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Writes inputs for a fuzz target to begin with: descriptions and segments as the format has them, and
-ones in which a single field says something else.
+ones in which a single field says something else; messages in pieces, and texts of each length.
 
     Tests/Fuzz/Seeds/make_seeds.py TARGET FOLDER
 
@@ -83,9 +83,29 @@ def share_segment():
                 struct.pack("<HB", at + i, value) for i, value in enumerate(values))
 
 
+def aes_splits():
+    """Each mode, key length and processor: 49 bytes in front, then pieces of one to thirty bytes or
+    blocks, past an overflow of the counter's low half."""
+    for kind in range(45):
+        head = bytes([kind]) + bytes(range(32)) + bytes(8) + b"\xff" * 8
+        yield head
+        yield head + bytes(i * 7 % 30 for i in range(600))
+
+
+def base64_text():
+    """Each number of characters around the steps of the vectors, and each way to end."""
+    alphabet = b"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"
+    for length in [*range(0, 70), 95, 96, 97, 4095, 4096, 4097, 4127, 4128, 4200]:
+        text = (alphabet * 66)[:length]
+        yield text
+        for end in (b"=", b"==", b"\n", b"\x00", b"-", b"\xff"):
+            yield text + end + b"more"
+
+
 def main():
     target, folder = sys.argv[1], pathlib.Path(sys.argv[2])
-    makers = {"ShareDescription": share_description, "ShareSegment": share_segment}
+    makers = {"ShareDescription": share_description, "ShareSegment": share_segment,
+              "AesSplits": aes_splits, "Base64Text": base64_text}
     folder.mkdir(parents=True, exist_ok=True)
     for number, seed in enumerate(makers.get(target, list)()):
         (folder / f"seed-{number:04}").write_bytes(seed)

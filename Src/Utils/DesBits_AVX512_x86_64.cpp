@@ -1,0 +1,21 @@
+// DesBits_AVX512_x86_64.cpp: DES of 512 blocks at once. Compiled for processors that have AVX512.
+
+#define INFRA_DES_LANES 8
+#include "Utils/DesBitsKernel.h"
+
+namespace Tarsel
+{
+namespace Utils
+{
+namespace DES
+{
+
+size_t cryptBitsAvx512(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
+                       size_t blocks, const uint8_t* in, uint8_t* out)
+{
+    return cryptBits(keys, direction, passes, chain, blocks, in, out);
+}
+
+} // namespace DES
+} // namespace Utils
+} // namespace Tarsel
