@@ -70,6 +70,16 @@ size_t placeBehind(const Keys& keys, int bound, size_t from)
     return placeBetween(keys, bound, from, std::min(from + step, keys.size()));
 }
 
+/// The same as placeOf(), and at once for a bound in the last interval or behind it.
+size_t placeNearEnd(const Keys& keys, int bound)
+{
+    const size_t size = keys.size();
+    if (size == 0 || keys[size - 2] >= bound) {
+        return placeOf(keys, bound);
+    }
+    return keys[size - 1] < bound ? size : size - 1;
+}
+
 bool has(size_t place, Parity parity)
 {
     return place % 2 == parity;
@@ -118,9 +128,8 @@ void add(Keys& keys, const CIntervalSet::Interval& range, Parity starts)
     if (first >= second) {
         return;
     }
-    const bool isBehindAll = keys.empty() || keys.back() < first;
-    const size_t low = isBehindAll ? keys.size() : placeOf(keys, first);
-    const size_t high = isBehindAll ? keys.size() : placeBehind(keys, second, low);
+    const size_t low = placeNearEnd(keys, first);
+    const size_t high = placeBehind(keys, second, low);
     if (low != high) {
         coverKeys(keys, first, second, low, high, starts);
     } else if (has(low, starts)) {

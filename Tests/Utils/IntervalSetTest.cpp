@@ -79,6 +79,18 @@ TEST(IntervalSetTest, FindingIsByTheEnd)
     }
 }
 
+TEST(IntervalSetTest, SetsMergeUpToTheEndsOfTheNumbers)
+{
+    CIntervalSet lower;
+    CIntervalSet upper;
+    lower.insert({INT_MIN, -5});
+    lower.insert({0, 7});
+    upper.insert({-5, -1});
+    upper.insert({3, INT_MAX});
+    lower += upper;
+    EXPECT_EQ(text(lower), "-2147483648--1 0-2147483647 ");
+}
+
 TEST(IntervalSetTest, AskingForWhatIsNotThereEndsTheProcess)
 {
     for (const int index : {0, -1, INT_MIN, INT_MAX, 1 << 30}) {
@@ -91,17 +103,38 @@ TEST(IntervalSetTest, AskingForWhatIsNotThereEndsTheProcess)
 }
 
 constexpr size_t pointCount = 200;
+constexpr int lowest = -100; ///< what the first point stands for
 typedef std::bitset<pointCount> Points;
+
+int numberOf(size_t point)
+{
+    return static_cast<int>(point) + lowest;
+}
+
+/// The index of the first run of points that ends at a point or behind it.
+int found(const Points& points, size_t from)
+{
+    int runs = 0; // that have ended
+    for (size_t point = 0; point < pointCount; ++point) {
+        const bool ends =
+            points.test(point) && (point + 1 == pointCount || !points.test(point + 1));
+        if (ends && point + 1 >= from) {
+            return runs;
+        }
+        runs += ends ? 1 : 0;
+    }
+    return -1;
+}
 
 std::string text(const Points& points)
 {
     std::string all;
     for (size_t point = 0; point < pointCount; ++point) {
         if (points.test(point) && (point == 0 || !points.test(point - 1))) {
-            all += std::to_string(point) + "-";
+            all += std::to_string(numberOf(point)) + "-";
         }
         if (points.test(point) && (point + 1 == pointCount || !points.test(point + 1))) {
-            all += std::to_string(point + 1) + " ";
+            all += std::to_string(numberOf(point + 1)) + " ";
         }
     }
     return all;
@@ -117,7 +150,7 @@ TEST(IntervalSetTest, LongRunsAgreeWithASetOfPoints)
         const size_t other = random() % 2; // also itself
         const size_t first = random() % pointCount;
         const size_t second = std::min(first + random() % 12, pointCount);
-        const CIntervalSet::Interval range(static_cast<int>(first), static_cast<int>(second));
+        const CIntervalSet::Interval range(numberOf(first), numberOf(second));
         switch (random() % 50) {
         case 0:
             sets[which] += sets[other];
@@ -145,6 +178,11 @@ TEST(IntervalSetTest, LongRunsAgreeWithASetOfPoints)
         }
         ASSERT_EQ(text(sets[which]), text(models[which])) << step;
         ASSERT_EQ(sets[which].empty(), models[which].none());
+        if (step % 64 == 0) {
+            for (size_t point = 0; point <= pointCount; ++point) {
+                ASSERT_EQ(sets[which].find(numberOf(point)), found(models[which], point)) << point;
+            }
+        }
     }
 }
 
