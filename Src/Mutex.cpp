@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <cstdlib>
+#include <new>
 
 #include "Infra3/AssertFront.h"
 
@@ -39,8 +40,9 @@ pthread_mutex_t* lockOf(const MutexInternal* m_internal)
 
 } // namespace
 
-CMutex::CMutex(Type type) : m_internal(new MutexInternal)
+CMutex::CMutex(Type type) : m_internal(new (std::nothrow) MutexInternal)
 {
+    INFRA_SYSTEM_ASSERT_TEXT(m_internal != nullptr, "m_internal");
     m_internal->m_lock = static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t)));
     pthread_mutex_t* const lock = lockOf(m_internal);
     if (type == mutexRecursive) {

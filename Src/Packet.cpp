@@ -63,6 +63,12 @@ CPacketManager* CPacketManager::instance()
 
 CPacketManager::~CPacketManager() = default;
 
+/// Threads that run on while the process exits may still call it.
+bool CPacketManager::staysInUse(CPacketManager*)
+{
+    return true;
+}
+
 unsigned long CPacketManager::GetBufferSize()
 {
     return Tarsel::Memory::CPacketManager::instance()->getBufferSize();

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 
 #include "Infra3/AssertFront.h"
 
@@ -14,8 +15,9 @@ struct SemaphoreInternal
     sem_t* m_sem;
 };
 
-CSemaphore::CSemaphore(unsigned int value) : m_internal(new SemaphoreInternal)
+CSemaphore::CSemaphore(unsigned int value) : m_internal(new (std::nothrow) SemaphoreInternal)
 {
+    INFRA_SYSTEM_ASSERT_TEXT(m_internal != nullptr, "m_internal");
     m_internal->m_sem = static_cast<sem_t*>(malloc(sizeof(sem_t)));
     INFRA_SYSTEM_ASSERT_TEXT(m_internal->m_sem != nullptr, "m_internal->m_sem");
     const int ret = sem_init(m_internal->m_sem, /*shared between processes*/ 0, value);

@@ -20,6 +20,20 @@ public:
         : Tarsel::Infra::CThread(name, priority, policy, stackSize), m_owner(owner)
     {}
 
+    /// The thread ends here, while there is still a threadProc() for it to begin with.
+    ~CThreadDrived() override
+    {
+        if (isThreadOver() || getThreadID() == getCurrentThreadID()) {
+            return; // a body that destroys itself goes on alone
+        }
+        if (looping()) {
+            destroyThread();
+        }
+        while (!isThreadOver()) { // somebody else has told it to end
+            sleep(1);
+        }
+    }
+
     void threadProc() override { m_owner->ThreadProc(); }
 
 private:
@@ -146,6 +160,12 @@ void CThreadManager::onCreated(CThreadManager*)
 }
 
 CThreadManager::~CThreadManager() = default;
+
+/// Threads that run on while the process exits may still call it.
+bool CThreadManager::staysInUse(CThreadManager*)
+{
+    return true;
+}
 
 void CThreadManager::RegisterMainThread()
 {

@@ -6,15 +6,13 @@
 #include <climits>
 #include <ctime>
 
-#include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Thread.h"
 #include "Infra3/Immortal.h"
-#include "Infra3/LeafMutex.h"
+#include "Infra3/LocalTime.h"
 #include "Infra3/TimeFormat.h"
 
-using Tarsel::Infra::CGuard;
-using Tarsel::Infra::CLeafMutex;
+using Tarsel::Infra::CDefaultTimeFormat;
 using Tarsel::Infra::TimeFormatSettings;
 
 namespace
@@ -47,17 +45,10 @@ TimeFormatSettings forWriting(const Settings& settings)
             settings.m_dateSeparator, settings.m_12hour};
 }
 
-/// The default text. A copy is taken under its lock.
-struct StoredFormat
-{
-    CLeafMutex mutex;
-    std::string m_format = "yyyy-MM-dd HH:mm:ss"; // guarded by mutex
-};
-
-StoredFormat& storedFormat()
+CDefaultTimeFormat& defaultFormat()
 {
     struct Tag;
-    return Tarsel::Infra::immortal<StoredFormat, Tag>();
+    return Tarsel::Infra::immortal<CDefaultTimeFormat, Tag>();
 }
 
 bool isGiven(const void* argument, const char* complaint)
@@ -98,15 +89,14 @@ unsigned long long CTime::makeTime() const
     local.tm_min = minute;
     local.tm_sec = second;
     local.tm_isdst = isdst;
-    const time_t time = mktime(&local);
+    const time_t time = Tarsel::Infra::convertFromLocal(local);
     return time == -1 ? 0 : static_cast<unsigned long long>(time);
 }
 
 void CTime::breakTime(unsigned long long time)
 {
-    const time_t seconds = static_cast<time_t>(time);
     tm local = {};
-    if (localtime_r(&seconds, &local) == nullptr) { // a year beyond an int
+    if (!Tarsel::Infra::convertToLocal(static_cast<time_t>(time), local)) { // a year beyond an int
         *this = CTime();
         return;
     }
@@ -140,14 +130,12 @@ void CTime::format(char* buf, const char* format) const
     }
 }
 
-void CTime::setFormat(std::string format)
+void CTime::setFormat(std::string format) // NOLINT(performance-unnecessary-value-param)
 {
+    defaultFormat().set(format.c_str());
     const TimeFormatSettings derived = Tarsel::Infra::timeFormatSettingsOf(format.c_str());
     set({static_cast<DataFormat>(derived.dateFormat), derived.dateSeparator, derived.hours12, 0});
     Tarsel::Infra::CTime::setFormat(format);
-    StoredFormat& stored = storedFormat();
-    const CGuard guard(stored.mutex);
-    stored.m_format.swap(format);
 }
 
 void CTime::setFormat(int dateFormat, int dateSeparator, int timeFormat)
@@ -175,9 +163,7 @@ void CTime::setFormat(int dateFormat, int dateSeparator, int timeFormat)
 
 std::string CTime::getFormat()
 {
-    StoredFormat& stored = storedFormat();
-    const CGuard guard(stored.mutex);
-    return stored.m_format;
+    return defaultFormat().get();
 }
 
 CTime::DataFormat CTime::getDateFormat()

@@ -21,7 +21,7 @@ int shownMicroSeconds(uint64_t us)
 } // namespace
 
 CTimeRecord::CTimeRecord(const char* name, int size)
-    : m_points(new (std::nothrow) TimePoint[static_cast<size_t>(std::max(size, 0)) + 1]),
+    : m_points(new (std::nothrow) TimePoint[static_cast<size_t>(std::max(size, 0))]),
       m_name(textOrEmpty(name)),
       m_size(m_points == nullptr ? 0 : std::max(size, 0)),
       m_pos(0),
@@ -51,15 +51,18 @@ void CTimeRecord::reset()
 
 void CTimeRecord::stat(unsigned int threshold)
 {
-    if (m_pos == 0) {
+    // A printer of the application may take samples, or reset this, between the lines.
+    const int count = m_pos;
+    if (count == 0) {
         return;
     }
-    m_points[m_pos] = {"", CTime::getCurrentMicroSecond()};
-    if (threshold != 0 && m_points[m_pos].us - m_points[0].us < threshold) {
+    const uint64_t end = CTime::getCurrentMicroSecond();
+    if (threshold != 0 && end - m_points[0].us < threshold) {
         return;
     }
-    for (const TimePoint* point = m_points; point != m_points + m_pos; ++point) {
-        INFRA_LOG_INFO("%s-%s : %d us\n", m_name, point->name,
-                       shownMicroSeconds(point[1].us - point->us));
+    for (int i = 0; i < count; ++i) {
+        const uint64_t next = i + 1 < count ? m_points[i + 1].us : end;
+        INFRA_LOG_INFO("%s-%s : %d us\n", m_name, m_points[i].name,
+                       shownMicroSeconds(next - m_points[i].us));
     }
 }

@@ -48,14 +48,30 @@ struct TimerInternal
     /// The call of that pair; null without memory.
     CMemberCall* callOf(CObject* object, Member member)
     {
+        CMemberCall* const known = knownCallOf(object, member);
+        return known != nullptr ? known : newCall(object, member);
+    }
+
+    CMemberCall* knownCallOf(CObject* object, Member member)
+    {
         const CGuard guard(mutex);
         for (CMemberCall& call : calls) {
             if (call.isOf(object, member)) {
                 return &call;
             }
         }
+        return nullptr;
+    }
+
+    /// A second one for a pair, by another thread at the same time, does no harm.
+    CMemberCall* newCall(CObject* object, Member member)
+    {
         try {
-            return &calls.emplace_front(object, member);
+            std::forward_list<CMemberCall> made;
+            CMemberCall& call = made.emplace_front(object, member);
+            const CGuard guard(mutex);
+            calls.splice_after(calls.before_begin(), made);
+            return &call;
         } catch (const std::bad_alloc&) {
             return nullptr;
         }
@@ -149,3 +165,9 @@ void CTimerManager::DumpTimers()
 }
 
 CTimerManager::~CTimerManager() = default;
+
+/// Threads that run on while the process exits may still call it.
+bool CTimerManager::staysInUse(CTimerManager*)
+{
+    return true;
+}

@@ -2,17 +2,9 @@
 #define INFRA_PACKET_H
 
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/Singleton.h"
 #include "Infra/Infra3/Function.h"
 #include "Memory/Packet.h"
-
-namespace Tarsel
-{
-namespace Infra
-{
-template <typename T>
-class TSingleton;
-} // namespace Infra
-} // namespace Tarsel
 
 /// The older packet: a handle to a Tarsel::Memory::CPacket whose extra data is called its header. The
 /// size of headers is one for the process, see IPacketManager::config().
@@ -31,18 +23,15 @@ public:
     /// once with `arg` and the capacity when the last handle goes.
     CPacket(unsigned int size, FreeProc func, void* arg);
     CPacket(const CPacket&) = default;
+    CPacket(CPacket&&) = default;
     CPacket& operator=(const CPacket&) = default;
+    CPacket& operator=(CPacket&&) = default;
     ~CPacket() = default;
 
     /// Shares the newer packet, whatever its extra data is.
     CPacket(const Tarsel::Memory::CPacket& packet) // NOLINT(google-explicit-constructor)
         : m_packet(packet)
     {}
-    CPacket& operator=(const Tarsel::Memory::CPacket& packet)
-    {
-        m_packet = packet;
-        return *this;
-    }
     operator Tarsel::Memory::CPacket() const { return m_packet; } // NOLINT
 
     bool valid() const { return m_packet.valid(); }
@@ -77,7 +66,9 @@ public:
     /// on.
     /// @param totalSize   bytes of pool
     /// @param chunkSize   bytes of a chunk
-    /// @param headerSize  bytes; below 0 is none
+    /// @param headerSize  bytes, up to 255: of more the size reads modulo 256; below 0 is none. It
+    ///                    counts also where the pool is refused; a chunk below 1024 ends the process,
+    ///                    as in Tarsel::Memory::CPacketManager::config()
     static void config(int totalSize, int chunkSize, int headerSize);
 
     virtual ~IPacketManager();
@@ -99,6 +90,9 @@ public:
 private:
     friend class Tarsel::Infra::TSingleton<CPacketManager>;
     CPacketManager() = default;
+    CPacketManager(const CPacketManager&);
+    CPacketManager& operator=(const CPacketManager&);
+    static bool staysInUse(CPacketManager* manager);
 };
 
 #endif

@@ -4,22 +4,15 @@
 #include <string>
 
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/Singleton.h"
 #include "Infra/Infra3/Thread.h"
 
 struct ThreadInternal;
-namespace Tarsel
-{
-namespace Infra
-{
-template <typename T>
-class TSingleton;
-} // namespace Infra
-} // namespace Tarsel
-
 /// The older base of threads, over Tarsel::Infra::CThread, at which stands what each operation does.
 ///
-/// Ownership: a subclass calls DestroyThread() in its own destructor. When this one's runs, the
-/// members of the subclass are gone, and a body that only begins then is this class's own.
+/// Ownership: a subclass calls DestroyThread() in its own destructor. When this one's runs, which
+/// stops the thread and waits for it, the members of the subclass are gone, and a body that only
+/// begins then is this class's own.
 class INFRA_API CThread
 {
 public:
@@ -79,6 +72,9 @@ public:
 private:
     friend class Tarsel::Infra::TSingleton<CThreadManager>;
     CThreadManager() = default;
+    CThreadManager(const CThreadManager&);
+    CThreadManager& operator=(const CThreadManager&);
+    static bool staysInUse(CThreadManager* manager);
     static void onCreated(CThreadManager* manager);
 };
 

@@ -47,7 +47,9 @@ public:
     /// breakTime().
     CTime(unsigned long long time); // NOLINT(google-explicit-constructor)
 
-    /// Seconds since 1970 in UTC of this local time; 0 when the system cannot tell.
+    /// Seconds since 1970 in UTC of this local time; 0 when the system cannot tell. A time before
+    /// 1970 gives the negative number in 64 bits. `isdst` counts, where the clock shows an hour twice
+    /// and elsewhere.
     unsigned long long makeTime() const;
     /// Sets all fields to the local time of `time` seconds since 1970 in UTC.
     void breakTime(unsigned long long time);
@@ -62,6 +64,7 @@ public:
     /// This time moved by `seconds`, no zone applied.
     CTime operator+(int64_t seconds) const { return newer() + seconds; }
     CTime operator-(int64_t seconds) const { return newer() - seconds; }
+    /// The same in place; `isdst` stays, which makeTime() heeds. With + and - it is unknown after.
     CTime& operator+=(int64_t seconds);
     CTime& operator-=(int64_t seconds);
     /// Seconds from `time` to this one.
@@ -69,15 +72,16 @@ public:
 
     /// Writes the time in the form of `format` (see Tarsel::Infra::CTime::format), with date order,
     /// separator and 12 or 24 hours as they are set here.
-    /// @param buf  has room for the text, which is about as long as `format`, and its terminator: a
-    ///             letter of it gives four characters at most. Null, like a null `format`, is logged
+    /// @param buf  has room for the text and its terminator: for each letter of `format` four
+    ///             characters at most, or eleven if a field is outside the calendar. Null, like a
+    ///             null `format`, is logged
     void format(char* buf, const char* format) const;
 
     /// Sets the default text and derives the three settings from it, here and in
     /// Tarsel::Infra::CTime; both log what they cannot derive.
     static void setFormat(std::string format);
-    /// Sets the three settings one by one, here alone; what is none of the values leaves a setting
-    /// as it is, and the date order as year, month, day.
+    /// Sets the three settings, here alone. A separator or hours that are none of the values leave
+    /// theirs as they are; a date order that is none is kept, and written as year, month, day.
     static void setFormat(int dateFormat, int dateSeparator, int timeFormat);
     /// The text set last, "yyyy-MM-dd HH:mm:ss" at first.
     static std::string getFormat();
@@ -124,7 +128,7 @@ public:
     /// Begins the part of that name. Points beyond `size` are not taken, which is logged for the
     /// first of them.
     void sample(const char* name);
-    /// Drops all points.
+    /// Drops all points; a full recorder says so again from then on.
     void reset();
     /// Ends the last part, for this look only, and logs a line for each part at info level.
     /// @param threshold  microseconds; nothing is logged if all parts together took less. 0 is none
@@ -140,7 +144,7 @@ private:
         uint64_t us;
     };
 
-    TimePoint* m_points; ///< one more than `m_size`, for the end; null without memory
+    TimePoint* m_points; ///< null without memory
     const char* m_name;
     int m_size;
     int m_pos; ///< points taken

@@ -3,17 +3,9 @@
 
 #include "Infra/Function.h"
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/Singleton.h"
 
 struct TimerInternal;
-namespace Tarsel
-{
-namespace Infra
-{
-template <typename T>
-class TSingleton;
-} // namespace Infra
-} // namespace Tarsel
-
 /// The older timer, over Tarsel::Infra::CTimer, at which stands what each operation does. All times
 /// are milliseconds.
 class INFRA_API CTimer
@@ -67,6 +59,9 @@ public:
 private:
     friend class Tarsel::Infra::TSingleton<CTimerManager>;
     CTimerManager() = default;
+    CTimerManager(const CTimerManager&);
+    CTimerManager& operator=(const CTimerManager&);
+    static bool staysInUse(CTimerManager* manager);
 };
 
 #endif

@@ -14,13 +14,11 @@
 #include <optional>
 #include <string>
 
-#include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Time.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/Digits.h"
 #include "Infra3/Immortal.h"
-#include "Infra3/LeafMutex.h"
 #include "Infra3/TimeFormat.h"
 #include "Infra3/TimeInternal.h"
 
@@ -41,17 +39,10 @@ Settings settings()
     return s_settings.load(std::memory_order_relaxed);
 }
 
-/// The default text. A copy is taken under its lock.
-struct StoredFormat
-{
-    CLeafMutex mutex;
-    std::string s_format = "yyyy-MM-dd HH:mm:ss"; // guarded by mutex
-};
-
-StoredFormat& storedFormat()
+CDefaultTimeFormat& defaultFormat()
 {
     struct Tag;
-    return immortal<StoredFormat, Tag>();
+    return immortal<CDefaultTimeFormat, Tag>();
 }
 
 /// The date letters of a format text.
@@ -519,11 +510,7 @@ void CTime::format(char* buf, const char* format, int mask) const
 void CTime::setFormatString(const char* format)
 {
     const char* const text = textOrEmpty(format);
-    {
-        StoredFormat& stored = storedFormat();
-        CGuard guard(stored.mutex);
-        stored.s_format = text;
-    }
+    defaultFormat().set(text);
     s_settings.store(timeFormatSettingsOf(text), std::memory_order_relaxed);
 }
 
@@ -534,9 +521,7 @@ void CTime::setFormat(const std::string& format)
 
 CString2 CTime::getFormat()
 {
-    StoredFormat& stored = storedFormat();
-    CGuard guard(stored.mutex);
-    return stored.s_format;
+    return defaultFormat().get();
 }
 
 CTime::DateFormat CTime::getDateFormat()

@@ -4,8 +4,11 @@
 // Time as text by settings of one's own, for the older calendar time, which has its own.
 
 #include <cstdint>
+#include <string>
 
+#include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/Time.h"
+#include "Infra3/LeafMutex.h"
 
 namespace Tarsel
 {
@@ -21,6 +24,27 @@ struct alignas(uint32_t) TimeFormatSettings
     uint8_t spare = 0;
 
     bool operator==(const TimeFormatSettings&) const = default;
+};
+
+/// A default text of the process. A copy is taken under its lock.
+class CDefaultTimeFormat
+{
+public:
+    std::string get()
+    {
+        const CGuard guard(m_mutex);
+        return m_format;
+    }
+    void set(const char* format)
+    {
+        std::string copy(format);
+        const CGuard guard(m_mutex);
+        m_format.swap(copy);
+    }
+
+private:
+    CLeafMutex m_mutex;
+    std::string m_format = "yyyy-MM-dd HH:mm:ss"; // guarded by m_mutex
 };
 
 /// The settings that a default text stands for. Logs what it does not say.

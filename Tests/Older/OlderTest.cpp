@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <climits>
@@ -10,7 +12,7 @@
 #include <functional>
 #include <string>
 #include <thread>
-#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -86,6 +88,7 @@ class CCounter : public CObject
 {
 public:
     void count() { ++calls; }
+    int calledSoOften() const { return calls; }
     void add(unsigned long number) { sum += number; }
     void addInt(unsigned int number) { sum += number; }
     void addTwice(unsigned int number) { sum += 2UL * number; }
@@ -123,6 +126,11 @@ TEST(OlderTest, DelegatesAreTheNewerOnesInside)
     EXPECT_TRUE((newerFree == Tarsel::Infra::TFunction1<void, unsigned long>(addToSum)));
     EXPECT_TRUE((TFunction1<void, unsigned long>().empty()));
     EXPECT_TRUE((TFunction1<void, unsigned long>(nullptr).empty()));
+    const TFunction1<void, unsigned long> lambda = [](unsigned long number) { s_sum += number; };
+    lambda(4);
+    const TFunction0<int> constant(&CCounter::calledSoOften, &counter);
+    EXPECT_EQ(constant(), 2);
+    EXPECT_EQ(s_sum, 7U);
 }
 
 TEST(OlderTest, MutexesAreThoseOfPosix)
@@ -241,8 +249,64 @@ TEST(OlderTest, ThreadsStandInTheTableOfTheNewerOnes)
     EXPECT_TRUE(worker.IsTimeout());
     EXPECT_TRUE(worker.CancelThread());
     EXPECT_FALSE(worker.CancelThread());
-    EXPECT_TRUE(worker.DestroyThread() || worker.IsThreadOver());
+    EXPECT_TRUE(eventually([&] { return worker.IsThreadOver(); }));
+    EXPECT_FALSE(worker.DestroyThread());
     EXPECT_FALSE(worker.TerminateThread());
+}
+
+/// Destroys itself when it is told to end.
+class CSelfOwned : public CThread
+{
+public:
+    CSelfOwned() : CThread("self-owned") {}
+    ~CSelfOwned() override { ++s_sum; }
+    void ThreadProc() override
+    {
+        while (looping()) {
+            CTime::sleep(1);
+        }
+        delete this;
+    }
+};
+
+TEST(OlderTest, AThreadEndsWithItsObjectHoweverEarly)
+{
+    CLogCapture log;
+    for (int i = 0; i < 300; ++i) {
+        CThread thread("nothing to do");
+        ASSERT_TRUE(thread.CreateThread());
+        if (i % 3 == 1) {
+            thread.CancelThread();
+        }
+        if (i % 3 == 2) {
+            CTime::sleep(0);
+        }
+    }
+    s_sum = 0;
+    auto* const own = new CSelfOwned;
+    ASSERT_TRUE(own->CreateThread());
+    EXPECT_TRUE(own->CancelThread());
+    EXPECT_TRUE(eventually([] { return s_sum == 1; }));
+}
+
+TEST(OlderTest, ThreadsMayRunOnWhileTheProcessExits)
+{
+    for (int i = 0; i < 20; ++i) {
+        inChild([] {
+            std::atomic<bool>& begun = *new std::atomic<bool>(false);
+            for (int thread = 0; thread < 2; ++thread) {
+                std::thread([&begun] {
+                    std::string names;
+                    for (;;) {
+                        IThreadManager::instance()->GetTimeOutThreads(names);
+                        IPacketManager::instance()->GetFreeSize();
+                        begun = true;
+                    }
+                }).detach();
+            }
+            EXPECT_TRUE(eventually([&begun] { return begun.load(); }));
+        });
+    }
 }
 
 TEST(OlderTest, TheManagersAreOneEachAndSpeakOnce)
@@ -380,8 +444,32 @@ TEST(OlderTest, TimeIsConvertedByTheSystem)
     EXPECT_EQ(time - CTime(2020, 2, 28, 23, 59, 59), 86400);
     EXPECT_TRUE(time - 1 < time && time >= time && time != time - 1 && time <= time &&
                 time > CTime());
-    EXPECT_LE(Tarsel::Infra::CTime::getCurrentTime() - Tarsel::Infra::CTime(2026, 1, 1, 0, 0, 0),
-              CTime::getCurrentTime() - CTime(2026, 1, 1, 0, 0, 0));
+    const CTime before = Tarsel::Infra::CTime::getCurrentTime();
+    const CTime now = CTime::getCurrentTime();
+    EXPECT_TRUE(before <= now && now <= CTime(Tarsel::Infra::CTime::getCurrentTime()));
+}
+
+TEST(OlderTest, AForkedChildConvertsTimes)
+{
+    INFRA_NEEDS_A_HEAP_THAT_FORKS();
+    std::atomic<bool> ends{false};
+    std::thread converting([&ends] {
+        for (unsigned long long second = 0; !ends; ++second) {
+            EXPECT_EQ(CTime(second * 1000).makeTime(), second * 1000);
+        }
+    });
+    for (int i = 0; i < 100; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            _exit(CTime(1000000ULL).makeTime() == 1000000 ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0) << i;
+    }
+    ends = true;
+    converting.join();
 }
 
 TEST(OlderTest, ARecorderNamesThePartsOfATime)
@@ -401,7 +489,7 @@ TEST(OlderTest, ARecorderNamesThePartsOfATime)
     }
     record.stat(1000);
     EXPECT_NE(log.takeLeveled(), "");
-    record.stat(UINT_MAX);
+    record.stat(60000000); // a minute
     EXPECT_EQ(log.takeLeveled(), "");
     record.sample("one too many");
     record.sample("two");
@@ -420,6 +508,35 @@ TEST(OlderTest, ARecorderNamesThePartsOfATime)
     nameless.sample(nullptr);
     nameless.stat(0);
     EXPECT_THAT(log.takeLeveled(), testing::MatchesRegex("info.- : [0-9]+ us\n"));
+}
+
+CTimeRecord* s_record = nullptr;
+int s_lines = 0;
+std::string s_formats;
+/// A log printer that meddles with what is being logged.
+void meddle(const char*)
+{
+    if (s_record != nullptr) {
+        ++s_lines == 1 ? s_record->sample("between") : s_record->reset();
+    }
+    s_formats += CTime::getFormat() + ",";
+}
+
+TEST(OlderTest, APrinterMayMeddle)
+{
+    inChild([] {
+        CTimeRecord record("meddled", 3);
+        record.sample("one");
+        record.sample("two");
+        s_record = &record;
+        Tarsel::Infra::setLogPrinter(meddle);
+        record.stat(0);
+        s_record = nullptr;
+        EXPECT_EQ(s_lines, 2); // for each sample that was there
+        s_formats.clear();
+        CTime::setFormat("h");
+        EXPECT_EQ(s_formats, "h,h,h,h,");
+    });
 }
 
 TEST(OlderTest, FilesAndListingsAreTheNewerOnes)
@@ -516,10 +633,15 @@ TEST(OlderTest, PacketsShareAndHaveAHeader)
         EXPECT_EQ(shared.GetBuffer(), packet.GetBuffer());
         shared = Tarsel::Memory::CPacket();
         EXPECT_EQ(shared.GetBuffer(), nullptr);
+        CPacket moved(std::move(copied));
+        EXPECT_TRUE(moved.GetBuffer() == packet.GetBuffer() && copied.GetBuffer() == nullptr);
+        moved = {};
+        EXPECT_EQ(moved.GetBuffer(), nullptr);
 
         char buffer[10];
         {
             CPacket attached(10, countFreed, buffer);
+            EXPECT_EQ(attached.GetHeaderSize(), 24U);
             EXPECT_EQ(attached.PutBuffer(buffer, 10), 10U);
             EXPECT_EQ(attached.GetBuffer(), reinterpret_cast<unsigned char*>(buffer));
             const CPacket second(attached);
@@ -632,8 +754,47 @@ TEST(OlderTest, BothInterfacesWorkTogether)
     EXPECT_FALSE(CFile::Access("/both/x", 0));
     Tarsel::Infra::hookFileSystem("/both", nullptr);
     EXPECT_EQ(s_hooked, 1);
+    // The path decides what is taken back: here the newer one, which came first.
+    Tarsel::Infra::hookFileSystem("/both", &nothing);
+    hookFS("/both", &table);
+    hookFS("/both", nullptr);
+    EXPECT_TRUE(CFile::Access("/both/x", 0));
+    Tarsel::Infra::hookFileSystem("/both", nullptr);
+    EXPECT_FALSE(CFile::Access("/both/x", 0));
     hookFS("/never hooked", nullptr);
     hookFS(nullptr, &table);
+}
+
+TEST(OlderTest, PlacesHold31CharactersAndThereAre31)
+{
+    CLogCapture log;
+    FSOperations table = {};
+    table.access = accessHooked;
+    const std::string fits = "/" + std::string(30, 'f');
+    const std::string longer = fits + "tail";
+    hookFS(fits.c_str(), &table);
+    EXPECT_TRUE(CFile::Access(fits.c_str(), 0));
+    hookFS(fits.c_str(), nullptr);
+    EXPECT_FALSE(CFile::Access(fits.c_str(), 0));
+    hookFS(longer.c_str(), &table);
+    EXPECT_FALSE(CFile::Access(fits.c_str(), 0));
+    hookFS(longer.c_str(), nullptr); // its place has another name
+    EXPECT_TRUE(CFile::Access(longer.c_str(), 0));
+    Tarsel::Infra::hookFileSystem(longer.c_str(), nullptr);
+    hookFS(fits.c_str(), nullptr); // frees the place
+
+    for (int i = 0; i <= 31; ++i) {
+        hookFS(("/place" + std::to_string(i) + "/").c_str(), &table);
+        EXPECT_EQ(CFile::Access(("/place" + std::to_string(i) + "/x").c_str(), 0), i < 31) << i;
+    }
+    hookFS("/place7/", nullptr);
+    hookFS("/another/", &table);
+    EXPECT_TRUE(CFile::Access("/another/x", 0));
+    for (int i = 0; i <= 31; ++i) {
+        hookFS(("/place" + std::to_string(i) + "/").c_str(), nullptr);
+    }
+    hookFS("/another/", nullptr);
+    EXPECT_FALSE(CFile::Access("/place30/x", 0) || CFile::Access("/another/x", 0));
 }
 
 } // namespace
