@@ -133,6 +133,13 @@ TEST(OlderTest, DelegatesAreTheNewerOnesInside)
     EXPECT_EQ(s_sum, 7U);
 }
 
+// The thread sanitizer reports what these tests misuse on purpose.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool mayMisuse = false;
+#else
+constexpr bool mayMisuse = true;
+#endif
+
 TEST(OlderTest, MutexesAreThoseOfPosix)
 {
     CMutex fast;
@@ -146,9 +153,11 @@ TEST(OlderTest, MutexesAreThoseOfPosix)
     EXPECT_TRUE(fast.Leave());
     EXPECT_TRUE(recursive.Enter() && recursive.TryEnter());
     EXPECT_TRUE(recursive.Leave());
-    std::thread([&] { EXPECT_FALSE(recursive.TryEnter() || recursive.Leave()); }).join();
+    std::thread([&] {
+        EXPECT_FALSE(recursive.TryEnter() || (mayMisuse && recursive.Leave()));
+    }).join();
     EXPECT_TRUE(recursive.Leave());
-    EXPECT_FALSE(recursive.Leave());
+    EXPECT_FALSE(mayMisuse && recursive.Leave());
 }
 
 TEST(OlderTest, AWaitOutlastsSignals)
@@ -199,6 +208,9 @@ TEST(OlderTest, BrokenLocksEndTheProcessWithTheSystemsAssertion)
         {"Assertion `ret != -1' failed", [] { CSemaphore semaphore(UINT_MAX); }},
     };
     for (const auto& one : cases) {
+        if (!mayMisuse && strstr(one.text, "ret == 0") != nullptr) {
+            continue;
+        }
         const auto result = runInChild(one.body);
         EXPECT_EQ(result.signal, SIGABRT) << one.text;
         EXPECT_THAT(result.errorOutput, testing::HasSubstr(one.text));
