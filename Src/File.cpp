@@ -1,253 +1,182 @@
-// File.cpp: file systems that are tables of functions.
-//
-// Whoever has a file open through a hook keeps a pointer to its file system, so that stays when the
-// hook is taken back. It is used again for the same path and table, so that hooking and unhooking for
-// ever costs nothing.
+// File.cpp: the older files and listings.
 
 #include "Infra/File.h"
 
-#include <cstring>
-#include <new>
+#include "Infra/Infra3/FileFind.h"
 
-#include "Infra/Infra3/Guard.h"
-#include "Infra3/AssertFront.h"
-#include "Infra3/BoundedText.h"
-#include "Infra3/FileHooks.h"
-#include "Infra3/Immortal.h"
+typedef Tarsel::Infra::CFile NewerFile;
 
-using Tarsel::Infra::CGuard;
-using Tarsel::Infra::copyText;
-using Tarsel::Infra::hookMutex;
-using Tarsel::Infra::io_vec;
-using Tarsel::Infra::setHook;
-
-namespace
+struct FileInternal
 {
-
-template <typename Result, typename... Parameters>
-Result call(Result (*function)(Parameters...), Result failure, Parameters... arguments)
-{
-    return function == nullptr ? failure : function(arguments...);
-}
-
-/// A file system that is hooked in, or was once.
-struct Entry
-{
-    Entry(const char* prefix, const FSOperations& functions)
-        : operations(functions), fileSystem(functions)
-    {
-        copyText(path, prefix);
-    }
-
-    bool isFor(const char* prefix, const FSOperations& functions) const
-    {
-        return strcmp(path, prefix) == 0 && memcmp(&operations, &functions, sizeof(functions)) == 0;
-    }
-
-    char path[32];
-    const FSOperations operations;
-    CFSOperation fileSystem;
-    Entry* older = nullptr;
+    NewerFile file;
 };
 
-/// Which paths have a table of functions. Everything happens with hookMutex() held.
-class CFunctionHooks
+struct FileFindInternal
 {
-public:
-    bool hasRoom() { return find("") != nullptr; }
-    bool has(const char* path) { return find(path) != nullptr; }
-
-    /// Takes a place, if there is one, and memory.
-    void add(const char* path, const FSOperations& operations)
-    {
-        Place* const place = find("");
-        if (place == nullptr) {
-            return;
-        }
-        INFRA_SYSTEM_ASSERT_TEXT(place->entry == nullptr, "fsOpts[i] == __null");
-        place->entry = entryFor(path, operations);
-        if (place->entry != nullptr) {
-            copyText(place->path, path);
-            setHook(path, &place->entry->fileSystem);
-        }
-    }
-
-    /// Frees the place of `path`, if there is one.
-    void remove(const char* path)
-    {
-        Place* const place = find(path);
-        if (place == nullptr) {
-            return;
-        }
-        setHook(path, nullptr);
-        place->entry->older = m_retired;
-        m_retired = place->entry;
-        *place = Place();
-    }
-
-private:
-    struct Place
-    {
-        char path[32] = {};
-        Entry* entry = nullptr;
-    };
-
-    Place* find(const char* path)
-    {
-        for (Place& place : m_places) {
-            if (strcmp(place.path, path) == 0) {
-                return &place;
-            }
-        }
-        return nullptr;
-    }
-
-    /// A retired one, or a new one; null without memory.
-    Entry* entryFor(const char* path, const FSOperations& operations)
-    {
-        for (Entry** link = &m_retired; *link != nullptr; link = &(*link)->older) {
-            Entry* const entry = *link;
-            if (entry->isFor(path, operations)) {
-                *link = entry->older;
-                return entry;
-            }
-        }
-        return new (std::nothrow) Entry(path, operations);
-    }
-
-    Place m_places[31];
-    Entry* m_retired = nullptr; ///< the last one, which leads to those before
+    Tarsel::Infra::CFileFind finder;
 };
 
-CFunctionHooks& functionHooks()
+CFile::CFile() : m_internal(new FileInternal) {}
+
+CFile::~CFile()
 {
-    return Tarsel::Infra::immortal<CFunctionHooks, CFunctionHooks>();
+    delete m_internal;
 }
 
-bool wouldChange(const char* path, const FSOperations* ops)
+bool CFile::Open(const char* pFileName, unsigned int dwFlags)
 {
-    const CGuard guard(hookMutex());
-    return ops != nullptr ? functionHooks().hasRoom() : functionHooks().has(path);
+    return m_internal->file.open(pFileName, dwFlags);
 }
 
-} // namespace
-
-void hookFS(const char* path, const FSOperations* ops)
+void CFile::Close()
 {
-    if (path == nullptr || *path == '\0' || !wouldChange(path, ops)) {
-        return;
-    }
-    Tarsel::Infra::announceHooking();
-    const CGuard guard(hookMutex());
-    if (ops != nullptr) {
-        functionHooks().add(path, *ops);
-    } else {
-        functionHooks().remove(path);
-    }
+    m_internal->file.close();
 }
 
-CFSOperation::CFSOperation(const FSOperations& operations) : m_fs(operations) {}
-
-CFSOperation::~CFSOperation() {}
-
-CFSOperation::FileHandle CFSOperation::fopen(const char* path, const char* mode)
+unsigned char* CFile::Load(const char* pFileName)
 {
-    return call<FileHandle>(m_fs.fopen, nullptr, path, mode);
+    return m_internal->file.load(pFileName);
 }
 
-int CFSOperation::fclose(FileHandle file)
+void CFile::UnLoad()
 {
-    return call(m_fs.fclose, -1, file);
+    m_internal->file.unload();
 }
 
-size_t CFSOperation::fread(void* buffer, size_t size, size_t n, FileHandle file)
+long CFile::Read(void* pBuffer, size_t dwCount)
 {
-    return call<size_t>(m_fs.fread, 0, buffer, size, n, file);
+    return m_internal->file.read(pBuffer, dwCount);
 }
 
-size_t CFSOperation::fwrite(const void* buffer, size_t size, size_t n, FileHandle file)
+long CFile::Write(void* pBuffer, size_t dwCount)
 {
-    return call<size_t>(m_fs.fwrite, 0, buffer, size, n, file);
+    return m_internal->file.write(pBuffer, dwCount);
 }
 
-int CFSOperation::fflush(FileHandle file)
+void CFile::Flush()
 {
-    return call(m_fs.fflush, -1, file);
+    m_internal->file.flush();
 }
 
-int CFSOperation::fseek(FileHandle file, long offset, int whence)
+size_t CFile::Seek(long lOff, unsigned int nFrom)
 {
-    return call(m_fs.fseek, -1, file, offset, whence);
+    return m_internal->file.seek(lOff, static_cast<NewerFile::SeekPosition>(nFrom));
 }
 
-long CFSOperation::ftell(FileHandle file)
+size_t CFile::GetPosition()
 {
-    return call(m_fs.ftell, -1L, file);
+    return m_internal->file.getPosition();
 }
 
-char* CFSOperation::fgets(char* text, int size, FileHandle file)
+size_t CFile::GetLength()
 {
-    return call<char*>(m_fs.fgets, nullptr, text, size, file);
+    return m_internal->file.getLength();
 }
 
-int CFSOperation::fputs(const char* text, FileHandle file)
+char* CFile::Gets(char* s, size_t size)
 {
-    return call(m_fs.fputs, -1, text, file);
+    return m_internal->file.gets(s, size);
 }
 
-int CFSOperation::rename(const char* oldPath, const char* newPath)
+long CFile::Puts(const char* s)
 {
-    return call(m_fs.rename, -1, oldPath, newPath);
+    return m_internal->file.puts(s);
 }
 
-int CFSOperation::remove(const char* path)
+bool CFile::IsOpened()
 {
-    return call(m_fs.remove, -1, path);
+    return m_internal->file.isOpen();
 }
 
-long CFSOperation::findfirst(const char* pattern, FileInfo& info)
+bool CFile::Rename(const char* oldName, const char* newName)
 {
-    return call<long, const char*, FileInfo&>(m_fs.findfirst, -1L, pattern, info);
+    return NewerFile::rename(oldName, newName);
 }
 
-int CFSOperation::findnext(long handle, FileInfo& info)
+bool CFile::Remove(const char* pFileName)
 {
-    return call<int, long, FileInfo&>(m_fs.findnext, -1, handle, info);
+    return NewerFile::remove(pFileName);
 }
 
-int CFSOperation::findclose(long handle)
+bool CFile::MakeDirectory(const char* dirName)
 {
-    return call(m_fs.findclose, -1, handle);
+    return NewerFile::makeDirectory(dirName);
 }
 
-int CFSOperation::mkdir(const char* path)
+bool CFile::RemoveDirectory(const char* dirName)
 {
-    return call(m_fs.mkdir, -1, path);
+    return NewerFile::removeDirectory(dirName);
 }
 
-int CFSOperation::rmdir(const char* path)
+bool CFile::StatFS(const char* path, uint64_t& userFreeBytes, uint64_t& totalBytes,
+                   uint64_t& totalFreeBytes)
 {
-    return call(m_fs.rmdir, -1, path);
+    return NewerFile::statFS(path, userFreeBytes, totalBytes, totalFreeBytes);
 }
 
-int CFSOperation::statfs(const char* path, uint64_t& userFreeBytes, uint64_t& totalBytes,
-                         uint64_t& totalFreeBytes)
+bool CFile::Access(const char* path, int mode)
 {
-    return call<int, const char*, uint64_t&, uint64_t&, uint64_t&>(
-        m_fs.statfs, -1, path, userFreeBytes, totalBytes, totalFreeBytes);
+    return NewerFile::access(path, mode);
 }
 
-int CFSOperation::access(const char* path, int mode)
+bool CFile::Stat(const char* path, FileInfo* info)
 {
-    return call(m_fs.access, -1, path, mode);
+    return info != nullptr && NewerFile::stat(path, *info);
 }
 
-int CFSOperation::stat(const char* path, FileInfo& info)
+CFileFind::CFileFind() : m_internal(new FileFindInternal) {}
+
+CFileFind::~CFileFind()
 {
-    return call<int, const char*, FileInfo&>(m_fs.stat, -1, path, info);
+    delete m_internal;
 }
 
-size_t CFSOperation::writev(int, const io_vec*, int)
+bool CFileFind::findFile(const char* fileName)
 {
-    return 0;
+    return m_internal->finder.findFile(fileName);
+}
+
+bool CFileFind::findNextFile()
+{
+    return m_internal->finder.findNextFile();
+}
+
+void CFileFind::close()
+{
+    m_internal->finder.close();
+}
+
+size_t CFileFind::getLength()
+{
+    return m_internal->finder.getLength();
+}
+
+std::string CFileFind::getFileName()
+{
+    return m_internal->finder.getFileName();
+}
+
+std::string CFileFind::getFilePath()
+{
+    return m_internal->finder.getFilePath();
+}
+
+bool CFileFind::isReadOnly()
+{
+    return m_internal->finder.isReadOnly();
+}
+
+bool CFileFind::isDirectory()
+{
+    return m_internal->finder.isDirectory();
+}
+
+bool CFileFind::isHidden()
+{
+    return m_internal->finder.isHidden();
+}
+
+bool CFileFind::isNormal()
+{
+    return m_internal->finder.isNormal();
 }

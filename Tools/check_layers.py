@@ -20,7 +20,7 @@ from sources import include_lines, own_sources, resolve, shown
 # from Include or Src on, so a folder's special files stand before the folder's general pattern.
 ROWS = [
     ("Infra3, frame", [
-        r"Infra/Infra3/Detail/(Export|LockRecords|ShortBytes|StandardString)\.h",
+        r"Infra/Infra3/Detail/(Export|LockRecords|Singleton|ShortBytes|StandardString)\.h",
         r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|ErrorText|AssertFront|AssertionFailed|BoundedText|Digits|TextWriter|MessageFormat|Immortal)\.\w+",
         r"(Infra/)?Infra3/(C?PrintLog|DumpHex|LogLine|LogFront|LogSink|PlainShared)\.\w+",
         r"(Infra/)?Infra3/(Mutex\w*|LeafMutex|RecursiveMutex|ReadWriteMutex|Semaphore|Guard)\.\w+",

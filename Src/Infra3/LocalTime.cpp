@@ -47,6 +47,18 @@ const tm& localTimeOf(time_t second)
     return t_last.local;
 }
 
+bool convertToLocal(time_t second, tm& local)
+{
+    CGuard guard(zoneMutex());
+    return localtime_r(&second, &local) != nullptr;
+}
+
+time_t convertFromLocal(tm& local)
+{
+    CGuard guard(zoneMutex());
+    return mktime(&local);
+}
+
 /// The zone is kept in plain words: one thread has them written, the others wait.
 void readZoneOnce()
 {

@@ -17,6 +17,12 @@ namespace Infra
 /// got before, without a lock.
 const tm& localTimeOf(time_t second);
 
+/// The same anew, as the system has it; false when it cannot tell.
+bool convertToLocal(time_t second, tm& local);
+/// The second of a local time, whose fields are brought into the calendar; -1 when the system cannot
+/// tell.
+time_t convertFromLocal(tm& local);
+
 /// Has the system read its zone, on the first call. `timezone` is valid from then on.
 void readZoneOnce();
 

@@ -14,13 +14,12 @@
 #include <optional>
 #include <string>
 
-#include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/PrintLog.h"
 #include "Infra/Infra3/Time.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/Digits.h"
 #include "Infra3/Immortal.h"
-#include "Infra3/LeafMutex.h"
+#include "Infra3/TimeFormat.h"
 #include "Infra3/TimeInternal.h"
 
 namespace Tarsel
@@ -30,35 +29,20 @@ namespace Infra
 namespace
 {
 
-/// The process-wide settings, in one word, so that a text is never written by half of a change.
-struct alignas(uint32_t) Settings
-{
-    uint8_t s_dateFormat;
-    char s_dateSeparator;
-    bool s_12hour;
-    uint8_t spare;
+typedef TimeFormatSettings Settings;
 
-    bool operator==(const Settings&) const = default;
-};
-
-constinit std::atomic<Settings> s_settings{Settings{CTime::ymd, '-', false, 0}};
+/// In one word, so that a text is never written by half of a change.
+constinit std::atomic<Settings> s_settings{Settings{}};
 
 Settings settings()
 {
     return s_settings.load(std::memory_order_relaxed);
 }
 
-/// The default text. A copy is taken under its lock.
-struct StoredFormat
-{
-    CLeafMutex mutex;
-    std::string s_format = "yyyy-MM-dd HH:mm:ss"; // guarded by mutex
-};
-
-StoredFormat& storedFormat()
+CDefaultTimeFormat& defaultFormat()
 {
     struct Tag;
-    return immortal<StoredFormat, Tag>();
+    return immortal<CDefaultTimeFormat, Tag>();
 }
 
 /// The date letters of a format text.
@@ -229,10 +213,10 @@ public:
     CFormatReader(const char* format, const Settings& settings, int mask)
         : m_in(format),
           m_ownSeparators((mask & CTime::fmSeparator) != 0),
-          m_separator(settings.s_dateSeparator),
-          m_hours12((mask & CTime::fmHourFormat) != 0 ? contains(format, 'h') : settings.s_12hour)
+          m_separator(settings.dateSeparator),
+          m_hours12((mask & CTime::fmHourFormat) != 0 ? contains(format, 'h') : settings.hours12)
     {
-        auto order = static_cast<CTime::DateFormat>(settings.s_dateFormat);
+        auto order = static_cast<CTime::DateFormat>(settings.dateFormat);
         if ((mask & CTime::fmDateFormat) != 0) {
             const std::optional<CTime::DateFormat> ownOrder = dateOrderOf(format);
             m_orderMissing = !ownOrder;
@@ -485,6 +469,31 @@ std::optional<CTime::DateFormat> dateOrderOf(const char* format)
     }
 }
 
+void writeTime(char* buf, const SystemTime& time, const char* format, int mask,
+               const TimeFormatSettings& settings)
+{
+    CTimeWriter writer(buf, time);
+    if (isLastPlan(format, settings, mask)) {
+        s_plan.write(writer);
+    } else {
+        writeByNewPlan(writer, format, settings, mask);
+    }
+    writer.end();
+    if (s_plan.orderMissing) {
+        complainAboutOrder();
+    }
+}
+
+TimeFormatSettings timeFormatSettingsOf(const char* format)
+{
+    const char separator = separatorOf(format);
+    const std::optional<CTime::DateFormat> order = dateOrderOf(format);
+    if (!order) {
+        complainAboutOrder();
+    }
+    return {static_cast<uint8_t>(order.value_or(CTime::ymd)), separator, contains(format, 'h')};
+}
+
 void CTime::format(char* buf, const char* format, int mask) const
 {
     if (buf == nullptr) {
@@ -495,34 +504,14 @@ void CTime::format(char* buf, const char* format, int mask) const
         this->format(buf, getFormat().c_str(), mask);
         return;
     }
-    const Settings current = settings();
-    CTimeWriter writer(buf, *this);
-    if (isLastPlan(format, current, mask)) {
-        s_plan.write(writer);
-    } else {
-        writeByNewPlan(writer, format, current, mask);
-    }
-    writer.end();
-    if (s_plan.orderMissing) {
-        complainAboutOrder();
-    }
+    writeTime(buf, *this, format, mask, settings());
 }
 
 void CTime::setFormatString(const char* format)
 {
     const char* const text = textOrEmpty(format);
-    {
-        StoredFormat& stored = storedFormat();
-        CGuard guard(stored.mutex);
-        stored.s_format = text;
-    }
-    const char separator = separatorOf(text);
-    const std::optional<DateFormat> order = dateOrderOf(text);
-    if (!order) {
-        complainAboutOrder();
-    }
-    s_settings.store({static_cast<uint8_t>(order.value_or(ymd)), separator, contains(text, 'h'), 0},
-                     std::memory_order_relaxed);
+    defaultFormat().set(text);
+    s_settings.store(timeFormatSettingsOf(text), std::memory_order_relaxed);
 }
 
 void CTime::setFormat(const std::string& format)
@@ -532,24 +521,22 @@ void CTime::setFormat(const std::string& format)
 
 CString2 CTime::getFormat()
 {
-    StoredFormat& stored = storedFormat();
-    CGuard guard(stored.mutex);
-    return stored.s_format;
+    return defaultFormat().get();
 }
 
 CTime::DateFormat CTime::getDateFormat()
 {
-    return static_cast<DateFormat>(settings().s_dateFormat);
+    return static_cast<DateFormat>(settings().dateFormat);
 }
 
 bool CTime::get12Hour()
 {
-    return settings().s_12hour;
+    return settings().hours12;
 }
 
 char CTime::getSeparator()
 {
-    return settings().s_dateSeparator;
+    return settings().dateSeparator;
 }
 
 } // namespace Infra

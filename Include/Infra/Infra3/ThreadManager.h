@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/Singleton.h"
 #include "Infra/Infra3/Mutex.h"
 #include "Infra/Infra3/String.h"
 #include "Infra/Infra3/Thread.h"
@@ -17,8 +18,6 @@ namespace Infra
 {
 
 struct ThreadManagerInternal;
-template <typename T>
-class TSingleton;
 
 /// The table of all threads made with CThread, newest first.
 ///

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Infra/Infra3/Detail/Export.h"
+#include "Infra/Infra3/Detail/Singleton.h"
 #include "Infra/Infra3/Function.h"
 
 namespace Tarsel
@@ -13,8 +14,6 @@ namespace Infra
 
 struct TimerInternal;
 class TimerManagerInternal;
-template <typename T>
-class TSingleton;
 
 /// Calls a delegate once after a delay, or every period, on a pooled worker thread.
 ///

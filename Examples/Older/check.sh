@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Runs the recorder in a directory of its own: three lines, in capitals, with the sign in UTF-8.
+#
+#   Examples/Older/check.sh PROGRAM
+set -euo pipefail
+
+program=${1:?usage: check.sh PROGRAM}
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+mkdir "$scratch/storage"
+"$program" "$scratch/storage" >"$scratch/output"
+cat "$scratch/output"
+lines=$(grep -cE '^[0-9]{2}\.[0-9]{2}\.[0-9]{4} [0-9:]{8} NO\. [123]: 2[123] °C$' "$scratch/output")
+test "$lines" = 3

@@ -1,0 +1,53 @@
+#ifndef INFRA_TESTS_OLDER_TWINS_H
+#define INFRA_TESTS_OLDER_TWINS_H
+
+// Every name that both interfaces have, used in both. Included behind the headers, in either order.
+
+#include <string>
+
+inline bool twinsAgree()
+{
+    CMutex mutex;
+    Tarsel::Infra::CMutex newerMutex;
+    CGuard guard(mutex);
+    Tarsel::Infra::CGuard newerGuard(newerMutex);
+    CSemaphore semaphore(1);
+    Tarsel::Infra::CSemaphore newerSemaphore(1);
+    TFunction0<void> function;
+    Tarsel::Infra::TFunction0<void> newerFunction = function;
+    TFunction1<void, unsigned long> function1;
+    Tarsel::Infra::TFunction1<void, unsigned long> newerFunction1(function1);
+    CTimer timer("older");
+    Tarsel::Infra::CTimer newerTimer("newer");
+    CTime time(2019, 3, 7, 5, 4, 3);
+    Tarsel::Infra::CTime newerTime(2019, 3, 7, 5, 4, 3);
+    SystemTime fields = time;
+    Tarsel::Infra::SystemTime& newerFields = fields;
+    CFile file;
+    Tarsel::Infra::CFile newerFile;
+    CFileFind finder;
+    Tarsel::Infra::CFileFind newerFinder;
+    FileInfo info = {};
+    Tarsel::Infra::FileInfo& newerInfo = info;
+    CPacket packet;
+    Tarsel::Memory::CPacket newerPacket = packet;
+    CMemPool pool(16, 1);
+    Tarsel::Memory::Detail::CMemPool newerPool(16, 1);
+    return semaphore.Pend() == 0 && newerSemaphore.pend() == 0 && newerFunction.empty() &&
+           newerFunction1.empty() && std::string(timer.GetName()) == "older" &&
+           std::string(newerTimer.getName()) == "newer" && time == CTime(newerTime) &&
+           newerFields.year == 2019 && !file.IsOpened() && !newerFile.isOpen() &&
+           !finder.isDirectory() && !newerFinder.isDirectory() && newerInfo.size == 0 &&
+           packet.GetSize() == 0 && !newerPacket.valid() && log2i(1024) == 10 &&
+           Tarsel::Utils::log2i(1024) == 10 && pool.alloc() != newerPool.malloc() &&
+           CThread::GetCurrentThreadID() == Tarsel::Infra::CThread::getCurrentThreadID() &&
+           static_cast<void*>(CThreadManager::instance()) !=
+               Tarsel::Infra::CThreadManager::instance() &&
+           static_cast<void*>(CTimerManager::instance()) !=
+               Tarsel::Infra::CTimerManager::instance() &&
+           static_cast<void*>(CPacketManager::instance()) !=
+               Tarsel::Memory::CPacketManager::instance() &&
+           systemCall(nullptr) == Tarsel::Infra::systemCall(nullptr);
+}
+
+#endif
