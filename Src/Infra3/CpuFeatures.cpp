@@ -5,8 +5,6 @@
 
 #include <cpuid.h>
 
-#include <atomic>
-
 namespace Tarsel
 {
 namespace Infra
@@ -72,26 +70,53 @@ CCpuFeatureSet askFeatures()
     return features;
 }
 
-constinit std::atomic<CCpuFeatureSet> s_hidden{CCpuFeatureSet()};
+const CCpuFeatureSet& askedFeatures()
+{
+    static const CCpuFeatureSet asked = askFeatures();
+    return asked;
+}
 
 } // namespace
 
-CCpuFeatureSet cpuFeatures()
+namespace Detail
 {
-    static const CCpuFeatureSet asked = askFeatures();
-    CCpuFeatureSet features = asked;
-    features.remove(s_hidden.load(std::memory_order_relaxed));
-    return features;
+
+constinit std::atomic<CCpuFeatureSet> shownFeatures{CCpuFeatureSet()};
+
+} // namespace Detail
+
+namespace
+{
+
+void showAll()
+{
+    Detail::shownFeatures.store(askedFeatures(), std::memory_order_relaxed);
+}
+
+/// Before anything else of the library is made.
+[[gnu::constructor(101)]] void askAtLoad()
+{
+    showAll();
+}
+
+} // namespace
+
+uint32_t basicFeatureWord()
+{
+    static const uint32_t asked = askProcessor(1).ecx;
+    return asked;
 }
 
 CHiddenCpuFeatures::CHiddenCpuFeatures(CCpuFeatureSet hidden)
 {
-    s_hidden.store(hidden, std::memory_order_relaxed);
+    CCpuFeatureSet features = askedFeatures();
+    features.remove(hidden);
+    Detail::shownFeatures.store(features, std::memory_order_relaxed);
 }
 
 CHiddenCpuFeatures::~CHiddenCpuFeatures()
 {
-    s_hidden.store(CCpuFeatureSet(), std::memory_order_relaxed);
+    showAll();
 }
 
 } // namespace Infra

@@ -1,7 +1,8 @@
 #ifndef INFRA_SRC_INFRA3_CPUFEATURES_H
 #define INFRA_SRC_INFRA3_CPUFEATURES_H
 
-// What the processor can do beyond the x86-64 baseline, asked once, and the one way to choose among
+// What the processor can do beyond the x86-64 baseline, asked while the library is loaded, and the
+// one way to choose among
 // implementations by it:
 //
 //     constexpr TImplementation<Sum> sums[] = {
@@ -10,9 +11,11 @@
 //     };
 //     const Sum sum = chooseImplementation(sums);
 //
-// A test runs every implementation on any machine that has the features, by hiding those that come
-// before it (CHiddenCpuFeatures).
+// Choosing costs one load and a comparison or two, so it may be done at every call. A test runs
+// every implementation on any machine that has the features, by hiding those that come before it
+// (CHiddenCpuFeatures).
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -68,8 +71,22 @@ private:
     uint32_t m_bits = 0;
 };
 
-/// What this processor has, less what a test hides.
-CCpuFeatureSet cpuFeatures();
+namespace Detail
+{
+
+extern std::atomic<CCpuFeatureSet> shownFeatures;
+
+} // namespace Detail
+
+/// What this processor has, less what a test hides. Nothing before the library is loaded, which
+/// every implementation that needs nothing can stand.
+inline CCpuFeatureSet cpuFeatures()
+{
+    return Detail::shownFeatures.load(std::memory_order_relaxed);
+}
+
+/// The ECX word of the processor's identification, leaf 1, as it came; 0 without one.
+uint32_t basicFeatureWord();
 
 /// Hides features from cpuFeatures() while it lives. For tests, one at a time.
 class CHiddenCpuFeatures

@@ -1,0 +1,47 @@
+#ifndef INFRA_TESTS_SUPPORT_CPULEVELS_H
+#define INFRA_TESTS_SUPPORT_CPULEVELS_H
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Infra3/CpuFeatures.h"
+
+namespace Tarsel
+{
+namespace TestSupport
+{
+
+/// A kind of processor: what it lacks of what this one has.
+struct CpuLevel
+{
+    const char* name;
+    Infra::CCpuFeatureSet lacks;
+};
+
+using enum Infra::CpuFeature;
+
+/// From all that this processor has down to nothing beyond x86-64.
+inline const CpuLevel cpuLevels[] = {
+    {"all", {}},
+    {"256 bits", {avx512}},
+    {"256 bits, but one block an instruction", {vaes, vpclmul, avx512}},
+    {"128 bits", {vaes, vpclmul, avx512, avx2, avx}},
+    {"x86-64", {vaes, vpclmul, avx512, avx2, avx, aesni, pclmul, shani, bmi2, sse42, sse41, ssse3}},
+};
+
+/// Runs a body on each kind of processor.
+template <typename Body>
+void onEachCpuLevel(const Body& body)
+{
+    for (const CpuLevel& level : cpuLevels) {
+        SCOPED_TRACE(std::string("processor: ") + level.name);
+        const Infra::CHiddenCpuFeatures hidden(level.lacks);
+        body();
+    }
+}
+
+} // namespace TestSupport
+} // namespace Tarsel
+
+#endif
