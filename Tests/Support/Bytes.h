@@ -4,9 +4,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -46,6 +46,12 @@ inline std::string toHex(const Bytes& bytes)
 inline Bytes ofText(const std::string& text)
 {
     return Bytes(text.begin(), text.end());
+}
+
+/// `size` bytes from `at` on.
+inline Bytes part(const Bytes& bytes, size_t at, size_t size)
+{
+    return Bytes(bytes.data() + at, bytes.data() + at + size);
 }
 
 /// The same bytes in every run.
@@ -89,7 +95,9 @@ public:
     template <typename T>
     uint8_t* putLast(const T& bytes) const
     {
-        return static_cast<uint8_t*>(memcpy(end() - bytes.size(), bytes.data(), bytes.size()));
+        uint8_t* const first = end() - bytes.size();
+        std::copy(bytes.begin(), bytes.end(), first);
+        return first;
     }
 
 private:

@@ -24,10 +24,12 @@ using enum Infra::CpuFeature;
 /// From all that this processor has down to nothing beyond x86-64.
 inline const CpuLevel cpuLevels[] = {
     {"all", {}},
-    {"256 bits", {avx512}},
-    {"256 bits, but one block an instruction", {vaes, vpclmul, avx512}},
-    {"128 bits", {vaes, vpclmul, avx512, avx2, avx}},
-    {"x86-64", {vaes, vpclmul, avx512, avx2, avx, aesni, pclmul, shani, bmi2, sse42, sse41, ssse3}},
+    {"256 bits", {avx512, avx512vbmi2}},
+    {"256 bits, but one block an instruction", {vaes, vpclmul, avx512, avx512vbmi2}},
+    {"128 bits", {vaes, vpclmul, avx512, avx512vbmi2, avx2, avx}},
+    {"x86-64",
+     {vaes, vpclmul, avx512, avx512vbmi2, avx2, avx, aesni, pclmul, shani, bmi2, sse42, sse41,
+      ssse3}},
 };
 
 /// Runs a body on each kind of processor.

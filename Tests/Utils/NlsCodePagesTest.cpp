@@ -143,7 +143,7 @@ TEST(NlsWindows1252Test, ConvertsTextsAsItConvertsCharacters)
         const Bytes expected = encodeSlowly(source);
         const int cut = static_cast<int>(random.below(expected.size()));
         const Bytes back(source.begin(), source.begin() + std::min(cut, sizeOf(source)));
-        for (const size_t level : {0, 4}) {
+        for (const size_t level : {0, 1, 4}) {
             const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint8_t* const text = out.end() - expected.size();
             ASSERT_EQ(
@@ -410,7 +410,7 @@ TEST(NlsCodePage936Test, ConvertsTextsAsItConvertsCharacters)
         const size_t room = random.below(3 * count);
         const Reference::GbText toGb = Reference::encodeGb(Reference::decode(utf8), room);
         const Bytes toUtf8 = Reference::encode(units, room);
-        for (const size_t level : {0, 4}) {
+        for (const size_t level : {0, 1, 4}) {
             const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint8_t* const to = out.end() - room;
             std::fill(to, out.end(), untouched);

@@ -84,8 +84,17 @@ inline constexpr Utf8Forms utf8Forms = [] {
     return forms;
 }();
 
-/// A place in a text of single bytes that becomes UTF-8, the place for the next byte and how many may
-/// follow.
+/// A code page for texts.
+struct BytePage
+{
+    const Charset* charset;
+    const Utf8Forms* forms;
+};
+
+template <const Charset& charset>
+inline constexpr BytePage bytePage = {&charset, &utf8Forms<charset>};
+
+/// A place in a text of bytes that is converted, the place for the next byte and how many may follow.
 struct Recoding
 {
     const uint8_t* in;
@@ -95,10 +104,14 @@ struct Recoding
 
 /// Converts from the front of what goes up to `end`, bytes without a character left out, until a
 /// character does not fit. Source and target do not overlap.
-void encodeBytes(Recoding& at, const uint8_t* end, const Utf8Forms& forms);
+void encodeBytes(Recoding& at, const uint8_t* end, const BytePage& page);
 
 /// The same byte by byte, which is what overlapping buffers ask for.
-void encodeBytesInPlace(Recoding& at, const uint8_t* end, const Utf8Forms& forms);
+void encodeBytesInPlace(Recoding& at, const uint8_t* end, const BytePage& page);
+
+/// encodeBytes(), but may stop anywhere.
+using EncodeBytesRun = void(Recoding& at, const uint8_t* end, const BytePage& page);
+EncodeBytesRun encodeBytesAvx512;
 
 /// Whether two ranges have a byte in common.
 inline bool areOverlapping(const void* a, size_t aSize, const void* b, size_t bSize)

@@ -1,8 +1,7 @@
 // Cp1252.cpp: Windows-1252 to UTF-8 and back.
 //
-// To UTF-8 is all or nothing: the size of the result is measured first. On the way back, runs of
-// ASCII are found and copied by sixteen bytes; as such a store may reach beyond the result, it goes
-// to a block on the stack first.
+// To UTF-8 is all or nothing: the size of the result is measured first. On the way back most of a text
+// is ASCII or Latin-1, which are taken by runs, and the rest by single characters.
 
 #include <climits>
 #include <cstring>
@@ -22,13 +21,6 @@ namespace Nls
 namespace
 {
 
-/// As the table of the code page has them, but that NUL is a character here.
-constexpr Utf8Forms forms = [] {
-    Utf8Forms all = utf8Forms<cp1252_charset2uni>;
-    all[0] = utf8FormOf(0);
-    return all;
-}();
-
 Cp1252Size measure(const uint8_t* in, size_t size)
 {
     using Infra::CpuFeature;
@@ -39,11 +31,21 @@ Cp1252Size measure(const uint8_t* in, size_t size)
     return Infra::chooseImplementation(ways)(in, size);
 }
 
-/// Writes what was measured.
+/// Writes what was measured. NUL is a character here, which it is not to the table.
 void encode(uint8_t* out, const uint8_t* in, size_t size, const Cp1252Size& measured)
 {
     Recoding at = {in, out, measured.encoded};
-    encodeBytes(at, in + measured.defined, forms);
+    const uint8_t* const end = in + measured.defined;
+    while (at.in < end) {
+        const void* const nul = memchr(at.in, 0, static_cast<size_t>(end - at.in));
+        encodeBytes(at, nul != nullptr ? static_cast<const uint8_t*>(nul) : end,
+                    bytePage<cp1252_charset2uni>);
+        if (nul != nullptr) {
+            ++at.in;
+            *at.out++ = 0;
+            --at.room;
+        }
+    }
     memset(out + measured.encoded, 0, size - measured.defined);
 }
 
@@ -59,61 +61,64 @@ int byteOf(uint32_t value)
     return byte != 0 ? byte : -1;
 }
 
-constexpr size_t blockBytes = 512;
 constexpr size_t asciiBytes = 16;
 
-/// The bytes that a text gives, a block at a time.
-class CBlocks
+/// Copies ASCII as far as it goes, by sixteen bytes where they fit.
+void decodeAscii(Recoding& at, const uint8_t* end)
 {
-public:
-    CBlocks(const uint8_t* in, size_t size) : m_in(in), m_end(in + size) {}
-
-    /// Fills the next block; returns how much there is, 0 at the end.
-    size_t next()
-    {
-        m_count = 0;
-        while (m_in < m_end && m_count < blockBytes) {
-            if (!takeAscii() && !takeOne()) {
-                m_end = m_in;
-            }
-        }
-        return m_count;
-    }
-    const uint8_t* bytes() const { return m_bytes; }
-
-private:
-    /// Copies to the first byte that is not ASCII, sixteen at most; false when there is none to copy.
-    bool takeAscii()
-    {
-        if (m_end - m_in < static_cast<ptrdiff_t>(asciiBytes)) {
-            return false;
-        }
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(m_in));
+    while (end - at.in >= static_cast<ptrdiff_t>(asciiBytes) && at.room >= asciiBytes) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at.in));
         const unsigned others = static_cast<unsigned>(_mm_movemask_epi8(bytes));
-        const size_t taken = std::min<size_t>(std::countr_zero(others), asciiBytes);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(m_bytes + m_count), bytes);
-        m_in += taken;
-        m_count += taken;
-        return taken != 0;
-    }
-
-    /// Takes one sequence; false when there is none.
-    bool takeOne()
-    {
-        const Sequence sequence = readSequence(m_in, static_cast<size_t>(m_end - m_in));
-        const int byte = byteOf(sequence.value);
-        if (sequence.length != 0 && byte >= 0) {
-            m_bytes[m_count++] = static_cast<uint8_t>(byte);
+        const size_t count = std::min<size_t>(std::countr_zero(others), asciiBytes);
+        if (count < asciiBytes) {
+            memmove(at.out, at.in, count); // which may be in place
+        } else {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(at.out), bytes);
         }
-        m_in += sequence.length;
-        return sequence.length != 0;
+        at.in += count;
+        at.out += count;
+        at.room -= count;
+        if (count < asciiBytes) {
+            break;
+        }
     }
+}
 
-    const uint8_t* m_in;
-    const uint8_t* m_end;
-    size_t m_count = 0;
-    uint8_t m_bytes[blockBytes + asciiBytes];
-};
+/// Converts one sequence; false when there is none.
+bool decodeOneByte(Recoding& at, const uint8_t* end)
+{
+    const Sequence sequence = readSequence(at.in, static_cast<size_t>(end - at.in));
+    if (sequence.length == 0) {
+        return false;
+    }
+    at.in += sequence.length;
+    const int byte = byteOf(sequence.value);
+    if (byte >= 0) {
+        *at.out++ = static_cast<uint8_t>(byte);
+        --at.room;
+    }
+    return true;
+}
+
+/// Converts until the room is used or a sequence is malformed; returns the bytes written.
+size_t decode(uint8_t* out, size_t room, const uint8_t* in, size_t size)
+{
+    using Infra::CpuFeature;
+    constexpr Infra::TImplementation<DecodeLatin1> runs[] = {
+        {decodeLatin1Avx512, {CpuFeature::avx512vbmi2, CpuFeature::bmi2}},
+        {decodeAscii, {}},
+    };
+    DecodeLatin1* const decodeLatin1 = Infra::chooseImplementation(runs);
+    const uint8_t* const end = in + size;
+    Recoding at = {in, out, room};
+    while (at.in < end && at.room > 0) {
+        decodeLatin1(at, end);
+        if (at.in < end && at.room > 0 && !decodeOneByte(at, end)) {
+            break;
+        }
+    }
+    return static_cast<size_t>(at.out - out);
+}
 
 } // namespace
 
@@ -121,7 +126,8 @@ Cp1252Size measureCp1252Plain(const uint8_t* in, size_t size)
 {
     Cp1252Size sum = {0, 0};
     for (; sum.defined < size && !isUndefinedInCp1252(in[sum.defined]); ++sum.defined) {
-        sum.encoded += lengthOf(forms[in[sum.defined]]);
+        const uint8_t byte = in[sum.defined];
+        sum.encoded += byte == 0 ? 1 : lengthOf(utf8Forms<cp1252_charset2uni>[byte]);
     }
     return sum;
 }
@@ -156,21 +162,11 @@ int cp1252_to_utf8(uint8_t* utf8buf, int utf8buflen, const uint8_t* cp1252buf, i
 
 int utf8_to_cp1252(const uint8_t* utf8buf, int utf8buflen, uint8_t* cp1252buf, int cp1252buflen)
 {
-    if (utf8buf == nullptr || cp1252buf == nullptr || utf8buflen <= 0) {
+    if (utf8buf == nullptr || cp1252buf == nullptr || utf8buflen <= 0 || cp1252buflen <= 0) {
         return 0;
     }
-    Nls::CBlocks blocks(utf8buf, static_cast<size_t>(utf8buflen));
-    int written = 0;
-    while (written < cp1252buflen) {
-        const size_t count = blocks.next();
-        if (count == 0) {
-            break;
-        }
-        const int taken = std::min(static_cast<int>(count), cp1252buflen - written);
-        memcpy(cp1252buf + written, blocks.bytes(), static_cast<size_t>(taken));
-        written += taken;
-    }
-    return written;
+    return static_cast<int>(Nls::decode(cp1252buf, static_cast<size_t>(cp1252buflen), utf8buf,
+                                        static_cast<size_t>(utf8buflen)));
 }
 
 } // namespace Utils

@@ -1,11 +1,13 @@
 #ifndef INFRA_SRC_UTILS_NLS_CP1252ALG_H
 #define INFRA_SRC_UTILS_NLS_CP1252ALG_H
 
-// How much a text of Windows-1252 gives in UTF-8: asked before anything is written.
+// What vectors do for Windows-1252. How much a text of it gives in UTF-8 is asked before anything is
+// written.
 
 #include <cstddef>
 #include <cstdint>
 
+#include "Utils/Nls/CodePage.h"
 #include "Utils/Nls/Tables/SingleByte.h"
 
 namespace Tarsel
@@ -30,6 +32,10 @@ struct Cp1252Size
 using MeasureCp1252 = Cp1252Size(const uint8_t* in, size_t size);
 MeasureCp1252 measureCp1252Plain;
 MeasureCp1252 measureCp1252Avx2;
+
+/// Converts from UTF-8, from the front, what is in Latin-1, ASCII included; may stop anywhere.
+using DecodeLatin1 = void(Recoding& at, const uint8_t* end);
+DecodeLatin1 decodeLatin1Avx512;
 
 } // namespace Nls
 } // namespace Utils

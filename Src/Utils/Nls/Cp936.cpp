@@ -1,7 +1,7 @@
 // Cp936.cpp: the double-byte Chinese code page 936, under names that say GB2312.
 //
-// A byte from 81 to FE leads a pair, whose second byte may be ASCII. The table of pairs is one flat
-// array; the way back has two levels, and is made of it by the compiler.
+// A byte from 81 to FE leads a pair, whose second byte may be ASCII. Both ways are one look-up in a
+// flat table, which the compiler makes of the generated one.
 //
 // Two peculiarities stay as callers know them. U+0080 to U+00FF become one byte of their value, also
 // the twenty that have pairs (such as U+00B7), and such a byte may lead a pair when it is read again.
@@ -10,8 +10,10 @@
 //
 // Texts between UTF-8 and the code page go through units in blocks on the stack.
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 
 #include "Utils/Nls.h"
 #include "Utils/Nls/CodePage.h"
@@ -30,19 +32,31 @@ namespace
 constexpr uint8_t firstLead = 0x81;
 constexpr uint8_t lastLead = 0xFE;
 constexpr uint8_t firstTrail = 0x40;
-constexpr uint8_t lastTrail = 0xFE;
 
 constexpr bool isLead(uint8_t byte)
 {
     return byte >= firstLead && byte <= lastLead;
 }
 
-/// The unit of a pair that begins with a lead byte; 0 where it has no character.
-constexpr uint16_t unitOfPair(uint8_t lead, uint8_t trail)
+/// The units of pairs by both bytes, a row for each lead byte; 0 where there is no character.
+constexpr unsigned rowLength = 256;
+constexpr unsigned pairCount = (lastLead - firstLead + 1) * rowLength;
+
+constexpr std::array<uint16_t, pairCount> page_charset2uni = [] {
+    std::array<uint16_t, pairCount> units = {};
+    for (unsigned row = 0; row < std::size(cp936_charset2uni); ++row) {
+        const auto& trails = cp936_charset2uni[row];
+        std::copy(std::begin(trails), std::end(trails),
+                  units.begin() + row * rowLength + firstTrail);
+    }
+    return units;
+}();
+
+/// The place of a pair in there; beyond its end when the first byte leads none.
+unsigned placeOfPair(const uint8_t* pair)
 {
-    return trail >= firstTrail && trail <= lastTrail
-               ? cp936_charset2uni[lead - firstLead][trail - firstTrail]
-               : uint16_t{0};
+    const unsigned both = static_cast<unsigned>(pair[0]) << 8 | pair[1];
+    return both - firstLead * rowLength;
 }
 
 /// The unit of a byte by itself.
@@ -50,16 +64,6 @@ constexpr uint16_t unitOfByte(uint8_t byte)
 {
     return byte == 0x80 ? uint16_t{0x20AC} : byte;
 }
-
-/// The bytes of a unit, the first one lowest; 0 where it has none, above 0xFF where they are two.
-using Page = std::array<uint16_t, 256>;
-
-enum : uint8_t
-{
-    noPage,    ///< of zeros
-    bytesPage, ///< of the units 0 to 0xFF, which are bytes
-    firstPairsPage
-};
 
 /// Units of these high bytes have pairs or nothing.
 constexpr bool hasPairsPage(unsigned high)
@@ -69,58 +73,59 @@ constexpr bool hasPairsPage(unsigned high)
            high == 0xF9 || high == 0xFA || high == 0xFE || high == 0xFF;
 }
 
-constexpr std::array<uint8_t, 256> pageOf = [] {
-    std::array<uint8_t, 256> numbers = {bytesPage};
-    uint8_t next = firstPairsPage;
-    for (unsigned high = 1; high < 256; ++high) {
-        numbers[high] = hasPairsPage(high) ? next++ : uint8_t{noPage};
-    }
-    return numbers;
-}();
-
-constexpr size_t pageCount = firstPairsPage + 102;
-static_assert(pageOf[0xFF] + size_t{1} == pageCount);
-
-constexpr std::array<Page, pageCount> page_uni2charset = [] {
-    std::array<Page, pageCount> pages = {};
-    for (uint16_t byte = 0; byte < 256; ++byte) {
-        pages[bytesPage][byte] = byte;
+/// The bytes of a unit, the first one lowest; 0 where it has none, above 0xFF where they are two. It
+/// has a place for every unit, because a second level costs more than the memory that nobody touches.
+constexpr std::array<uint16_t, 0x10000> bytesOf = [] {
+    std::array<uint16_t, 0x10000> bytes = {};
+    for (uint16_t byte = 0; byte < 0x100; ++byte) {
+        bytes[byte] = byte;
     }
     for (unsigned lead = firstLead; lead <= lastLead; ++lead) {
-        for (unsigned trail = firstTrail; trail <= lastTrail; ++trail) {
-            const uint16_t unit = cp936_charset2uni[lead - firstLead][trail - firstTrail];
+        for (unsigned trail = firstTrail; trail < rowLength; ++trail) {
+            const uint16_t unit = page_charset2uni[(lead - firstLead) * rowLength + trail];
             if (unit > 0xFF) {
-                pages[pageOf[unit >> 8]][unit & 0xFF] = static_cast<uint16_t>(lead | trail << 8);
+                bytes[unit] = static_cast<uint16_t>(lead | trail << 8);
             }
         }
     }
-    return pages;
+    return bytes;
 }();
 
-uint16_t bytesOf(uint16_t unit)
+/// Decodes a byte that makes no pair with what follows.
+inline void decodeOther(Decoding& at, const uint8_t* end)
 {
-    return page_uni2charset[pageOf[unit >> 8]][unit & 0xFF];
+    const uint8_t byte = *at.in++;
+    if (!isLead(byte) || at.in == end) {
+        *at.out++ = unitOfByte(byte);
+    } else if (*at.in >= 0x80) {
+        // Two bytes that are no character are dropped; one that is ASCII stays, lest a damaged
+        // character takes a quote or a slash with it.
+        ++at.in;
+    }
 }
 
-/// Decodes until `end` or until there are `outEnd` - at.out units.
-void decodePairs(Decoding& at, const uint8_t* end, const uint16_t* outEnd)
+/// Decodes up to `end`, or until the units reach `outEnd`.
+void decodePairs(Decoding& place, const uint8_t* end, const uint16_t* outEnd)
 {
+    Decoding at = place;
     while (at.in < end && at.out < outEnd) {
-        const uint8_t byte = *at.in++;
-        if (byte < 0x80) {
-            *at.out++ = byte;
-        } else if (!isLead(byte) || at.in == end) {
-            *at.out++ = unitOfByte(byte);
-        } else {
-            const uint8_t trail = *at.in;
-            const uint16_t unit = unitOfPair(byte, trail);
-            *at.out = unit;
-            at.out += unit != 0 ? 1 : 0;
-            // A second byte that makes no pair is dropped with the lead, unless it is ASCII, lest a
-            // damaged character takes a quote or a slash with it.
-            at.in += unit != 0 || trail >= 0x80 ? 1 : 0;
+        // For so many steps there are two bytes to look at, and room for a unit.
+        ptrdiff_t safe = std::min((end - at.in) / 2, outEnd - at.out);
+        if (safe == 0) {
+            decodeOther(at, end);
+        }
+        for (; safe > 0; --safe) {
+            const unsigned pair = placeOfPair(at.in);
+            const uint16_t unit = pair < pairCount ? page_charset2uni[pair] : uint16_t{0};
+            if (unit != 0) {
+                *at.out++ = unit;
+                at.in += 2;
+            } else {
+                decodeOther(at, end);
+            }
         }
     }
+    place = at;
 }
 
 enum class Outcome
@@ -131,23 +136,47 @@ enum class Outcome
     unmappable
 };
 
-/// Encodes the units up to `end`. The target holds zeros: two bytes are stored for each unit.
-Outcome encodePairs(Encoding& at, const uint16_t* end)
+/// Encodes one unit, if it has bytes and room.
+Outcome encodeLast(Encoding& at)
 {
-    for (; at.in < end; ++at.in) {
-        const uint16_t bytes = bytesOf(*at.in);
-        if (bytes == 0) {
-            return *at.in == 0 ? Outcome::ended : Outcome::unmappable;
-        }
-        const size_t length = bytes > 0xFF ? 2 : 1;
-        if (at.room < length + 1) {
-            return Outcome::full;
-        }
-        memcpy(at.out, &bytes, sizeof(bytes));
-        at.out += length;
-        at.room -= length;
+    const uint16_t bytes = bytesOf[*at.in];
+    const size_t length = bytes > 0xFF ? 2 : 1;
+    if (bytes == 0) {
+        return *at.in == 0 ? Outcome::ended : Outcome::unmappable;
     }
+    if (at.room < length + 1) {
+        return Outcome::full;
+    }
+    memcpy(at.out, &bytes, length);
+    ++at.in;
+    at.out += length;
+    at.room -= length;
     return Outcome::converted;
+}
+
+/// Encodes the units up to `end`. The target holds zeros: two bytes are stored for each unit.
+Outcome encodePairs(Encoding& place, const uint16_t* end)
+{
+    Encoding at = place;
+    Outcome outcome = Outcome::converted;
+    while (at.in < end && outcome == Outcome::converted) {
+        // For so many steps there is room for two bytes and the NUL.
+        const size_t fitting = at.room == 0 ? 0 : (at.room - 1) / 2;
+        const uint16_t* const safe = at.in + std::min(static_cast<size_t>(end - at.in), fitting);
+        uint8_t* out = at.out;
+        uint16_t bytes = 1;
+        for (; at.in < safe && (bytes = bytesOf[*at.in]) != 0; ++at.in) {
+            memcpy(out, &bytes, sizeof(bytes));
+            out += bytes > 0xFF ? 2 : 1;
+        }
+        at.room -= static_cast<size_t>(out - at.out);
+        at.out = out;
+        if (fitting == 0 || bytes == 0) {
+            outcome = encodeLast(at);
+        }
+    }
+    place = at;
+    return outcome;
 }
 
 constexpr size_t blockUnits = 2048;
@@ -182,13 +211,10 @@ int uni2char(uint16_t uni, uint8_t* out, int boundlen)
     if (out == nullptr || boundlen < 1) {
         return -1;
     }
-    const uint16_t bytes = Nls::bytesOf(uni);
-    if (Nls::pageOf[uni >> 8] < Nls::firstPairsPage) {
-        if (bytes == 0) {
-            return -1;
-        }
-        *out = static_cast<uint8_t>(bytes);
-        return 1;
+    const uint16_t bytes = Nls::bytesOf[uni];
+    if (!Nls::hasPairsPage(uni >> 8)) {
+        *out = bytes != 0 ? static_cast<uint8_t>(bytes) : *out;
+        return bytes != 0 ? 1 : -1;
     }
     if (boundlen < 2) {
         return -1;
@@ -207,7 +233,7 @@ int char2uni(const uint8_t* rawstring, int boundlen, uint16_t* uni)
         *uni = Nls::unitOfByte(first);
         return 1;
     }
-    *uni = Nls::unitOfPair(first, rawstring[1]);
+    *uni = Nls::page_charset2uni[Nls::placeOfPair(rawstring)];
     return *uni != 0 ? 2 : -1;
 }
 

@@ -1,10 +1,11 @@
 // SingleByte.cpp: the single-byte code pages.
 //
-// Text goes to UTF-8 by one look-up and one store of four bytes a byte, whatever the lengths, in
-// blocks on the stack, because those stores reach beyond what they mean.
+// Without vectors to look bytes up in, text goes to UTF-8 by one look-up and one store of four bytes a
+// byte, whatever the lengths, in blocks on the stack, because those stores reach beyond what they mean.
 
 #include <cstring>
 
+#include "Infra3/CpuFeatures.h"
 #include "Utils/Nls.h"
 #include "Utils/Nls/CodePage.h"
 #include "Utils/Nls/Tables/SingleByte.h"
@@ -39,13 +40,13 @@ bool copyAscii(Recoding& at, const uint8_t* end)
 }
 
 /// One block, if it fits.
-bool encodeBlock(Recoding& at, const uint8_t* end, const Utf8Forms& forms)
+bool encodeBlock(Recoding& at, const uint8_t* end, const BytePage& page)
 {
     const size_t count = std::min(static_cast<size_t>(end - at.in), blockBytes);
     uint8_t staged[blockBytes * 3 + 1];
     uint8_t* to = staged;
     for (size_t i = 0; i < count; ++i) {
-        const uint32_t form = forms[at.in[i]];
+        const uint32_t form = (*page.forms)[at.in[i]];
         memcpy(to, &form, sizeof(form));
         to += lengthOf(form);
     }
@@ -60,12 +61,21 @@ bool encodeBlock(Recoding& at, const uint8_t* end, const Utf8Forms& forms)
     return true;
 }
 
+void encodeBytesPlain(Recoding& at, const uint8_t* end, const BytePage& page)
+{
+    while (at.in < end) {
+        if (!copyAscii(at, end) && !encodeBlock(at, end, page)) {
+            break;
+        }
+    }
+}
+
 } // namespace
 
-void encodeBytesInPlace(Recoding& at, const uint8_t* end, const Utf8Forms& forms)
+void encodeBytesInPlace(Recoding& at, const uint8_t* end, const BytePage& page)
 {
     for (; at.in < end; ++at.in) {
-        const uint32_t form = forms[*at.in];
+        const uint32_t form = (*page.forms)[*at.in];
         const size_t length = lengthOf(form);
         if (length > at.room) {
             break;
@@ -76,14 +86,15 @@ void encodeBytesInPlace(Recoding& at, const uint8_t* end, const Utf8Forms& forms
     }
 }
 
-void encodeBytes(Recoding& at, const uint8_t* end, const Utf8Forms& forms)
+void encodeBytes(Recoding& at, const uint8_t* end, const BytePage& page)
 {
-    while (at.in < end) {
-        if (!copyAscii(at, end) && !encodeBlock(at, end, forms)) {
-            break;
-        }
-    }
-    encodeBytesInPlace(at, end, forms);
+    using Infra::CpuFeature;
+    constexpr Infra::TImplementation<EncodeBytesRun> runs[] = {
+        {encodeBytesAvx512, {CpuFeature::avx512vbmi2, CpuFeature::bmi2}},
+        {encodeBytesPlain, {}},
+    };
+    Infra::chooseImplementation(runs)(at, end, page);
+    encodeBytesInPlace(at, end, page);
 }
 
 namespace
@@ -115,7 +126,7 @@ bool canConvert(const uint8_t* dst, int dstLen, const uint8_t* src, int srcLen)
     return src != nullptr && dst != nullptr && srcLen > 0 && dstLen >= srcLen;
 }
 
-int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, const Utf8Forms& forms)
+int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, const BytePage& page)
 {
     if (!canConvert(dst, dstLen, src, srcLen)) {
         return -1;
@@ -123,7 +134,7 @@ int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, const Utf
     const size_t size = static_cast<size_t>(srcLen);
     Recoding at = {src, dst, static_cast<size_t>(dstLen)};
     const bool isInPlace = areOverlapping(dst, at.room, src, size);
-    (isInPlace ? encodeBytesInPlace : encodeBytes)(at, src + size, forms);
+    (isInPlace ? encodeBytesInPlace : encodeBytes)(at, src + size, page);
     srcLen = static_cast<int>(at.in - src);
     dstLen = static_cast<int>(at.out - dst);
     return 0;
@@ -184,7 +195,7 @@ int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, char2uni_
     }                                                                                              \
     int P##_to_utf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen)                    \
     {                                                                                              \
-        return Nls::toUtf8(dst, dstLen, src, srcLen, Nls::utf8Forms<Nls::P##_charset2uni>);        \
+        return Nls::toUtf8(dst, dstLen, src, srcLen, Nls::bytePage<Nls::P##_charset2uni>);         \
     }
 
 INFRA_NLS_CODE_PAGES(INFRA_NLS_CODE_PAGE)
@@ -194,15 +205,15 @@ int char_to_utf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, cha
     if (func == nullptr || !Nls::canConvert(dst, dstLen, src, srcLen)) {
         return -1;
     }
-#define INFRA_NLS_FORMS_OF(P) {P##_char2uni, &Nls::utf8Forms<Nls::P##_charset2uni>},
+#define INFRA_NLS_PAGE_OF(P) {P##_char2uni, &Nls::bytePage<Nls::P##_charset2uni>},
     static constexpr struct
     {
         char2uni_t* func;
-        const Nls::Utf8Forms* forms;
-    } pages[] = {INFRA_NLS_CODE_PAGES(INFRA_NLS_FORMS_OF)};
-    for (const auto& page : pages) {
-        if (page.func == func) {
-            return Nls::toUtf8(dst, dstLen, src, srcLen, *page.forms);
+        const Nls::BytePage* page;
+    } pages[] = {INFRA_NLS_CODE_PAGES(INFRA_NLS_PAGE_OF)};
+    for (const auto& known : pages) {
+        if (known.func == func) {
+            return Nls::toUtf8(dst, dstLen, src, srcLen, *known.page);
         }
     }
     return Nls::toUtf8(dst, dstLen, src, srcLen, func);

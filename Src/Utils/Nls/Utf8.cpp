@@ -26,8 +26,11 @@ namespace
 constexpr size_t stretchBytes = 4096;
 constexpr size_t stretchUnits = 2048;
 
-void decodePlain(Decoding& at, const uint8_t* known, const uint8_t* end)
+// Places are copied while a run goes on: what is written as bytes might else be the place itself.
+
+void decodePlain(Decoding& place, const uint8_t* known, const uint8_t* end)
 {
+    Decoding at = place;
     while (known - at.in >= 16) {
         if (!decodeAscii16(at)) {
             const uint8_t* const behind = at.in + 16;
@@ -39,10 +42,12 @@ void decodePlain(Decoding& at, const uint8_t* known, const uint8_t* end)
     while (at.in < known) {
         decodeOne(at, end);
     }
+    place = at;
 }
 
-void encodePlain(Encoding& at, const uint16_t* known)
+void encodePlain(Encoding& place, const uint16_t* known)
 {
+    Encoding at = place;
     while (known - at.in >= 8 && at.room >= 8) {
         if (!encodeAscii8(at)) {
             const uint16_t* const behind = at.in + 8;
@@ -54,6 +59,7 @@ void encodePlain(Encoding& at, const uint16_t* known)
     while (at.in < known && at.room > 0) {
         encodeOne(at);
     }
+    place = at;
 }
 
 } // namespace
@@ -64,6 +70,7 @@ const Utf8Engine& utf8Engine()
 {
     using Infra::CpuFeature;
     constexpr Infra::TImplementation<const Utf8Engine> engines[] = {
+        {&avx512Utf8, {CpuFeature::avx512vbmi2, CpuFeature::bmi2}},
         {&avx2Utf8, {CpuFeature::avx2, CpuFeature::bmi2}},
         {&plainUtf8, {}},
     };

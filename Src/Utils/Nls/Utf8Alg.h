@@ -200,6 +200,7 @@ struct Utf8Engine
 
 extern const Utf8Engine plainUtf8; ///< ASCII by sixteen bytes, else by single characters
 extern const Utf8Engine avx2Utf8;
+extern const Utf8Engine avx512Utf8;
 
 /// The engine of this processor.
 const Utf8Engine& utf8Engine();
