@@ -4,11 +4,12 @@
 // the text does not touch. It may well touch what is behind the text, or before it, which sanitizers
 // would take for a mistake.
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include <algorithm>
 #include <bit>
 
+#include "Infra3/CpuFeatures.h"
 #include "Utils/Nls/Utf8Alg.h"
 
 namespace Tarsel
@@ -34,16 +35,48 @@ __attribute__((no_sanitize("address", "thread"))) uint64_t zerosOf(const uint8_t
     return zeros;
 }
 
-/// Whether zerosOf() would say anything; faster.
-__attribute__((no_sanitize("address", "thread"))) bool hasZeros(const uint8_t* block)
+/// The first block from `at` on, counted in bytes, in which there is a zero or the place `last`.
+using SkipBlocks = size_t(const uint8_t* first, size_t at, size_t last);
+
+__attribute__((no_sanitize("address", "thread"))) size_t skipBlocksPlain(const uint8_t* first,
+                                                                         size_t at, size_t last)
 {
-    const __m128i* const units = reinterpret_cast<const __m128i*>(block);
     const __m128i zero = _mm_setzero_si128();
-    const __m128i low =
-        _mm_or_si128(_mm_cmpeq_epi16(units[0], zero), _mm_cmpeq_epi16(units[1], zero));
-    const __m128i high =
-        _mm_or_si128(_mm_cmpeq_epi16(units[2], zero), _mm_cmpeq_epi16(units[3], zero));
-    return _mm_movemask_epi8(_mm_or_si128(low, high)) != 0;
+    for (; at + blockBytes < last; at += blockBytes) {
+        const __m128i* const units = reinterpret_cast<const __m128i*>(first + at);
+        const __m128i low =
+            _mm_or_si128(_mm_cmpeq_epi16(units[0], zero), _mm_cmpeq_epi16(units[1], zero));
+        const __m128i high =
+            _mm_or_si128(_mm_cmpeq_epi16(units[2], zero), _mm_cmpeq_epi16(units[3], zero));
+        if (_mm_movemask_epi8(_mm_or_si128(low, high)) != 0) {
+            break;
+        }
+    }
+    return at;
+}
+
+__attribute__((target("avx2"), no_sanitize("address", "thread"))) size_t
+skipBlocksAvx2(const uint8_t* first, size_t at, size_t last)
+{
+    const __m256i zero = _mm256_setzero_si256();
+    for (; at + blockBytes < last; at += blockBytes) {
+        const __m256i* const units = reinterpret_cast<const __m256i*>(first + at);
+        const __m256i isZero =
+            _mm256_or_si256(_mm256_cmpeq_epi16(units[0], zero), _mm256_cmpeq_epi16(units[1], zero));
+        if (_mm256_movemask_epi8(isZero) != 0) {
+            break;
+        }
+    }
+    return at;
+}
+
+size_t skipBlocks(const uint8_t* first, size_t at, size_t last)
+{
+    constexpr Infra::TImplementation<SkipBlocks> ways[] = {
+        {skipBlocksAvx2, {Infra::CpuFeature::avx2}},
+        {skipBlocksPlain, {}},
+    };
+    return Infra::chooseImplementation(ways)(first, at, last);
 }
 
 } // namespace
@@ -55,9 +88,9 @@ size_t countUnits(const uint16_t* units, size_t limit)
     const size_t last = before + limit * sizeof(uint16_t);
     uint64_t zeros = zerosOf(first) >> before << before;
     size_t at = 0; // counted in bytes from `first` on
-    while (zeros == 0 && at + blockBytes < last) {
-        at += blockBytes;
-        zeros = hasZeros(first + at) ? zerosOf(first + at) : 0;
+    if (zeros == 0 && blockBytes < last) {
+        at = skipBlocks(first, blockBytes, last);
+        zeros = zerosOf(first + at);
     }
     const size_t end = at + static_cast<size_t>(std::countr_zero(zeros));
     return std::min((end - before) / sizeof(uint16_t), limit);

@@ -151,11 +151,32 @@ INFRA_AVX512_INLINE bool encodeUnits(Recoding& at, __m512i units)
     return true;
 }
 
+/// 64 units, if they are ASCII and there is room.
+INFRA_AVX512_INLINE bool encodeAscii64(Recoding& to, const uint16_t* in)
+{
+    const __m512i first = _mm512_loadu_si512(in);
+    const __m512i second = _mm512_loadu_si512(in + vectorUnits);
+    const __m512i above = _mm512_set1_epi16(-0x80);
+    if (_mm512_test_epi16_mask(_mm512_or_si512(first, second), above) != 0 ||
+        to.room < vectorBytes) {
+        return false;
+    }
+    const __m512i evens = _mm512_add_epi8(numbersFrom(0), numbersFrom(0));
+    _mm512_storeu_si512(to.out, _mm512_permutex2var_epi8(first, evens, second));
+    to.out += vectorBytes;
+    to.room -= vectorBytes;
+    return true;
+}
+
 INFRA_AVX512 void encode(Encoding& place, const uint16_t* known)
 {
     const uint16_t* in = place.in;
     Recoding to = {nullptr, place.out, place.room};
     while (in < known) {
+        if (known - in >= static_cast<ptrdiff_t>(vectorBytes) && encodeAscii64(to, in)) {
+            in += vectorBytes;
+            continue;
+        }
         const size_t count = distance(in, known, vectorUnits);
         const __mmask32 there = static_cast<__mmask32>(lowest(count));
         const __m512i units = _mm512_maskz_loadu_epi16(there, in);
@@ -181,6 +202,7 @@ struct Window
     uint64_t ends;  ///< the last byte of each sequence, up to the first fault
     uint64_t two;   ///< of which have two bytes or three
     uint64_t three; ///< of which have three
+    bool isGood;    ///< no fault in it
 };
 
 /// The first `there` bytes of `bytes`, which begin with a sequence.
@@ -198,7 +220,16 @@ INFRA_AVX512_INLINE Window windowOf(__m512i bytes, uint64_t there)
     const uint64_t faults =
         (continues ^ expected) | (highBits & ~(continues | lead2 | lead3)) | overLong;
     const uint64_t two = lead2 << 1 | lead3 << 2;
-    return {(~highBits | two) & there & before(faults), two, lead3 << 2};
+    return {(~highBits | two) & there & before(faults), two, lead3 << 2, faults == 0};
+}
+
+/// The bytes at the end of a good vector that begin a sequence without ending it. They are looked at
+/// alone, because the next vector waits for the answer and not for the others.
+inline size_t cutBytes(const uint8_t* in)
+{
+    const size_t two = in[vectorBytes - 2] >= 0xE0 ? 2 : 0;
+    const size_t one = in[vectorBytes - 1] >= 0xC0 ? 1 : 0;
+    return two + one;
 }
 
 INFRA_AVX512_INLINE void storeUnits(Decoding& at, __m512i low, __m512i high, size_t count)
@@ -256,7 +287,8 @@ INFRA_AVX512 void decode(Decoding& place, const uint8_t* known, const uint8_t* e
             continue;
         }
         decodeWindow(at, bytes, window);
-        at.in += vectorBytes - _lzcnt_u64(window.ends);
+        const bool isWhole = window.isGood && count == vectorBytes;
+        at.in += vectorBytes - (isWhole ? cutBytes(at.in) : _lzcnt_u64(window.ends));
     }
     place = at;
 }

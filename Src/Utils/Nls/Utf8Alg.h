@@ -116,8 +116,8 @@ struct Decoding
     uint16_t* out;
 };
 
-/// Decodes one sequence, or skips a byte. It may end anywhere before `end`.
-inline void decodeOne(Decoding& at, const uint8_t* end)
+/// Decodes one sequence of a length that is rare, or skips a byte.
+inline void decodeRare(Decoding& at, const uint8_t* end)
 {
     const Sequence sequence = readShortestSequence(at.in, static_cast<size_t>(end - at.in));
     if (sequence.length == 0) {
@@ -126,6 +126,28 @@ inline void decodeOne(Decoding& at, const uint8_t* end)
     }
     *at.out++ = static_cast<uint16_t>(sequence.value);
     at.in += sequence.length;
+}
+
+/// Decodes one sequence, or skips a byte. It may end anywhere before `end`.
+inline void decodeOne(Decoding& at, const uint8_t* end)
+{
+    const uint8_t* const s = at.in;
+    const unsigned lead = s[0];
+    const ptrdiff_t left = end - s;
+    if (lead < 0x80) {
+        *at.out++ = static_cast<uint16_t>(lead);
+        ++at.in;
+    } else if (lead >= 0xC2 && lead < 0xE0 && left >= 2 && isContinuation(s[1])) {
+        *at.out++ = static_cast<uint16_t>((lead & 0x1F) << 6 | (s[1] & 0x3FU));
+        at.in += 2;
+    } else if (lead > 0xE0 && lead < 0xF0 && left >= 3 && isContinuation(s[1]) &&
+               isContinuation(s[2])) {
+        const unsigned low = (s[1] & 0x3FU) << 6 | (s[2] & 0x3FU);
+        *at.out++ = static_cast<uint16_t>((lead & 0xF) << 12 | low);
+        at.in += 3;
+    } else {
+        decodeRare(at, end);
+    }
 }
 
 /// Sixteen bytes, if they are ASCII, to units.
