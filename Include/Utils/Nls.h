@@ -58,8 +58,8 @@ INFRA_API int UCS4ToUtf8(char* ucs4, int ucs4Len, uint8_t* utf8, int nUtf8Len);
 
 /// Windows-1252 to UTF-8, all or nothing. From the first undefined byte on (0x81, 0x8D, 0x8F, 0x90,
 /// 0x9D) each byte becomes a NUL. Source and target may overlap.
-/// @return 0; the size needed when that is above `utf8buflen`, and nothing is written; -1 when
-///         there is nothing to convert, or no memory (needed for overlapping buffers only)
+/// @return 0; the size needed when that is above `utf8buflen`, or there is no target, and nothing is
+///         written; -1 when there is nothing to convert, or no memory (needed for overlapping buffers)
 INFRA_API int cp1252_to_utf8(uint8_t* utf8buf, int utf8buflen, const uint8_t* cp1252buf,
                              int cp1252buflen);
 

@@ -366,7 +366,7 @@ TEST(NlsCodePage936Test, ReadsTextsThatAreDamaged)
         const size_t count = c.units.size();
         for (size_t limit = 0; limit <= count + 2; ++limit) {
             Units units(count + 3, 7);
-            Units expected(c.units.begin(), c.units.begin() + std::min(limit, count));
+            Units expected(c.units.data(), c.units.data() + std::min(limit, count));
             const int result = static_cast<int>(expected.size());
             expected.resize(limit, 0);
             expected.resize(units.size(), 7);

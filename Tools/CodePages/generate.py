@@ -4,8 +4,8 @@
     Tools/CodePages/generate.py [--check]
 
 The mappings come out of the C library's converter, iconv, which has them from the published files;
-where ours differ, CHANGES says how and why. The tables go from bytes to Unicode; the way back is
-made of them by the compiler. --check writes nothing and ends 1 when a committed file is not what
+where ours differ, CHANGES and PAGE_CHANGES say how and why. The tables go from bytes to Unicode; the
+way back is made of them by the compiler. --check writes nothing and ends 1 when a committed file is not what
 would be written.
 """
 
@@ -35,7 +35,20 @@ CHANGES = {
     ("cp1252", byte): (byte[0], "undefined; stands for the control character of its value, so that "
                                 "such characters can be written")
     for byte in (b"\x81", b"\x8D", b"\x8F", b"\x90", b"\x9D")
+} | {
+    ("cp936_ansi", bytes([byte])): (byte, "leads a pair or is undefined; stands for its own value when "
+                                          "it comes alone, so that no byte of a text is lost")
+    for byte in range(0x81, 0x100)
 }
+
+# Code page 936 from Unicode: units of these high bytes have a pair or nothing. Where a page stays out,
+# units below 256 become the byte of their value. high byte -> (is there, reason).
+PAGE_CHANGES = {
+    0x00: (False, "U+0080 to U+00FF become one byte, also the twenty that have a pair"),
+    0xDC: (True, "an empty page among those of pairs: its units fail as those do, two bytes cleared"),
+}
+# The euro sign is the single byte 80 to iconv. It stands on page 20, which has room for pairs only, and
+# a pair 80 00 would end a text: it has no bytes, and needs no entry here.
 
 
 class Converter:
@@ -76,13 +89,17 @@ def mapping(name, page, texts):
     return values
 
 
+def shown(texts):
+    return " ".join(texts) if len(texts) < 9 else f"{texts[0]} to {texts[-1]}"
+
+
 def changes_of(name):
     """Comment lines that say where the page differs from the published mapping, and why."""
     reasons = {}
     for (changed, text), (_, reason) in CHANGES.items():
         if changed == name:
             reasons.setdefault(reason, []).append(text.hex().upper())
-    return [f"// {' '.join(texts)}: {reason}." for reason, texts in reasons.items()]
+    return [f"// {shown(texts)}: {reason}." for reason, texts in reasons.items()]
 
 
 def rows(values):
@@ -112,12 +129,34 @@ def single_byte_tables():
     return header("SINGLEBYTE", ["// Byte -> UCS-2, 0 where the byte has no character."], body)
 
 
+def flags(values):
+    """Lines of 32 flags."""
+    for at in range(0, len(values), 32):
+        yield "    " + ", ".join(str(int(value)) for value in values[at:at + 32]) + ","
+
+
+def cp936_pages(units):
+    """For each high byte whether it has a page of pairs, and the comment on our changes."""
+    pages = [any(unit >> 8 == high for unit in units if unit != 0) for high in range(256)]
+    for high, (is_there, _) in PAGE_CHANGES.items():
+        pages[high] = is_there
+    reasons = [f"// {high:02X}: {reason}." for high, (_, reason) in PAGE_CHANGES.items()]
+    return pages, reasons
+
+
 def cp936_tables():
+    units = []
     body = [f"inline constexpr uint16_t cp936_charset2uni[{len(LEADS)}][{len(TRAILS)}] = {{"]
     for lead in LEADS:
         values = mapping("cp936", "CP936", [bytes([lead, trail]) for trail in TRAILS])
+        units += values
         body += [f"    {{ // {lead:02X}", *rows(values), "    },"]
-    body += ["};", ""]
+    pages, reasons = cp936_pages(units)
+    ansi = mapping("cp936_ansi", "CP936", [bytes([byte]) for byte in range(256)])
+    body += ["};", "", "// A byte by itself.", *changes_of("cp936_ansi"),
+             "inline constexpr uint16_t cp936_ansi2uni[256] = {", *rows(ansi), "};", "",
+             "// Whether units of a high byte have pairs or nothing.", *reasons,
+             "inline constexpr bool cp936_hasPairs[256] = {", *flags(pages), "};", ""]
     return header("CP936", [
         "// Code page 936: pairs of a lead byte from 81 to FE and a trail byte from 40 to FE -> UCS-2,",
         "// 0 where the pair has no character."], body)

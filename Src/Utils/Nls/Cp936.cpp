@@ -6,7 +6,7 @@
 // Two peculiarities stay as callers know them. U+0080 to U+00FF become one byte of their value, also
 // the twenty that have pairs (such as U+00B7), and such a byte may lead a pair when it is read again.
 // The euro sign is read from the single byte 80 but cannot be written: there is no pair for it, and
-// its page of the table holds pairs only.
+// what is above U+00FF is written in pairs only.
 //
 // Texts between UTF-8 and the code page go through units in blocks on the stack.
 
@@ -59,20 +59,6 @@ unsigned placeOfPair(const uint8_t* pair)
     return both - firstLead * rowLength;
 }
 
-/// The unit of a byte by itself.
-constexpr uint16_t unitOfByte(uint8_t byte)
-{
-    return byte == 0x80 ? uint16_t{0x20AC} : byte;
-}
-
-/// Units of these high bytes have pairs or nothing.
-constexpr bool hasPairsPage(unsigned high)
-{
-    return (high >= 0x01 && high <= 0x04) || (high >= 0x20 && high <= 0x26) ||
-           (high >= 0x30 && high <= 0x33) || (high >= 0x4E && high <= 0x9F) || high == 0xDC ||
-           high == 0xF9 || high == 0xFA || high == 0xFE || high == 0xFF;
-}
-
 /// The bytes of a unit, the first one lowest; 0 where it has none, above 0xFF where they are two. It
 /// has a place for every unit, because a second level costs more than the memory that nobody touches.
 constexpr std::array<uint16_t, 0x10000> bytesOf = [] {
@@ -96,7 +82,7 @@ inline void decodeOther(Decoding& at, const uint8_t* end)
 {
     const uint8_t byte = *at.in++;
     if (!isLead(byte) || at.in == end) {
-        *at.out++ = unitOfByte(byte);
+        *at.out++ = cp936_ansi2uni[byte];
     } else if (*at.in >= 0x80) {
         // Two bytes that are no character are dropped; one that is ASCII stays, lest a damaged
         // character takes a quote or a slash with it.
@@ -212,9 +198,12 @@ int uni2char(uint16_t uni, uint8_t* out, int boundlen)
         return -1;
     }
     const uint16_t bytes = Nls::bytesOf[uni];
-    if (!Nls::hasPairsPage(uni >> 8)) {
-        *out = bytes != 0 ? static_cast<uint8_t>(bytes) : *out;
-        return bytes != 0 ? 1 : -1;
+    if (!Nls::cp936_hasPairs[uni >> 8]) {
+        if (bytes == 0) {
+            return -1;
+        }
+        *out = static_cast<uint8_t>(bytes);
+        return 1;
     }
     if (boundlen < 2) {
         return -1;
@@ -230,7 +219,7 @@ int char2uni(const uint8_t* rawstring, int boundlen, uint16_t* uni)
     }
     const uint8_t first = rawstring[0];
     if (boundlen == 1 || !Nls::isLead(first) || rawstring[1] == 0) {
-        *uni = Nls::unitOfByte(first);
+        *uni = Nls::cp936_ansi2uni[first];
         return 1;
     }
     *uni = Nls::page_charset2uni[Nls::placeOfPair(rawstring)];
