@@ -164,6 +164,11 @@ TEST(NlsWindows1252Test, ConvertsTextsAsItConvertsCharacters)
             place.resize(expected.size());
             ASSERT_EQ(cp1252_to_utf8(place.data(), sizeOf(place), place.data(), sizeOf(source)), 0);
             ASSERT_EQ(place, expected);
+            const int shorter =
+                utf8_to_cp1252(place.data(), sizeOf(place), place.data(), sizeOf(place));
+            Bytes apart(expected.size());
+            ASSERT_EQ(utf8_to_cp1252(text, sizeOf(expected), apart.data(), sizeOf(apart)), shorter);
+            ASSERT_TRUE(std::equal(apart.begin(), apart.begin() + shorter, place.begin()));
         }
     }
 }
