@@ -5,6 +5,8 @@
 
 #include <cpuid.h>
 
+#include "Infra3/AssertFront.h"
+
 namespace Tarsel
 {
 namespace Infra
@@ -40,9 +42,8 @@ uint64_t savedState(const CpuidAnswer& basic)
     return (static_cast<uint64_t>(high) << 32) | low;
 }
 
-CCpuFeatureSet askFeatures()
+CCpuFeatureSet featuresOf(const CpuidAnswer& basic)
 {
-    const CpuidAnswer basic = askProcessor(1);
     const CpuidAnswer extended = askProcessor(7);
     const uint64_t saved = savedState(basic);
     const bool ymm = (saved & ymmState) == ymmState;
@@ -73,10 +74,19 @@ CCpuFeatureSet askFeatures()
     return features;
 }
 
-const CCpuFeatureSet& askedFeatures()
+struct Asked
 {
-    static const CCpuFeatureSet asked = askFeatures();
-    return asked;
+    CpuidAnswer basic;
+    CCpuFeatureSet features;
+};
+
+const Asked& asked()
+{
+    static const Asked answers = [] {
+        const CpuidAnswer basic = askProcessor(1);
+        return Asked{basic, featuresOf(basic)};
+    }();
+    return answers;
 }
 
 } // namespace
@@ -93,7 +103,7 @@ namespace
 
 void showAll()
 {
-    Detail::shownFeatures.store(askedFeatures(), std::memory_order_relaxed);
+    Detail::shownFeatures.store(asked().features, std::memory_order_relaxed);
 }
 
 /// Before anything else of the library is made.
@@ -106,13 +116,13 @@ void showAll()
 
 uint32_t basicFeatureWord()
 {
-    static const uint32_t asked = askProcessor(1).ecx;
-    return asked;
+    return asked().basic.ecx;
 }
 
 CHiddenCpuFeatures::CHiddenCpuFeatures(CCpuFeatureSet hidden)
 {
-    CCpuFeatureSet features = askedFeatures();
+    CCpuFeatureSet features = asked().features;
+    INFRA_ASSERT(cpuFeatures().hasAll(features));
     features.remove(hidden);
     Detail::shownFeatures.store(features, std::memory_order_relaxed);
 }

@@ -2,8 +2,7 @@
 #define INFRA_SRC_INFRA3_CPUFEATURES_H
 
 // What the processor can do beyond the x86-64 baseline, asked while the library is loaded, and the
-// one way to choose among
-// implementations by it:
+// one way to choose among implementations by it:
 //
 //     constexpr TImplementation<Sum> sums[] = {
 //         {sumAvx2, {CpuFeature::avx2}},
@@ -89,7 +88,8 @@ inline CCpuFeatureSet cpuFeatures()
 /// The ECX word of the processor's identification, leaf 1, as it came; 0 without one.
 uint32_t basicFeatureWord();
 
-/// Hides features from cpuFeatures() while it lives. For tests, one at a time.
+/// Hides features from cpuFeatures() while it lives; then all are shown again. For tests, one at a
+/// time, which is asserted where the one before hides anything.
 class CHiddenCpuFeatures
 {
 public:
