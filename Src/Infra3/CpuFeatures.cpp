@@ -49,6 +49,7 @@ CCpuFeatureSet featuresOf(const CpuidAnswer& basic)
     const bool ymm = (saved & ymmState) == ymmState;
     const bool zmm = (saved & zmmState) == zmmState;
     constexpr unsigned avx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512DQ | bit_AVX512VL;
+    constexpr unsigned vbmiBits = bit_AVX512VBMI | bit_AVX512VBMI2;
 
     CCpuFeatureSet features;
     const auto addIf = [&features](bool there, CpuFeature feature) {
@@ -67,7 +68,9 @@ CCpuFeatureSet featuresOf(const CpuidAnswer& basic)
     addIf(ymm && (extended.ebx & bit_AVX2) != 0, CpuFeature::avx2);
     addIf(ymm && (extended.ecx & bit_VAES) != 0, CpuFeature::vaes);
     addIf(ymm && (extended.ecx & bit_VPCLMULQDQ) != 0, CpuFeature::vpclmul);
-    addIf(zmm && (extended.ebx & avx512Bits) == avx512Bits, CpuFeature::avx512);
+    const bool avx512 = zmm && (extended.ebx & avx512Bits) == avx512Bits;
+    addIf(avx512, CpuFeature::avx512);
+    addIf(avx512 && (extended.ecx & vbmiBits) == vbmiBits, CpuFeature::avx512vbmi2);
     return features;
 }
 

@@ -38,7 +38,8 @@ enum class CpuFeature : uint32_t
     avx2,
     vaes,
     vpclmul,
-    avx512 ///< F, BW, DQ and VL together
+    avx512,     ///< F, BW, DQ and VL together
+    avx512vbmi2 ///< those, VBMI and VBMI2 together
 };
 
 /// A set of features, one bit each.

@@ -26,6 +26,9 @@ TEST(CpuFeaturesTest, AgreesWithTheCompilersOwnTable)
     EXPECT_EQ(features.has(CpuFeature::avx512), __builtin_cpu_supports("avx512bw") != 0 &&
                                                     __builtin_cpu_supports("avx512dq") != 0 &&
                                                     __builtin_cpu_supports("avx512vl") != 0);
+    EXPECT_EQ(features.has(CpuFeature::avx512vbmi2),
+              features.has(CpuFeature::avx512) && __builtin_cpu_supports("avx512vbmi") != 0 &&
+                  __builtin_cpu_supports("avx512vbmi2") != 0);
 }
 
 int best()

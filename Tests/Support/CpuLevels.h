@@ -23,21 +23,23 @@ using enum Infra::CpuFeature;
 
 /// From all that this processor has down to nothing beyond x86-64. What a level changes:
 ///
-/// | level        | AES        | SHA-1        | CRC             | Base64 | DES circuit |
-/// |--------------|------------|--------------|-----------------|--------|-------------|
-/// | all          | VAES       | instructions | 512 bits a step | AVX2   | 512 blocks  |
-/// | 256 bits     | VAES       | instructions | 256 bits        | AVX2   | 256 blocks  |
-/// | but one ...  | AES-NI     | instructions | 128 bits        | AVX2   | 256 blocks  |
-/// | 128 bits     | AES-NI     | instructions | 128 bits        | tables | none        |
-/// | x86-64       | tables     | plain        | tables          | tables | none        |
+/// | level        | AES        | SHA-1        | CRC             | Base64 | DES circuit | Texts    |
+/// |--------------|------------|--------------|-----------------|--------|-------------|----------|
+/// | all          | VAES       | instructions | 512 bits a step | AVX2   | 512 blocks  | AVX-512  |
+/// | 256 bits     | VAES       | instructions | 256 bits        | AVX2   | 256 blocks  | AVX2     |
+/// | but one ...  | AES-NI     | instructions | 128 bits        | AVX2   | 256 blocks  | AVX2     |
+/// | 128 bits     | AES-NI     | instructions | 128 bits        | tables | none        | plain    |
+/// | x86-64       | tables     | plain        | tables          | tables | none        | plain    |
 ///
 /// On a processor that has less, levels repeat each other. MD5 is the same on all of them.
 inline const CpuLevel cpuLevels[] = {
     {"all", {}},
-    {"256 bits", {avx512}},
-    {"256 bits, but one block an instruction", {vaes, vpclmul, avx512}},
-    {"128 bits", {vaes, vpclmul, avx512, avx2, avx}},
-    {"x86-64", {vaes, vpclmul, avx512, avx2, avx, aesni, pclmul, shani, bmi2, sse42, sse41, ssse3}},
+    {"256 bits", {avx512, avx512vbmi2}},
+    {"256 bits, but one block an instruction", {vaes, vpclmul, avx512, avx512vbmi2}},
+    {"128 bits", {vaes, vpclmul, avx512, avx512vbmi2, avx2, avx}},
+    {"x86-64",
+     {vaes, vpclmul, avx512, avx512vbmi2, avx2, avx, aesni, pclmul, shani, bmi2, sse42, sse41,
+      ssse3}},
 };
 
 /// Runs a body on each kind of processor.

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Writes inputs for a fuzz target to begin with: descriptions and segments as the format has them, and
-ones in which a single field says something else; messages in pieces, and texts of each length.
+ones in which a single field says something else; messages in pieces, texts of each length, and in
+many character sets.
 
     Tests/Fuzz/Seeds/make_seeds.py TARGET FOLDER
 
@@ -102,10 +103,25 @@ def base64_text():
             yield text + end + b"more"
 
 
+def character_sets():
+    """Texts of each kind, long enough for every width of vector, some with something wrong in them."""
+    french = "Dès l'aube, à l'heure où blanchit la campagne, je partirai. "
+    chinese = "床前明月光，疑是地上霜。"
+    texts = [french.encode(), french.encode("cp1252"), chinese.encode(), chinese.encode("gbk"),
+             (french + chinese).encode("utf-16-le"), "Привет, мир".encode("cp1251"),
+             "a\U0001F600\U00020000z".encode(), b"\xC0\x80\xE0\x9F\xBF\xED\xA0\x80\xFE\xFF",
+             b"\xF8\x88\x80\x80\x80\xFC\x84\x80\x80\x80\x80", bytes(range(1, 256))]
+    for number, text in enumerate(texts):
+        for times, room in ((1, 10), (8, 300), (8, 2000)):
+            yield bytes([number]) + struct.pack("<H", room) + text * times
+            yield bytes([number]) + struct.pack("<H", room) + text * times + b"\0" + texts[0]
+
+
 def main():
     target, folder = sys.argv[1], pathlib.Path(sys.argv[2])
     makers = {"ShareDescription": share_description, "ShareSegment": share_segment,
-              "AesSplits": aes_splits, "Base64Text": base64_text}
+              "AesSplits": aes_splits, "Base64Text": base64_text,
+              "CharacterSets": character_sets}
     folder.mkdir(parents=True, exist_ok=True)
     for number, seed in enumerate(makers.get(target, list)()):
         (folder / f"seed-{number:04}").write_bytes(seed)

@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Holds what Recode writes against the system's own converter.
+#
+#   Examples/Recode/check.sh PROGRAM
+set -euo pipefail
+
+program=$(realpath "${1:?usage: check.sh PROGRAM}")
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+cd "$scratch"
+
+fail() {
+    echo "check.sh: $*" >&2
+    exit 1
+}
+
+# repeated TEXT: enough of it for every way of converting.
+repeated() {
+    for _ in {1..300}; do
+        printf '%s\n' "$1"
+    done
+}
+
+# both_ways OURS ICONVS TEXT: UTF-8 to the set and back.
+both_ways() {
+    repeated "$3" >text
+    iconv -f UTF-8 -t "$2" text >expected
+    "$program" utf-8 "$1" text made >log || fail "utf-8 to $1 ended with $?"
+    cmp made expected || fail "utf-8 to $1"
+    "$program" "$1" utf-8 expected back >log || fail "$1 to utf-8 ended with $?"
+    cmp back text || fail "$1 to utf-8"
+}
+
+both_ways cp936 CP936 "床前明月光，疑是地上霜。abc 举头望明月，低头思故乡。"
+both_ways cp1252 CP1252 "Dès l'aube… à 5 € le cœur"
+both_ways cp1250 CP1250 "Příliš žluťoučký kůň"
+both_ways cp1251 CP1251 "Съешь же ещё этих мягких французских булок"
+both_ways cp862 CP862 "שלום, ½ עולם"
+both_ways cp874 CP874 "สวัสดีชาวโลก"
+both_ways iso8859-1 ISO-8859-1 "Grüße aus Øre"
+both_ways iso8859-5 ISO-8859-5 "Привет, мир"
+both_ways iso8859-7 ISO-8859-7 "Καλημέρα κόσμε"
+both_ways iso8859-15 ISO-8859-15 "5 € le cœur"
+both_ways ucs-2 UTF-16LE "床前 aé"
+
+printf 'A€😀\n' >text
+iconv -f UTF-8 -t UTF-32LE text >wide
+"$program" ucs-4 utf-8 wide back >log && cmp back text || fail "ucs-4 to utf-8"
+"$program" cp1251 iso8859-5 <(printf '\xCF\xF0') made >log && [[ $(cat made) == $'\xBF\xE0' ]] ||
+    fail "page to page"
+: >empty
+"$program" cp936 ucs-2 empty made >log && [[ ! -s made ]] || fail "an empty file"
+
+for set in cp936 cp1252 cp1251; do
+    printf 'a\xE0\xA4\x85' >text # a letter of India
+    "$program" utf-8 $set text made >log 2>complaint && fail "$set has no such letter"
+    [[ $(cat made) == a ]] || fail "what there is for $set is not written"
+done
+"$program" utf-8 ucs-4 text made >log 2>complaint && fail "ucs-4 is for reading only"
+grep -q "no such set to write: ucs-4" complaint || fail "nothing is said about ucs-4"
+"$program" utf-8 cp936 missing made >log 2>complaint && fail "a missing file is no failure"
+grep -q "cannot read missing" complaint || fail "nothing is said about a missing file"
+echo "check.sh: all as iconv has them"
