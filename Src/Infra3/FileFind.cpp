@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "Infra3/BoundedText.h"
-#include "Infra3/FileInternal.h"
+#include "Infra3/FileFindImpl.h"
 
 namespace Tarsel
 {
@@ -15,8 +15,6 @@ namespace Infra
 {
 namespace
 {
-
-constexpr int64_t noSearch = -1;
 
 /// What entries' names are put behind: the pattern up to its last '/'. One without any '/' is a
 /// directory of the current one.
@@ -33,63 +31,43 @@ CString directoryPartOf(const char* pattern)
     return length == 0 ? CString("./") : CString(pattern, length) + "/";
 }
 
-class CFileFindImpl
-{
-public:
-    ~CFileFindImpl() { close(); }
-
-    bool findFile(const char* pattern)
-    {
-        close();
-        if (pattern == nullptr) {
-            return false;
-        }
-        m_path = directoryPartOf(pattern);
-        m_opt = &fileSystemFor(pattern);
-        copyText(m_fileInfo.name, m_path.c_str());
-        m_handle = m_opt->findfirst(pattern, m_fileInfo);
-        return m_handle != noSearch;
-    }
-
-    bool findNextFile()
-    {
-        if (m_handle == noSearch) {
-            return false;
-        }
-        copyText(m_fileInfo.name, m_path.c_str());
-        return m_opt->findnext(static_cast<long>(m_handle), m_fileInfo) != -1;
-    }
-
-    void close()
-    {
-        if (m_handle != noSearch) {
-            m_opt->findclose(static_cast<long>(m_handle));
-            m_handle = noSearch;
-        }
-    }
-
-    const FileInfo& entry() const { return m_fileInfo; }
-    bool has(int attribute) const { return (m_fileInfo.attrib & attribute) != 0; }
-
-    template <typename Text>
-    Text path() const
-    {
-        const size_t nameLength = strlen(m_fileInfo.name);
-        Text whole;
-        whole.reserve(m_path.size() + nameLength);
-        whole.append(m_path.c_str(), m_path.size());
-        whole.append(m_fileInfo.name, nameLength);
-        return whole;
-    }
-
-private:
-    int64_t m_handle = noSearch;
-    FileInfo m_fileInfo = {};
-    IFileSystem* m_opt = FileDefaultOpt::instance();
-    CString m_path;
-};
-
 } // namespace
+
+bool CFileFindImpl::findFile(const char* pattern)
+{
+    if (pattern == nullptr) {
+        close();
+        return false;
+    }
+    return findFile(pattern, fileSystemFor(pattern));
+}
+
+bool CFileFindImpl::findFile(const char* pattern, IFileSystem& fileSystem)
+{
+    close();
+    m_path = directoryPartOf(pattern);
+    m_opt = &fileSystem;
+    copyText(m_fileInfo.name, m_path.c_str());
+    m_handle = m_opt->findfirst(pattern, m_fileInfo);
+    return m_handle != noSearch;
+}
+
+bool CFileFindImpl::findNextFile()
+{
+    if (m_handle == noSearch) {
+        return false;
+    }
+    copyText(m_fileInfo.name, m_path.c_str());
+    return m_opt->findnext(static_cast<long>(m_handle), m_fileInfo) != -1;
+}
+
+void CFileFindImpl::close()
+{
+    if (m_handle != noSearch) {
+        m_opt->findclose(static_cast<long>(m_handle));
+        m_handle = noSearch;
+    }
+}
 
 struct FileFindInternal
 {

@@ -13,7 +13,7 @@
 
 #include "Infra3/BoundedText.h"
 #include "Infra3/Digits.h"
-#include "Infra3/FileInternal.h"
+#include "Infra3/FileFindImpl.h"
 #include "Infra3/LogFileComplaints.h"
 
 namespace Tarsel
@@ -28,53 +28,18 @@ IFileSystem& chosen(IFileSystem* given, const std::string& path)
     return given != nullptr ? *given : fileSystemFor(path.c_str());
 }
 
-/// A listing of a directory whose name ends in '/' or "/*", through one file system. (CFileFind
-/// would look for a hook again.)
-class CListing
-{
-public:
-    CListing(IFileSystem& fileSystem, const std::string& directory)
-        : m_fileSystem(fileSystem), m_front(directory, 0, directory.rfind('/') + 1)
-    {
-        copyText(m_entry.name, m_front.c_str());
-        m_handle = m_fileSystem.findfirst(directory.c_str(), m_entry);
-    }
-    ~CListing()
-    {
-        if (isOpen()) {
-            m_fileSystem.findclose(m_handle);
-        }
-    }
-    CListing(const CListing&) = delete;
-    CListing& operator=(const CListing&) = delete;
-
-    bool isOpen() const { return m_handle != -1; }
-    std::string path() const { return m_front + m_entry.name; }
-    bool next()
-    {
-        copyText(m_entry.name, m_front.c_str());
-        return m_fileSystem.findnext(m_handle, m_entry) != -1;
-    }
-
-private:
-    IFileSystem& m_fileSystem;
-    const std::string m_front;
-    FileInfo m_entry = {};
-    long m_handle = -1;
-};
-
 /// Calls visit(path) for each entry; false, with a complaint, when `directory` cannot be listed.
 template <typename Visit>
 bool forEachEntry(const std::string& directory, IFileSystem* fileSystem, const Visit& visit)
 {
-    CListing listing(chosen(fileSystem, directory), directory);
-    if (!listing.isOpen()) {
+    CFileFindImpl listing; // a finder would look for a hook again
+    if (!listing.findFile(directory.c_str(), chosen(fileSystem, directory))) {
         complain(__FILE__, __LINE__, "no such logpath\n");
         return false;
     }
     do {
-        visit(listing.path());
-    } while (listing.next());
+        visit(listing.path<std::string>());
+    } while (listing.findNextFile());
     return true;
 }
 

@@ -176,6 +176,7 @@ TEST(ForkTest, TheChildsLinesShowItsOwnThread)
 
 TEST(ForkTest, ATimersCallMayFork)
 {
+    INFRA_NEEDS_A_HEAP_THAT_FORKS();
     const TestSupport::ChildResult result = runInChild([] {
         std::atomic<int> ended{-1};
         s_action = [&ended] {

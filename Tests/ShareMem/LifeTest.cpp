@@ -269,6 +269,7 @@ size_t dumpedSize()
 
 TEST(ShareMemLife, FiguresEndWhileOthersAllocateAndAreExactWhenTheyRest)
 {
+    INFRA_NEEDS_A_HEAP_THAT_FORKS(); // the pool's timer has just begun
     const ChildResult child = runWithPools([] {
         makePool(poolParam(1 << 20, 1024));
         IMemPool::loadMemPool(poolParam(1 << 20, 1024));

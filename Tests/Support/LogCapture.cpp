@@ -2,6 +2,7 @@
 
 #include "Support/LogCapture.h"
 
+#include <mutex>
 #include <utility>
 
 namespace Tarsel
@@ -31,6 +32,21 @@ Message withoutPrefix(const std::string& printed)
     return {printed.substr(levelAt, printed.find(' ', levelAt) - levelAt), printed.substr(end + 1)};
 }
 
+/// Who takes what is printed. It stays: a thread may be in the printer when the one who takes ends.
+struct Printing
+{
+    std::mutex mutex; // guards the pointer, and the texts behind it
+    CLogCapture* current = nullptr;
+};
+
+Printing& printing()
+{
+    static Printing& s_printing = *new Printing;
+    return s_printing;
+}
+
+typedef std::lock_guard<std::mutex> Guard;
+
 } // namespace
 
 std::string leveled(const std::string& printed)
@@ -46,17 +62,31 @@ std::string leveled(const std::string& printed)
 
 CLogCapture::CLogCapture()
 {
-    Infra::setLogPrinter(Infra::LogPrinterProc(&CLogCapture::take, this));
+    {
+        const Guard guard(printing().mutex);
+        printing().current = this;
+    }
+    Infra::setLogPrinter(&CLogCapture::print);
 }
 
 CLogCapture::~CLogCapture()
 {
     Infra::setLogPrinter(Infra::LogPrinterProc());
+    const Guard guard(printing().mutex);
+    printing().current = nullptr;
+}
+
+void CLogCapture::print(const char* text)
+{
+    const Guard guard(printing().mutex);
+    if (printing().current != nullptr) {
+        printing().current->take(text);
+    }
 }
 
 std::string CLogCapture::text() const
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const Guard guard(printing().mutex);
     return m_text;
 }
 
@@ -67,28 +97,27 @@ bool CLogCapture::contains(const std::string& part) const
 
 void CLogCapture::clear()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const Guard guard(printing().mutex);
     m_text.clear();
     m_leveled.clear();
 }
 
 std::string CLogCapture::take()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const Guard guard(printing().mutex);
     m_leveled.clear();
     return std::exchange(m_text, std::string());
 }
 
 std::string CLogCapture::takeLeveled()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const Guard guard(printing().mutex);
     m_text.clear();
     return std::exchange(m_leveled, std::string());
 }
 
 void CLogCapture::take(const char* text)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
     const bool beginsLine = m_text.empty() || m_text.back() == '\n';
     const Message message = beginsLine ? withoutPrefix(text) : Message{"", text};
     m_text += message.text;

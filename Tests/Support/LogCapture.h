@@ -1,7 +1,6 @@
 #ifndef INFRA_TESTS_SUPPORT_LOGCAPTURE_H
 #define INFRA_TESTS_SUPPORT_LOGCAPTURE_H
 
-#include <mutex>
 #include <string>
 
 #include "Infra/Infra3/PrintLog.h"
@@ -35,9 +34,9 @@ public:
     std::string takeLeveled();
 
 private:
+    static void print(const char* text);
     void take(const char* text);
 
-    mutable std::mutex m_mutex;
     std::string m_text;
     std::string m_leveled;
 };

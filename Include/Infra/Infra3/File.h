@@ -276,7 +276,8 @@ private:
 /// CFile.
 ///
 /// Behaviour: read() and write() go on until all is done or a call of the file system moves nothing;
-/// only that is logged, at the end of a file too.
+/// only that is logged, at the end of a file too. On the system's own files write() ends with a call
+/// that comes short: what was buffered before is lost then, and the rest must not follow it.
 /// Threads: one thread at a time.
 class INFRA_API CLfsFile
 {

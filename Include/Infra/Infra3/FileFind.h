@@ -21,7 +21,8 @@ struct FileFindInternal;
 /// end of a listing its size and attributes are still the last one's, but its name is what names are
 /// put behind ("dir/"). A link counts as what it points to. An entry whose status
 /// cannot be had, such as a link to nothing, ends the listing with an error line, and one whose name
-/// has more than 236 bytes is left out; both are so on the system's own directories.
+/// has more than 236 bytes is left out, as is one that was removed meanwhile; so it is on the system's
+/// own directories.
 /// Threads: one thread at a time; separate finders are independent.
 ///
 ///     CFileFind finder;
@@ -38,7 +39,7 @@ public:
     /// Starts a listing, after ending the one under way, and makes its first entry current.
     /// @param fileName  a directory, with or without '/' or "/*" behind it; "" and "*" are the
     ///                  current one
-    /// @return false when nothing can be listed, for null too
+    /// @return false when nothing can be listed, for null and for more than 1023 characters too
     virtual bool findFile(const char* fileName);
     /// Makes the next entry current; false when there is none, or no listing.
     virtual bool findNextFile();

@@ -336,10 +336,13 @@ void detachPool(Attached& pool, const Segment& controlBefore, const Segment& dat
     detachSegment(pool.data, dataBefore);
     pool.control = controlBefore;
     pool.data = dataBefore;
-    if (pool.control.mapping.start != nullptr &&
-        ShareMem::findZones(pool.control.mapping, pool.data.mapping, &pool.layout) &&
-        pool.layout.syncZone->initFlag == zoneReady) {
-        initProcessMutex(pool.layout.syncZone);
+    if (pool.control.mapping.start == nullptr ||
+        !ShareMem::findZones(pool.control.mapping, pool.data.mapping, &pool.layout)) {
+        return;
+    }
+    ZoneHead* const zone = pool.layout.syncZone;
+    if (zone != nullptr && zone->initFlag == zoneReady) {
+        initProcessMutex(zone);
     }
 }
 
