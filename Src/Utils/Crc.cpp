@@ -6,10 +6,10 @@
 #include "Utils/Crc.h"
 
 #include <array>
-#include <cstring>
 
 #include "Infra3/CpuFeatures.h"
 #include "Utils/CrcAlg.h"
+#include "Utils/Words.h"
 
 namespace Tarsel
 {
@@ -54,9 +54,7 @@ template <typename Word>
 uint32_t run(const Tables<Word>& tables, uint32_t crc, const uint8_t* data, size_t length)
 {
     for (; length >= slices; length -= slices, data += slices) {
-        uint64_t bytes = 0;
-        memcpy(&bytes, data, slices);
-        bytes ^= crc;
+        const uint64_t bytes = loadLittle<uint64_t>(data) ^ crc;
         crc = 0;
         for (size_t i = 0; i < slices; ++i) {
             crc ^= tables[slices - 1 - i][bytes >> (8 * i) & 0xFF];

@@ -12,6 +12,8 @@
 
 #include "Infra3/LogFront.h"
 #include "Utils/DigestText.h"
+#include "Utils/MessageBlocks.h"
+#include "Utils/Words.h"
 
 namespace Tarsel
 {
@@ -20,14 +22,13 @@ namespace Utils
 namespace
 {
 
-constexpr size_t blockSize = 64;
 constexpr size_t digestSize = 16;
 
 struct MD5_CTX
 {
     uint32_t state[4];
     uint32_t count[2]; ///< length of the message in bits, low word first
-    uint8_t buffer[blockSize];
+    MessageBuffer buffer;
 };
 
 constexpr uint32_t sines[64] = {
@@ -48,13 +49,6 @@ constexpr int wordOf(int step)
     constexpr int factors[4] = {1, 5, 3, 7};
     constexpr int offsets[4] = {0, 1, 5, 0};
     return (step * factors[step / 16] + offsets[step / 16]) % 16;
-}
-
-uint32_t loadWord(const uint8_t* bytes)
-{
-    uint32_t word = 0;
-    memcpy(&word, bytes, sizeof(word));
-    return word;
 }
 
 /// The round functions, plus `sum`. `b` comes from the step before: it is used as late as possible.
@@ -79,7 +73,7 @@ template <int Step>
     constexpr int a = (64 - Step) % 4;
     constexpr int bits = rotations[Step / 16][Step % 4];
     const uint32_t b = v[(a + 1) % 4];
-    const uint32_t sum = v[a] + (loadWord(block + 4 * wordOf(Step)) + sines[Step]);
+    const uint32_t sum = v[a] + (loadLittle<uint32_t>(block + 4 * wordOf(Step)) + sines[Step]);
     const uint32_t mixed = mix<Step / 16>(sum, b, v[(a + 2) % 4], v[(a + 3) % 4]);
     v[a] = b + std::rotl(mixed, bits);
 }
@@ -93,7 +87,7 @@ template <int... Steps>
 
 void hashBlocks(uint32_t (&state)[4], const uint8_t* data, size_t blocks)
 {
-    for (; blocks != 0; --blocks, data += blockSize) {
+    for (; blocks != 0; --blocks, data += messageBlockSize) {
         uint32_t v[4] = {state[0], state[1], state[2], state[3]};
         allSteps(v, data, std::make_integer_sequence<int, 64>());
         for (int i = 0; i < 4; ++i) {
@@ -109,7 +103,7 @@ uint64_t bitCount(const MD5_CTX& context)
 
 size_t buffered(const MD5_CTX& context)
 {
-    return context.count[0] / 8 % blockSize;
+    return context.count[0] / 8 % messageBlockSize;
 }
 
 void start(MD5_CTX& context)
@@ -123,37 +117,16 @@ void append(MD5_CTX& context, const uint8_t* data, size_t size)
     const uint64_t bits = bitCount(context) + uint64_t{size} * 8;
     context.count[0] = static_cast<uint32_t>(bits);
     context.count[1] = static_cast<uint32_t>(bits >> 32);
-    if (used != 0) {
-        const size_t room = blockSize - used;
-        if (size < room) {
-            memcpy(context.buffer + used, data, size);
-            return;
-        }
-        memcpy(context.buffer + used, data, room);
-        hashBlocks(context.state, context.buffer, 1);
-        data += room;
-        size -= room;
-    }
-    hashBlocks(context.state, data, size / blockSize);
-    if (size % blockSize != 0) {
-        memcpy(context.buffer, data + size / blockSize * blockSize, size % blockSize);
-    }
+    appendToMessage(context.buffer, used, data, size, [&](const uint8_t* blocks, size_t count) {
+        hashBlocks(context.state, blocks, count);
+    });
 }
 
-/// A 1 bit, zeros, and the length in the last eight bytes of a block.
 void finish(MD5_CTX& context, uint8_t* digest)
 {
-    const uint64_t bits = bitCount(context);
-    size_t used = buffered(context);
-    context.buffer[used++] = 0x80;
-    if (used > blockSize - sizeof(bits)) {
-        memset(context.buffer + used, 0, blockSize - used);
-        hashBlocks(context.state, context.buffer, 1);
-        used = 0;
-    }
-    memset(context.buffer + used, 0, blockSize - sizeof(bits) - used);
-    memcpy(context.buffer + blockSize - sizeof(bits), &bits, sizeof(bits));
-    hashBlocks(context.state, context.buffer, 1);
+    finishMessage(
+        context.buffer, buffered(context), bitCount(context),
+        [&](const uint8_t* blocks, size_t count) { hashBlocks(context.state, blocks, count); });
     memcpy(digest, context.state, digestSize);
 }
 

@@ -11,6 +11,7 @@
 
 #include "Infra3/CpuFeatures.h"
 #include "Utils/StackWipe.h"
+#include "Utils/Words.h"
 
 namespace Tarsel
 {
@@ -20,19 +21,6 @@ namespace SHA1
 {
 namespace
 {
-
-uint32_t loadWord(const uint8_t* bytes)
-{
-    uint32_t word = 0;
-    memcpy(&word, bytes, sizeof(word));
-    return __builtin_bswap32(word);
-}
-
-void storeWord(uint8_t* bytes, uint32_t word)
-{
-    word = __builtin_bswap32(word);
-    memcpy(bytes, &word, sizeof(word));
-}
 
 /// What a run works on.
 struct Workspace
@@ -62,7 +50,7 @@ template <int Step>
     constexpr int a = (80 - Step) % 5;
     uint32_t& word = work.schedule[Step % 16];
     if constexpr (Step < 16) {
-        word = loadWord(block + 4 * Step);
+        word = loadBig<uint32_t>(block + 4 * Step);
     } else {
         word = std::rotl(work.schedule[(Step + 13) % 16] ^ work.schedule[(Step + 8) % 16] ^
                              work.schedule[(Step + 2) % 16] ^ word,
@@ -86,7 +74,7 @@ template <int... Steps>
 [[gnu::noinline]] void runBlocks(uint32_t (&hash)[5], const uint8_t* data, size_t blocks)
 {
     Workspace work;
-    for (; blocks != 0; --blocks, data += blockSize) {
+    for (; blocks != 0; --blocks, data += messageBlockSize) {
         memcpy(work.v, hash, sizeof(work.v));
         allSteps(work, data, std::make_integer_sequence<int, 80>());
         for (int i = 0; i < 5; ++i) {
@@ -121,43 +109,18 @@ void start(SHA1Context& context)
 void append(SHA1Context& context, BlockRun* hashBlocks, const uint8_t* data, size_t size)
 {
     context.totalLength += uint64_t{size} * 8;
-    if (context.bufferLength != 0) {
-        const size_t room = blockSize - context.bufferLength;
-        if (size < room) {
-            memcpy(context.buffer + context.bufferLength, data, size);
-            context.bufferLength += static_cast<uint32_t>(size);
-            return;
-        }
-        memcpy(context.buffer + context.bufferLength, data, room);
-        hashBlocks(context.hash, context.buffer, 1);
-        data += room;
-        size -= room;
-    }
-    if (size >= blockSize) {
-        hashBlocks(context.hash, data, size / blockSize);
-    }
-    context.bufferLength = static_cast<uint32_t>(size % blockSize);
-    if (context.bufferLength != 0) {
-        memcpy(context.buffer, data + size / blockSize * blockSize, context.bufferLength);
-    }
+    context.bufferLength = static_cast<uint32_t>(appendToMessage(
+        context.buffer, context.bufferLength, data, size,
+        [&](const uint8_t* blocks, size_t count) { hashBlocks(context.hash, blocks, count); }));
 }
 
-/// A 1 bit, zeros, and the length in the last eight bytes of a block.
 void finish(SHA1Context& context, BlockRun* hashBlocks, uint8_t* digest)
 {
-    const uint64_t bits = __builtin_bswap64(context.totalLength);
-    size_t used = context.bufferLength;
-    context.buffer[used++] = 0x80;
-    if (used > blockSize - sizeof(bits)) {
-        memset(context.buffer + used, 0, blockSize - used);
-        hashBlocks(context.hash, context.buffer, 1);
-        used = 0;
-    }
-    memset(context.buffer + used, 0, blockSize - sizeof(bits) - used);
-    memcpy(context.buffer + blockSize - sizeof(bits), &bits, sizeof(bits));
-    hashBlocks(context.hash, context.buffer, 1);
+    finishMessage(
+        context.buffer, context.bufferLength, reverseBytes(context.totalLength),
+        [&](const uint8_t* blocks, size_t count) { hashBlocks(context.hash, blocks, count); });
     for (size_t i = 0; i < 5; ++i) {
-        storeWord(digest + 4 * i, context.hash[i]);
+        storeBig(digest + 4 * i, context.hash[i]);
     }
 }
 

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Utils/MessageBlocks.h"
+
 namespace Tarsel
 {
 namespace Utils
@@ -13,7 +15,6 @@ namespace Utils
 namespace SHA1
 {
 
-constexpr size_t blockSize = 64;
 constexpr size_t digestSize = 20;
 
 struct SHA1Context
@@ -21,7 +22,7 @@ struct SHA1Context
     uint64_t totalLength; ///< length of the message in bits
     uint32_t hash[5];
     uint32_t bufferLength; ///< how much of `buffer` waits for the rest of its block
-    uint8_t buffer[blockSize];
+    MessageBuffer buffer;
 };
 
 /// Takes whole blocks into `hash`.

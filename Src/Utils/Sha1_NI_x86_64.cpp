@@ -9,7 +9,6 @@
 
 #include <immintrin.h>
 
-#include <cstring>
 #include <utility>
 
 #include "Utils/Sha1Alg.h"
@@ -56,7 +55,7 @@ INFRA_SHANI void hashBlocksShani(uint32_t (&hash)[5], const uint8_t* data, size_
     const __m128i highestFirst = _mm_set_epi64x(0x0001020304050607, 0x08090A0B0C0D0E0F);
     __m128i abcd = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(hash)), 0x1B);
     __m128i e = _mm_set_epi32(static_cast<int>(hash[4]), 0, 0, 0);
-    for (; blocks != 0; --blocks, data += blockSize) {
+    for (; blocks != 0; --blocks, data += messageBlockSize) {
         const __m128i abcdBefore = abcd;
         const __m128i eBefore = e;
         __m128i words[4];

@@ -25,6 +25,7 @@
 #include "Infra3/CpuFeatures.h"
 #include "Utils/DesBits.h"
 #include "Utils/DesTables.h"
+#include "Utils/Words.h"
 
 namespace Tarsel
 {
@@ -69,21 +70,6 @@ constexpr uint64_t choose(uint64_t value, int width, const uint8_t* bits, int co
 constexpr uint32_t rotateHalfKey(uint32_t half, int bits)
 {
     return (half << bits | half >> (28 - bits)) & 0x0FFFFFFF;
-}
-
-// Blocks are moved whole: a load that spans two stores would have to wait for both.
-
-uint64_t loadBlock(const uint8_t* bytes)
-{
-    uint64_t block = 0;
-    memcpy(&block, bytes, sizeof(block));
-    return __builtin_bswap64(block);
-}
-
-void storeBlock(uint8_t* bytes, uint64_t block)
-{
-    block = __builtin_bswap64(block);
-    memcpy(bytes, &block, sizeof(block));
 }
 
 struct Halves
@@ -186,7 +172,7 @@ template <size_t Count>
 inline void loadHalves(Halves (&blocks)[Count], const uint8_t* in)
 {
     for (size_t i = 0; i < Count; ++i) {
-        const uint64_t block = loadBlock(in + 8 * i);
+        const uint64_t block = loadBig<uint64_t>(in + 8 * i);
         blocks[i] = {static_cast<uint32_t>(block >> 32), static_cast<uint32_t>(block)};
     }
 }
@@ -195,7 +181,7 @@ template <size_t Count>
 inline void storeHalves(uint8_t* out, const Halves (&blocks)[Count])
 {
     for (size_t i = 0; i < Count; ++i) {
-        storeBlock(out + 8 * i, uint64_t{blocks[i].left} << 32 | blocks[i].right);
+        storeBig(out + 8 * i, uint64_t{blocks[i].left} << 32 | blocks[i].right);
     }
 }
 
@@ -417,7 +403,7 @@ void decryptDoubleChain(const Schedules& keys, const uint8_t* iv, size_t blocks,
 
 void setKey(Schedule& schedule, const uint8_t* key)
 {
-    const uint64_t chosen = choose(loadBlock(key), 64, permutedChoice1, 56);
+    const uint64_t chosen = choose(loadBig<uint64_t>(key), 64, permutedChoice1, 56);
     uint32_t c = static_cast<uint32_t>(chosen >> 28);
     uint32_t d = static_cast<uint32_t>(chosen & 0x0FFFFFFF);
     for (int round = 0; round < 16; ++round) {

@@ -153,14 +153,29 @@ private:
     const AesEngine& m_engine;
 };
 
-class CAesCFB8 : public AesInternal
+/// A mode that turns AES into a stream of bytes: both directions encipher, and any size is right.
+class CStreamMode : public AesInternal
 {
-public:
-    CAesCFB8(const uint8_t* key, unsigned int keybits, const uint8_t* iv) : m_engine(chooseEngine())
+protected:
+    CStreamMode(const char* mode, const uint8_t* key, unsigned int keybits, const uint8_t* iv)
+        : m_engine(chooseEngine())
     {
         copyIv(m_iv, iv);
-        m_valid = hasKey(key, "AesCFB8") && setEncryptKey(m_engine, m_endeCtx, key, keybits);
+        m_valid = hasKey(key, mode) && setEncryptKey(m_engine, m_endeCtx, key, keybits);
     }
+
+    aes_context m_endeCtx;
+    const AesEngine& m_engine;
+    uint8_t m_iv[blockSize] = {};
+};
+
+/// `m_iv` is the 16 ciphertext bytes before the next one.
+class CAesCFB8 : public CStreamMode
+{
+public:
+    CAesCFB8(const uint8_t* key, unsigned int keybits, const uint8_t* iv)
+        : CStreamMode("AesCFB8", key, keybits, iv)
+    {}
     bool encrypt(uint8_t* dst, const uint8_t* src, size_t size) override
     {
         if (!accepts(dst, src, size, 1)) {
@@ -177,22 +192,15 @@ public:
         m_engine.cfb8Decrypt(m_endeCtx, size, m_iv, src, dst);
         return true;
     }
-
-private:
-    aes_context m_endeCtx;
-    uint8_t m_iv[blockSize] = {}; ///< the 16 ciphertext bytes before the next one
-    const AesEngine& m_engine;
 };
 
-class CAesCFB128 : public AesInternal
+/// `m_iv` is ciphertext before `m_off`, key stream from it on.
+class CAesCFB128 : public CStreamMode
 {
 public:
     CAesCFB128(const uint8_t* key, unsigned int keybits, const uint8_t* iv)
-        : m_engine(chooseEngine())
-    {
-        copyIv(m_iv, iv);
-        m_valid = hasKey(key, "AesCFB128") && setEncryptKey(m_engine, m_endeCtx, key, keybits);
-    }
+        : CStreamMode("AesCFB128", key, keybits, iv)
+    {}
     bool encrypt(uint8_t* dst, const uint8_t* src, size_t size) override
     {
         return crypt(true, dst, src, size);
@@ -212,20 +220,16 @@ private:
         return true;
     }
 
-    aes_context m_endeCtx;
-    size_t m_off = 0;             ///< 0 to 15: how much of `m_iv` is used up
-    uint8_t m_iv[blockSize] = {}; ///< ciphertext before `m_off`, key stream from it on
-    const AesEngine& m_engine;
+    size_t m_off = 0; ///< 0 to 15: how much of `m_iv` is used up
 };
 
-class CAesCTR : public AesInternal
+/// `m_iv` is the next counter block.
+class CAesCTR : public CStreamMode
 {
 public:
-    CAesCTR(const uint8_t* key, unsigned int keybits, const uint8_t* iv) : m_engine(chooseEngine())
-    {
-        copyIv(m_iv, iv);
-        m_valid = hasKey(key, "AesCTR") && setEncryptKey(m_engine, m_endeCtx, key, keybits);
-    }
+    CAesCTR(const uint8_t* key, unsigned int keybits, const uint8_t* iv)
+        : CStreamMode("AesCTR", key, keybits, iv)
+    {}
     bool encrypt(uint8_t* dst, const uint8_t* src, size_t size) override
     {
         if (!accepts(dst, src, size, 1)) {
@@ -240,11 +244,8 @@ public:
     }
 
 private:
-    aes_context m_endeCtx;
     size_t m_off = 0;              ///< 0 to 15: how much of `m_buf` is used up
-    uint8_t m_iv[blockSize] = {};  ///< the next counter block
-    uint8_t m_buf[blockSize] = {}; ///< the key stream of the one before
-    const AesEngine& m_engine;
+    uint8_t m_buf[blockSize] = {}; ///< the key stream of the counter block before
 };
 
 /// Null for a mode that there is not, and without memory.

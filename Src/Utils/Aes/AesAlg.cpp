@@ -21,13 +21,6 @@ namespace AES
 namespace
 {
 
-void xorBytes(const uint8_t* stream, size_t size, const uint8_t* in, uint8_t* out)
-{
-    for (size_t i = 0; i < size; ++i) {
-        out[i] = in[i] ^ stream[i];
-    }
-}
-
 /// The ciphertext, which is the output or the input, takes the place of the key stream used.
 void feedBytes(bool encrypts, uint8_t* iv, size_t size, const uint8_t* in, uint8_t* out)
 {
@@ -108,7 +101,7 @@ void cryptCtr(const AesEngine& engine, const aes_context& ctx, size_t length, si
 {
     if (offset != 0) {
         const size_t rest = std::min(length, blockSize - offset);
-        xorBytes(stream + offset, rest, in, out);
+        xorBytes(out, in, stream + offset, rest);
         offset = (offset + rest) % blockSize;
         in += rest;
         out += rest;
@@ -122,7 +115,7 @@ void cryptCtr(const AesEngine& engine, const aes_context& ctx, size_t length, si
     if (begun != 0) {
         engine.ecbEncrypt(ctx, 1, counter, stream);
         increment(counter);
-        xorBytes(stream, begun, in + whole * blockSize, out + whole * blockSize);
+        xorBytes(out + whole * blockSize, in + whole * blockSize, stream, begun);
         offset = begun;
     }
 }

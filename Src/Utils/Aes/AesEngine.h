@@ -80,6 +80,14 @@ void cryptCfb128(const AesEngine& engine, const aes_context& ctx, bool encrypts,
 void cryptCtr(const AesEngine& engine, const aes_context& ctx, size_t length, size_t& offset,
               uint8_t* counter, uint8_t* stream, const uint8_t* in, uint8_t* out);
 
+/// `out` may be `a` or `b`.
+inline void xorBytes(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t size)
+{
+    for (size_t i = 0; i < size; ++i) {
+        out[i] = a[i] ^ b[i];
+    }
+}
+
 /// The first is 1.
 constexpr uint32_t nextRoundConstant(uint32_t constant)
 {

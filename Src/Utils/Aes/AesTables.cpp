@@ -144,13 +144,6 @@ void decryptBlock(const aes_context& ctx, const uint8_t* in, uint8_t* out)
     cryptBlock<3>(ctx, inverseMixTable, inverseSBox, in, out);
 }
 
-void xorBlock(uint8_t* out, const uint8_t* a, const uint8_t* b)
-{
-    for (size_t i = 0; i < blockSize; ++i) {
-        out[i] = a[i] ^ b[i];
-    }
-}
-
 uint32_t subWord(uint32_t word)
 {
     return substituted(sBox, word, word, word, word);
@@ -210,7 +203,7 @@ void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_
 void cbcEncrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in, uint8_t* out)
 {
     for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        xorBlock(iv, iv, in);
+        xorBytes(iv, iv, in, blockSize);
         encryptBlock(ctx, iv, iv);
         memcpy(out, iv, blockSize);
     }
@@ -222,7 +215,7 @@ void cbcDecrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_
         uint8_t cipher[blockSize];
         memcpy(cipher, in, blockSize);
         decryptBlock(ctx, in, out);
-        xorBlock(out, out, iv);
+        xorBytes(out, out, iv, blockSize);
         memcpy(iv, cipher, blockSize);
     }
 }
@@ -246,7 +239,7 @@ void cfb128Encrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uin
 {
     for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
         encryptBlock(ctx, iv, iv);
-        xorBlock(iv, iv, in);
+        xorBytes(iv, iv, in, blockSize);
         memcpy(out, iv, blockSize);
     }
 }
@@ -258,7 +251,7 @@ void cfb128Decrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uin
     for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
         encryptBlock(ctx, iv, stream);
         memcpy(iv, in, blockSize);
-        xorBlock(out, iv, stream);
+        xorBytes(out, iv, stream, blockSize);
     }
     explicit_bzero(stream, sizeof(stream));
 }
@@ -269,7 +262,7 @@ void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, uint8_t* strea
     for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
         encryptBlock(ctx, counter, stream);
         increment(counter);
-        xorBlock(out, in, stream);
+        xorBytes(out, in, stream, blockSize);
     }
 }
 

@@ -6,10 +6,10 @@
 // A step loads all its input before it stores, so `out` may be `in`.
 
 #include <algorithm>
-#include <cstring>
 
 #include "Utils/Aes/AesEngine.h"
 #include "Utils/Aes/AesRounds_x86_64.h"
+#include "Utils/Words.h"
 
 #define INFRA_VAES [[gnu::target("vaes,avx2,aes")]]
 #define INFRA_VAES_INLINE [[gnu::target("vaes,avx2,aes"), gnu::always_inline]] inline
@@ -260,9 +260,7 @@ INFRA_VAES void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, co
 /// The low half of a counter block; the high half lies before it.
 uint64_t lowHalf(const uint8_t* counter)
 {
-    uint64_t low = 0;
-    memcpy(&low, counter + sizeof(low), sizeof(low));
-    return __builtin_bswap64(low);
+    return loadBig<uint64_t>(counter + sizeof(uint64_t));
 }
 
 /// Counters in registers are little-endian numbers: two halves of 64 bits that `toBlocks` turns
