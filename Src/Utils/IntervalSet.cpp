@@ -175,7 +175,9 @@ CIntervalSet::CIntervalSet(const CIntervalSet& other)
 
 CIntervalSet& CIntervalSet::operator=(const CIntervalSet& other)
 {
-    m_internal->keys = other.m_internal->keys;
+    if (this != &other) {
+        m_internal->keys = other.m_internal->keys;
+    }
     return *this;
 }
 
