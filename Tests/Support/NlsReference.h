@@ -4,6 +4,7 @@
 // The conversions of texts once more, as plain as they can be said: UTF-8 by walking the table of
 // sequence lengths, texts one character after the other. For tests and fuzz targets.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -97,6 +98,43 @@ inline Bytes encode(const Units& units, size_t room)
         }
     }
     return text;
+}
+
+/// What utf8_mbstowcs() does of `size` bytes at `from` of some memory, its units at `to` of the same.
+inline int decodeWithin(Bytes& memory, size_t from, size_t size, size_t to)
+{
+    const size_t end = from + size;
+    int count = 0;
+    while (from < end && memory[from] != 0) {
+        uint16_t unit = 0;
+        const uint8_t* const first = memory.data() + from;
+        const int length =
+            decodeOne(Bytes(first, first + std::min<size_t>(end - from, 6)), 0, unit);
+        if (length > 0) {
+            memory[to++] = static_cast<uint8_t>(unit);
+            memory[to++] = static_cast<uint8_t>(unit >> 8);
+            ++count;
+        }
+        from += length > 0 ? static_cast<size_t>(length) : 1;
+    }
+    return count;
+}
+
+/// What utf8_wcstombs() does of the units at `from` of some memory, its bytes at `to` of the same.
+inline int encodeWithin(Bytes& memory, size_t from, size_t room, size_t to)
+{
+    const size_t first = to;
+    for (; room > 0 && (memory[from] != 0 || memory[from + 1] != 0); from += 2) {
+        const Bytes bytes = encodeOne(static_cast<uint16_t>(memory[from] | memory[from + 1] << 8));
+        if (bytes.size() > room) {
+            --room;
+            continue;
+        }
+        std::copy(bytes.begin(), bytes.end(), memory.begin() + static_cast<ptrdiff_t>(to));
+        to += bytes.size();
+        room -= bytes.size();
+    }
+    return static_cast<int>(to - first);
 }
 
 struct CodePage

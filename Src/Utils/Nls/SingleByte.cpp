@@ -3,6 +3,9 @@
 // Without vectors to look bytes up in, text goes to UTF-8 by one look-up and one store of four bytes a
 // byte, whatever the lengths, in blocks on the stack, because those stores reach beyond what they mean.
 
+#include <emmintrin.h>
+
+#include <algorithm>
 #include <cstring>
 
 #include "Infra3/CpuFeatures.h"
@@ -34,8 +37,7 @@ bool copyAscii(Recoding& at, const uint8_t* end)
     }
     _mm_storeu_si128(reinterpret_cast<__m128i*>(at.out), bytes);
     at.in += asciiBytes;
-    at.out += asciiBytes;
-    at.room -= asciiBytes;
+    at.pass(asciiBytes);
     return true;
 }
 
@@ -56,8 +58,7 @@ bool encodeBlock(Recoding& at, const uint8_t* end, const BytePage& page)
     }
     memcpy(at.out, staged, size);
     at.in += count;
-    at.out += size;
-    at.room -= size;
+    at.pass(size);
     return true;
 }
 
@@ -81,8 +82,7 @@ void encodeBytesInPlace(Recoding& at, const uint8_t* end, const BytePage& page)
             break;
         }
         memcpy(at.out, &form, length);
-        at.out += length;
-        at.room -= length;
+        at.pass(length);
     }
 }
 
@@ -132,7 +132,7 @@ int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, const Byt
         return -1;
     }
     const size_t size = static_cast<size_t>(srcLen);
-    Recoding at = {src, dst, static_cast<size_t>(dstLen)};
+    Recoding at = {{dst, static_cast<size_t>(dstLen)}, src};
     const bool isInPlace = areOverlapping(dst, at.room, src, size);
     (isInPlace ? encodeBytesInPlace : encodeBytes)(at, src + size, page);
     srcLen = static_cast<int>(at.in - src);
