@@ -139,38 +139,14 @@ inline int encodeWithin(Bytes& memory, size_t from, size_t room, size_t to)
 
 struct CodePage
 {
-    const char* name; ///< iconv's
+    const char* name;
     int (*uni2char)(uint16_t uni, uint8_t* out, int boundlen);
     Utils::char2uni_t* char2uni;
     int (*to_utf8)(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen);
 };
 
-#define INFRA_TEST_CODE_PAGE(NAME, P)                                                              \
-    {                                                                                              \
-        NAME, Utils::P##_uni2char, Utils::P##_char2uni, Utils::P##_to_utf8                         \
-    }
-
-inline constexpr CodePage codePages[] = {
-    INFRA_TEST_CODE_PAGE("CP1250", cp1250),
-    INFRA_TEST_CODE_PAGE("CP1251", cp1251),
-    INFRA_TEST_CODE_PAGE("CP862", cp862),
-    INFRA_TEST_CODE_PAGE("CP874", cp874),
-    INFRA_TEST_CODE_PAGE("ISO-8859-1", iso8859_1),
-    INFRA_TEST_CODE_PAGE("ISO-8859-2", iso8859_2),
-    INFRA_TEST_CODE_PAGE("ISO-8859-3", iso8859_3),
-    INFRA_TEST_CODE_PAGE("ISO-8859-4", iso8859_4),
-    INFRA_TEST_CODE_PAGE("ISO-8859-5", iso8859_5),
-    INFRA_TEST_CODE_PAGE("ISO-8859-6", iso8859_6),
-    INFRA_TEST_CODE_PAGE("ISO-8859-7", iso8859_7),
-    INFRA_TEST_CODE_PAGE("ISO-8859-8", iso8859_8),
-    INFRA_TEST_CODE_PAGE("ISO-8859-9", iso8859_9),
-    INFRA_TEST_CODE_PAGE("ISO-8859-10", iso8859_10),
-    INFRA_TEST_CODE_PAGE("ISO-8859-13", iso8859_13),
-    INFRA_TEST_CODE_PAGE("ISO-8859-14", iso8859_14),
-    INFRA_TEST_CODE_PAGE("ISO-8859-15", iso8859_15),
-    INFRA_TEST_CODE_PAGE("ISO-8859-16", iso8859_16),
-};
-
+#define INFRA_TEST_CODE_PAGE(P) {#P, Utils::P##_uni2char, Utils::P##_char2uni, Utils::P##_to_utf8},
+inline constexpr CodePage codePages[] = {INFRA_NLS_CODE_PAGES(INFRA_TEST_CODE_PAGE)};
 #undef INFRA_TEST_CODE_PAGE
 
 struct Recoded
