@@ -70,16 +70,17 @@ inline Units decode(const Bytes& text)
     return units;
 }
 
-inline Bytes encodeOne(uint16_t unit)
+/// A value below 0x80000000.
+inline Bytes encodeOne(uint32_t value)
 {
     const Row* row = rows;
-    while (unit > row->lmask) {
+    while (value > row->lmask) {
         ++row;
     }
-    Bytes bytes = {static_cast<uint8_t>(row->cval | unit >> row->shift)};
+    Bytes bytes = {static_cast<uint8_t>(row->cval | value >> row->shift)};
     for (int64_t shift = row->shift; shift > 0;) {
         shift -= 6;
-        bytes.push_back(static_cast<uint8_t>(0x80 | (unit >> shift & 0x3F)));
+        bytes.push_back(static_cast<uint8_t>(0x80 | (value >> shift & 0x3F)));
     }
     return bytes;
 }
@@ -125,7 +126,7 @@ inline int encodeWithin(Bytes& memory, size_t from, size_t room, size_t to)
 {
     const size_t first = to;
     for (; room > 0 && (memory[from] != 0 || memory[from + 1] != 0); from += 2) {
-        const Bytes bytes = encodeOne(static_cast<uint16_t>(memory[from] | memory[from + 1] << 8));
+        const Bytes bytes = encodeOne(memory[from] | memory[from + 1] << 8);
         if (bytes.size() > room) {
             --room;
             continue;
@@ -155,22 +156,54 @@ struct Recoded
     size_t used;
 };
 
-/// What char_to_utf8() does of `source` with that much room.
-inline Recoded toUtf8(const CodePage& page, const Bytes& source, size_t room)
+/// What char_to_utf8() does of `size` bytes at `from` of some memory, its text at `to` of the same.
+inline Recoded toUtf8Within(const CodePage& page, Bytes& memory, size_t from, size_t size,
+                            size_t room, size_t to)
 {
     Recoded result = {{}, 0};
-    for (const uint8_t byte : source) {
+    for (; result.used < size; ++result.used) {
         uint16_t unit = 0;
-        if (page.char2uni(&byte, 1, &unit) == 1) {
-            const Bytes bytes = encodeOne(unit);
-            if (bytes.size() > room - result.text.size()) {
-                break;
-            }
-            result.text.insert(result.text.end(), bytes.begin(), bytes.end());
+        if (page.char2uni(&memory[from + result.used], 1, &unit) != 1) {
+            continue;
         }
-        ++result.used;
+        const Bytes bytes = encodeOne(unit);
+        if (bytes.size() > room - result.text.size()) {
+            break;
+        }
+        std::copy(bytes.begin(), bytes.end(),
+                  memory.begin() + static_cast<ptrdiff_t>(to + result.text.size()));
+        result.text.insert(result.text.end(), bytes.begin(), bytes.end());
     }
     return result;
+}
+
+inline Recoded toUtf8(const CodePage& page, Bytes source, size_t room)
+{
+    const size_t size = source.size();
+    source.resize(size + room);
+    return toUtf8Within(page, source, 0, size, room, size);
+}
+
+/// What utf8_to_cp1252() does of `size` bytes at `from` of some memory, its bytes at `to` of the same.
+inline int toCp1252Within(Bytes& memory, size_t from, size_t size, size_t room, size_t to)
+{
+    const size_t end = from + size;
+    const size_t first = to;
+    while (from < end && to - first < room) {
+        const int announced = Utils::get_utf8_size(memory[from]);
+        const size_t length = announced == 0 ? 1 : static_cast<size_t>(announced);
+        const auto isTrail = [](uint8_t byte) { return (byte & 0xC0) == 0x80; };
+        if (announced < 0 || length > end - from ||
+            !std::all_of(&memory[from] + 1, &memory[from] + length, isTrail)) {
+            break;
+        }
+        uint8_t byte = 0;
+        if (Utils::utf8_to_cp1252(&memory[from], static_cast<int>(length), &byte, 1) == 1) {
+            memory[to++] = byte;
+        }
+        from += length;
+    }
+    return static_cast<int>(to - first);
 }
 
 /// What Gb2312ToUni() does of a text without NUL.

@@ -187,6 +187,10 @@ TEST(NlsUtf8Test, EncodesValuesOf32Bits)
         EXPECT_EQ(text, expected);
         EXPECT_EQ(log.takeLeveled(), c.message);
     }
+    uint32_t place[] = {0x41, 0x20AC, 0x1F600};
+    uint8_t* const inPlace = reinterpret_cast<uint8_t*>(place);
+    EXPECT_EQ(Utils::UCS4ToUtf8(reinterpret_cast<char*>(place), 12, inPlace, 12), 8);
+    EXPECT_EQ(memcmp(inPlace, "A€😀", 8), 0);
     char values[8] = {'A'};
     uint8_t text[8] = {untouched};
     EXPECT_EQ(Utils::UCS4ToUtf8(nullptr, 6, nullptr, 8), 0);
