@@ -13,7 +13,7 @@
 #include "Infra3/CpuFeatures.h"
 #include "Utils/Nls/Utf8Alg.h"
 
-#define INFRA_UNCHECKED [[gnu::no_sanitize("address", "thread")]]
+#define INFRA_UNCHECKED __attribute__((no_sanitize("address", "thread")))
 
 namespace Tarsel
 {
