@@ -352,7 +352,8 @@ TEST(NlsUtf8Test, BuffersThatOverlapAndOddAddressesGiveTheSameAsOneAfterTheOther
         Bytes decoded = memory;
         const int count = Reference::decodeWithin(decoded, from, size, to);
         Bytes other(40000, 0);
-        memcpy(other.data() + from, units.data(), units.size() * sizeof(uint16_t));
+        std::copy_n(reinterpret_cast<const uint8_t*>(units.data()), units.size() * sizeof(uint16_t),
+                    other.data() + from);
         Bytes encoded = other;
         const int written = Reference::encodeWithin(encoded, from, room, to);
         onEachCpuLevel([&] {
