@@ -32,6 +32,8 @@ constexpr size_t stretchBytes = 4096;
 constexpr size_t stretchUnits = 2048;
 /// Too few for anything but one after the other.
 constexpr size_t fewBytes = 8;
+/// So many that another round costs less than to count their bytes.
+constexpr size_t manyUnits = 64;
 
 // Places are copied while a run goes on: what is written as bytes might else be the place itself.
 
@@ -147,9 +149,9 @@ size_t encodeText(uint8_t* out, size_t room, const uint16_t* in)
             encodeOne(at);
             continue;
         }
-        const bool isAmple = possible >= 3 * stretchUnits;
-        engine.encode(at, at.in + (isAmple ? countUnits(at.in, stretchUnits)
-                                           : countFittingUnits(at.in, possible)));
+        const size_t certain = std::min((possible + 2) / 3, stretchUnits); // three bytes each
+        engine.encode(at, at.in + (certain >= manyUnits ? countUnits(at.in, certain)
+                                                        : countFittingUnits(at.in, possible)));
     }
     return static_cast<size_t>(at.out - out);
 }
