@@ -13,6 +13,7 @@
 #include <unicode/ucnv.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -278,36 +279,30 @@ std::string wordsOf(Utils::char2uni_t* char2uni)
 
 struct Page
 {
-    const char* name; ///< iconv's and ICU's
+    std::string name;
     Utils::char2uni_t* char2uni;
     ToUtf8* toUtf8;
 };
 
-#define INFRA_BENCH_PAGE(NAME, P)                                                                  \
-    {                                                                                              \
-        NAME, Utils::P##_char2uni, Utils::P##_to_utf8                                              \
-    }
+/// iconv's and ICU's name of the page in the names of our functions.
+std::string nameOf(std::string prefix)
+{
+    std::replace(prefix.begin(), prefix.end(), '_', '-');
+    return prefix;
+}
+
+#define INFRA_BENCH_PAGE(P) {nameOf(#P), Utils::P##_char2uni, Utils::P##_to_utf8},
 
 void addPages()
 {
-    const Page pages[] = {
-        INFRA_BENCH_PAGE("cp1250", cp1250),         INFRA_BENCH_PAGE("cp1251", cp1251),
-        INFRA_BENCH_PAGE("cp862", cp862),           INFRA_BENCH_PAGE("cp874", cp874),
-        INFRA_BENCH_PAGE("iso8859-1", iso8859_1),   INFRA_BENCH_PAGE("iso8859-2", iso8859_2),
-        INFRA_BENCH_PAGE("iso8859-3", iso8859_3),   INFRA_BENCH_PAGE("iso8859-4", iso8859_4),
-        INFRA_BENCH_PAGE("iso8859-5", iso8859_5),   INFRA_BENCH_PAGE("iso8859-6", iso8859_6),
-        INFRA_BENCH_PAGE("iso8859-7", iso8859_7),   INFRA_BENCH_PAGE("iso8859-8", iso8859_8),
-        INFRA_BENCH_PAGE("iso8859-9", iso8859_9),   INFRA_BENCH_PAGE("iso8859-10", iso8859_10),
-        INFRA_BENCH_PAGE("iso8859-13", iso8859_13), INFRA_BENCH_PAGE("iso8859-14", iso8859_14),
-        INFRA_BENCH_PAGE("iso8859-15", iso8859_15), INFRA_BENCH_PAGE("iso8859-16", iso8859_16),
-    };
+    static const Page pages[] = {INFRA_NLS_CODE_PAGES(INFRA_BENCH_PAGE)};
     for (const Page& page : pages) {
         const std::string text = wordsOf(page.char2uni);
-        const std::string name = Bench::label(std::string("utf8_from_") + page.name, pageBytes);
+        const std::string name = Bench::label("utf8_from_" + page.name, pageBytes);
         Bench::add(name, Bench::infra, pageInfra, page.toUtf8, text);
-        Bench::add(name, "iconv", iconvRun, "UTF-8", page.name, text);
-        if (icuHas(page.name)) {
-            Bench::add(name, "ICU", icuFrom, page.name, text);
+        Bench::add(name, "iconv", iconvRun, "UTF-8", page.name.c_str(), text);
+        if (icuHas(page.name.c_str())) {
+            Bench::add(name, "ICU", icuFrom, page.name.c_str(), text);
         }
     }
 }

@@ -6,14 +6,16 @@
 // as source only), cp936, cp1252, and the single-byte pages cp1250, cp1251, cp862, cp874, iso8859-1 to
 // -10 and -13 to -16.
 //
-// Everything goes through UTF-8. Ends with 1 when the file cannot be read or written, or when a part of
-// the text has no place in the target's set; what could be converted is written all the same.
+// Each character is read into UTF-8 and written from it by itself, so that none is lost unnoticed: the
+// functions for whole texts leave out what they cannot convert, or stop there. Ends with 1 when the
+// file cannot be read or written, or when a part of it is no character of its set, or has no place in
+// the target's; all the others are written all the same.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include <Infra/Infra3/File.h>
 #include <Utils/Nls.h>
@@ -24,127 +26,166 @@ namespace
 namespace Utils = Tarsel::Utils;
 using Tarsel::Infra::CFile;
 
-struct Page
+/// In UTF-8.
+struct Character
+{
+    uint8_t bytes[6];
+    int length; ///< 0: it is none
+};
+
+struct CharacterSet
 {
     const char* name;
-    int (*toUtf8)(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen);
-    int (*toByte)(uint16_t uni, uint8_t* out, int boundlen);
+    /// Reads the first of at most `left` bytes, and returns how many it takes, or takes up.
+    int (*read)(const uint8_t* from, int left, Character& character);
+    /// Returns the bytes written, 6 at most; below 1 when the set has none for it. Null where
+    /// nothing can be written.
+    int (*write)(const Character& character, uint8_t* to);
 };
 
-#define PAGE(NAME, P)                                                                              \
-    {                                                                                              \
-        NAME, Utils::P##_to_utf8, Utils::P##_uni2char                                              \
-    }
+// --- units ----------------------------------------------------------------------------------------
 
-const Page pages[] = {
-    PAGE("cp1250", cp1250),         PAGE("cp1251", cp1251),         PAGE("cp862", cp862),
-    PAGE("cp874", cp874),           PAGE("iso8859-1", iso8859_1),   PAGE("iso8859-2", iso8859_2),
-    PAGE("iso8859-3", iso8859_3),   PAGE("iso8859-4", iso8859_4),   PAGE("iso8859-5", iso8859_5),
-    PAGE("iso8859-6", iso8859_6),   PAGE("iso8859-7", iso8859_7),   PAGE("iso8859-8", iso8859_8),
-    PAGE("iso8859-9", iso8859_9),   PAGE("iso8859-10", iso8859_10), PAGE("iso8859-13", iso8859_13),
-    PAGE("iso8859-14", iso8859_14), PAGE("iso8859-15", iso8859_15), PAGE("iso8859-16", iso8859_16),
-};
-
-const Page* findPage(const std::string& name)
+void fromUnit(uint16_t unit, Character& character)
 {
-    for (const Page& page : pages) {
-        if (name == page.name) {
-            return &page;
+    character.length = Utils::utf8_wctomb(character.bytes, unit, sizeof(character.bytes));
+}
+
+/// False for a character above U+FFFF.
+bool toUnit(const Character& character, uint16_t& unit)
+{
+    return character.length <= 3 &&
+           Utils::utf8_mbtowc(&unit, character.bytes, character.length) > 0;
+}
+
+int readUcs2(const uint8_t* from, int left, Character& character)
+{
+    uint16_t unit = 0;
+    if (left < static_cast<int>(sizeof(unit))) {
+        return left;
+    }
+    memcpy(&unit, from, sizeof(unit));
+    fromUnit(unit, character);
+    return sizeof(unit);
+}
+
+int writeUcs2(const Character& character, uint8_t* to)
+{
+    uint16_t unit = 0;
+    if (!toUnit(character, unit)) {
+        return 0;
+    }
+    memcpy(to, &unit, sizeof(unit));
+    return sizeof(unit);
+}
+
+int readUcs4(const uint8_t* from, int left, Character& character)
+{
+    char value[4];
+    if (left < static_cast<int>(sizeof(value))) {
+        return left;
+    }
+    memcpy(value, from, sizeof(value));
+    character.length = Utils::UCS4ToUtf8(value, sizeof(value), character.bytes, 6);
+    return sizeof(value);
+}
+
+// --- sets of bytes --------------------------------------------------------------------------------
+
+int readUtf8(const uint8_t* from, int left, Character& character)
+{
+    uint16_t unit = 0;
+    const int length = Utils::utf8_mbtowc(&unit, from, left);
+    if (length < 0) {
+        return 1;
+    }
+    memcpy(character.bytes, from, static_cast<size_t>(length));
+    character.length = length;
+    return length;
+}
+
+int writeUtf8(const Character& character, uint8_t* to)
+{
+    memcpy(to, character.bytes, static_cast<size_t>(character.length));
+    return character.length;
+}
+
+int read1252(const uint8_t* from, int, Character& character)
+{
+    Utils::cp1252_to_utf8(character.bytes, sizeof(character.bytes), from, 1);
+    const bool isUndefined = *from != 0 && character.bytes[0] == 0;
+    character.length = isUndefined ? 0 : Utils::cp1252_to_utf8(nullptr, 0, from, 1);
+    return 1;
+}
+
+int write1252(const Character& character, uint8_t* to)
+{
+    return Utils::utf8_to_cp1252(character.bytes, character.length, to, 1);
+}
+
+/// By one of the library's functions for single characters, to which NUL may be none.
+template <Utils::char2uni_t* char2uni>
+int readPage(const uint8_t* from, int left, Character& character)
+{
+    uint16_t unit = 0;
+    const int used = *from == 0 ? 1 : char2uni(from, left, &unit);
+    if (used > 0) {
+        fromUnit(unit, character);
+        return used;
+    }
+    // Of a pair that is no character the second byte stays if it is ASCII.
+    return char2uni == Utils::char2uni && from[1] >= 0x80 ? 2 : 1;
+}
+
+template <int (*uni2char)(uint16_t uni, uint8_t* out, int boundlen)>
+int writePage(const Character& character, uint8_t* to)
+{
+    uint16_t unit = 0;
+    if (!toUnit(character, unit)) {
+        return 0;
+    }
+    *to = 0;
+    return unit == 0 ? 1 : uni2char(unit, to, 2);
+}
+
+#define PAGE(P) {#P, readPage<Utils::P##_char2uni>, writePage<Utils::P##_uni2char>},
+
+const CharacterSet sets[] = {{"utf-8", readUtf8, writeUtf8},
+                             {"ucs-2", readUcs2, writeUcs2},
+                             {"ucs-4", readUcs4, nullptr},
+                             {"cp936", readPage<Utils::char2uni>, writePage<Utils::uni2char>},
+                             {"cp1252", read1252, write1252},
+                             INFRA_NLS_CODE_PAGES(PAGE)};
+
+const CharacterSet* findSet(const std::string& name)
+{
+    for (const CharacterSet& set : sets) {
+        std::string known = set.name;
+        std::replace(known.begin(), known.end(), '_', '-'); // iso8859_1
+        if (name == known) {
+            return &set;
         }
     }
     return nullptr;
 }
 
-uint8_t* bytesOf(std::string& text)
+/// False when a part of the text was left out.
+bool convert(const CharacterSet& from, const CharacterSet& to, const std::string& source,
+             std::string& target)
 {
-    return reinterpret_cast<uint8_t*>(&text[0]);
-}
-
-int sizeOf(const std::string& text)
-{
-    return static_cast<int>(text.size());
-}
-
-/// The text's units, with a 0 behind them.
-std::vector<uint16_t> unitsOf(std::string& utf8)
-{
-    std::vector<uint16_t> units(utf8.size() + 1);
-    const int count = Utils::utf8_mbstowcs(units.data(), bytesOf(utf8), sizeOf(utf8));
-    units.resize(static_cast<size_t>(count) + 1);
-    units.back() = 0;
-    return units;
-}
-
-/// False when the set is not known.
-bool toUtf8(const std::string& set, std::string source, std::string& utf8)
-{
-    utf8.assign(source.size() * 3 + 1, '\0'); // three bytes are the most that a byte or unit gives
-    int written = sizeOf(utf8);
-    int used = sizeOf(source);
-    if (set == "utf-8") {
-        utf8 = source;
-        written = sizeOf(source);
-    } else if (set == "ucs-2") {
-        std::vector<uint16_t> units(source.size() / 2 + 1);
-        memcpy(units.data(), source.data(), source.size() / 2 * 2);
-        written = Utils::utf8_wcstombs(bytesOf(utf8), units.data(), sizeOf(utf8));
-    } else if (set == "ucs-4") {
-        written = Utils::UCS4ToUtf8(&source[0], used, bytesOf(utf8), sizeOf(utf8));
-    } else if (set == "cp936") {
-        written = Utils::Gb2312TUtf8(&source[0], bytesOf(utf8), sizeOf(utf8));
-    } else if (set == "cp1252") {
-        // Asked without a target, it says how much it needs.
-        written = Utils::cp1252_to_utf8(nullptr, 0, bytesOf(source), used);
-        Utils::cp1252_to_utf8(bytesOf(utf8), written, bytesOf(source), used);
-    } else if (const Page* const page = findPage(set)) {
-        page->toUtf8(bytesOf(utf8), written, bytesOf(source), used);
-    } else {
-        return false;
+    constexpr size_t longest = sizeof(Character::bytes);
+    const uint8_t* const bytes = reinterpret_cast<const uint8_t*>(source.data());
+    bool isWhole = true;
+    for (size_t at = 0; at < source.size();) {
+        Character character = {};
+        uint8_t written[longest];
+        const int left = static_cast<int>(std::min(source.size() - at, longest));
+        at += static_cast<size_t>(from.read(bytes + at, left, character));
+        const int length = character.length > 0 ? to.write(character, written) : 0;
+        isWhole = isWhole && length > 0;
+        target.append(reinterpret_cast<const char*>(written),
+                      static_cast<size_t>(std::max(length, 0)));
     }
-    utf8.resize(static_cast<size_t>(written));
-    return true;
-}
-
-/// The bytes of those characters that have one.
-std::string encode(const Page& page, const std::vector<uint16_t>& units)
-{
-    std::string bytes;
-    for (const uint16_t unit : units) {
-        uint8_t byte = 0;
-        if (page.toByte(unit, &byte, 1) == 1) {
-            bytes += static_cast<char>(byte);
-        }
-    }
-    return bytes;
-}
-
-/// False when the set is not known. `isWhole` says whether all characters have a place in it.
-bool fromUtf8(const std::string& set, std::string utf8, std::string& target, bool& isWhole)
-{
-    const std::vector<uint16_t> units = unitsOf(utf8);
-    const size_t count = units.size() - 1;
-    target.assign(utf8.size() + 1, '\0');
-    isWhole = true;
-    if (set == "utf-8") {
-        target = utf8;
-    } else if (set == "ucs-2") {
-        target.assign(reinterpret_cast<const char*>(units.data()), count * sizeof(units[0]));
-    } else if (set == "cp936") {
-        isWhole = Utils::utf8TGb2312(bytesOf(utf8), &target[0], sizeOf(utf8), sizeOf(target)) ==
-                  static_cast<int>(count);
-        target.resize(strlen(target.c_str()));
-    } else if (set == "cp1252") {
-        const int written =
-            Utils::utf8_to_cp1252(bytesOf(utf8), sizeOf(utf8), bytesOf(target), sizeOf(target));
-        target.resize(static_cast<size_t>(written));
-        isWhole = target.size() == count;
-    } else if (const Page* const page = findPage(set)) {
-        target = encode(*page, units);
-        isWhole = target.size() == count;
-    } else {
-        return false;
-    }
-    return true;
+    return isWhole;
 }
 
 bool readFile(const char* path, std::string& bytes)
@@ -188,21 +229,22 @@ int main(int argc, char** argv)
         fprintf(stderr, "Recode FROM TO SOURCE TARGET\n");
         return 2;
     }
+    const CharacterSet* const from = findSet(argv[1]);
+    const CharacterSet* const to = findSet(argv[2]);
     std::string source;
-    std::string utf8;
     std::string target;
-    bool isWhole = false;
+    if (from == nullptr) {
+        return fail("no such set to read:", argv[1]);
+    }
+    if (to == nullptr || to->write == nullptr) {
+        return fail("no such set to write:", argv[2]);
+    }
     if (!readFile(argv[3], source)) {
         return fail("cannot read", argv[3]);
     }
-    if (!source.empty() && !toUtf8(argv[1], source, utf8)) {
-        return fail("no such set to read:", argv[1]);
-    }
-    if (!fromUtf8(argv[2], utf8, target, isWhole)) {
-        return fail("no such set to write:", argv[2]);
-    }
+    const bool isWhole = convert(*from, *to, source, target);
     if (!writeFile(argv[4], target)) {
         return fail("cannot write", argv[4]);
     }
-    return isWhole ? 0 : fail("there are characters that it has not:", argv[2]);
+    return isWhole ? 0 : fail("left out what is no character there, or in", argv[2]);
 }

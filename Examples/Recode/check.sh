@@ -50,12 +50,32 @@ iconv -f UTF-8 -t UTF-32LE text >wide
     fail "page to page"
 : >empty
 "$program" cp936 ucs-2 empty made >log && [[ ! -s made ]] || fail "an empty file"
+"$program" nothing utf-8 empty made >log 2>complaint && fail "an empty file of no set"
 
-for set in cp936 cp1252 cp1251; do
-    printf 'a\xE0\xA4\x85' >text # a letter of India
-    "$program" utf-8 $set text made >log 2>complaint && fail "$set has no such letter"
-    [[ $(cat made) == a ]] || fail "what there is for $set is not written"
+# becomes FROM TO SOURCE RESULT EXIT: what printf makes of the two texts, whatever is lost.
+becomes() {
+    local ended=0
+    printf "$3" >text
+    printf "$4" >expected
+    "$program" "$1" "$2" text made >log 2>complaint || ended=$?
+    [[ $ended == "$5" ]] || fail "$1 to $2 of $3 ended with $ended"
+    cmp made expected || fail "$1 to $2 of $3"
+}
+
+for set in cp936 cp1251 cp1252; do
+    becomes utf-8 $set 'a\xE0\xA4\x85b' 'ab' 1 # a letter of India
+    becomes utf-8 $set 'a\0b' 'a\0b' 0
+    becomes $set utf-8 'a\0b' 'a\0b' 0
+    becomes utf-8 $set 'a\xFFb' 'ab' 1
 done
+becomes utf-8 utf-8 'a\xFFb\xF0\x9F\x98\x80' 'ab\xF0\x9F\x98\x80' 1
+becomes utf-8 iso8859-1 'a\xF0\x90\x81\x81' 'a' 1 # U+10041, of which 16 bits are an A
+becomes utf-8 ucs-2 'a\xF0\x9F\x98\x80\0' 'a\0\0\0' 1
+becomes cp1250 utf-8 'a\x81b' 'ab' 1 # undefined there
+becomes cp1252 cp1251 'a\x81b' 'ab' 1
+becomes cp936 utf-8 'a\xFE\xFF\xFE\x22\xB0\xA1' 'a"\xE5\x95\x8A' 1 # two pairs that are none
+becomes ucs-4 utf-8 'a\0\0\0b\0\0' 'a' 1
+becomes ucs-2 cp1251 'a\0b' 'a' 1
 "$program" utf-8 ucs-4 text made >log 2>complaint && fail "ucs-4 is for reading only"
 grep -q "no such set to write: ucs-4" complaint || fail "nothing is said about ucs-4"
 "$program" utf-8 cp936 missing made >log 2>complaint && fail "a missing file is no failure"

@@ -45,10 +45,12 @@ uint64_t savedState(const CpuidAnswer& basic)
 CCpuFeatureSet featuresOf(const CpuidAnswer& basic)
 {
     const CpuidAnswer extended = askProcessor(7);
+    const CpuidAnswer vendor = askProcessor(0x80000001);
     const uint64_t saved = savedState(basic);
     const bool ymm = (saved & ymmState) == ymmState;
     const bool zmm = (saved & zmmState) == zmmState;
     constexpr unsigned avx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512DQ | bit_AVX512VL;
+    constexpr unsigned bmiBits = bit_BMI | bit_BMI2;
     constexpr unsigned vbmiBits = bit_AVX512VBMI | bit_AVX512VBMI2;
 
     CCpuFeatureSet features;
@@ -63,14 +65,17 @@ CCpuFeatureSet featuresOf(const CpuidAnswer& basic)
     addIf((basic.ecx & bit_PCLMUL) != 0, CpuFeature::pclmul);
     addIf((basic.ecx & bit_AES) != 0, CpuFeature::aesni);
     addIf((extended.ebx & bit_SHA) != 0, CpuFeature::shani);
-    addIf((extended.ebx & bit_BMI2) != 0, CpuFeature::bmi2);
+    addIf((extended.ebx & bmiBits) == bmiBits, CpuFeature::bmi2);
     addIf(ymm && (basic.ecx & bit_AVX) != 0, CpuFeature::avx);
-    addIf(ymm && (extended.ebx & bit_AVX2) != 0, CpuFeature::avx2);
+    const bool popcnt = (basic.ecx & bit_POPCNT) != 0;
+    addIf(ymm && popcnt && (extended.ebx & bit_AVX2) != 0, CpuFeature::avx2);
     addIf(ymm && (extended.ecx & bit_VAES) != 0, CpuFeature::vaes);
     addIf(ymm && (extended.ecx & bit_VPCLMULQDQ) != 0, CpuFeature::vpclmul);
     const bool avx512 = zmm && (extended.ebx & avx512Bits) == avx512Bits;
     addIf(avx512, CpuFeature::avx512);
-    addIf(avx512 && (extended.ecx & vbmiBits) == vbmiBits, CpuFeature::avx512vbmi2);
+    const bool vbmi = (extended.ecx & vbmiBits) == vbmiBits;
+    const bool countsBits = (extended.ebx & bit_BMI) != 0 && (vendor.ecx & bit_LZCNT) != 0;
+    addIf(avx512 && vbmi && countsBits, CpuFeature::avx512vbmi2);
     return features;
 }
 

@@ -33,13 +33,13 @@ enum class CpuFeature : uint32_t
     pclmul,
     aesni,
     shani,
-    bmi2,
+    bmi2, ///< BMI1 too
     avx,
-    avx2,
+    avx2, ///< POPCNT too
     vaes,
     vpclmul,
     avx512,     ///< F, BW, DQ and VL together
-    avx512vbmi2 ///< those, VBMI and VBMI2 together
+    avx512vbmi2 ///< those, VBMI, VBMI2, BMI1 and LZCNT together
 };
 
 /// A set of features, one bit each.

@@ -1,5 +1,6 @@
 // Texts of arbitrary bytes through every function of the character sets, on each kind of processor,
-// beside one character after the other. Sources and targets are exactly as large as they have to be.
+// beside one character after the other. Sources and targets are exactly as large as they have to be, or
+// overlap.
 //
 // Input: what to do, the room for the result (two bytes), then the text.
 
@@ -69,6 +70,26 @@ private:
     size_t m_count;
 };
 
+/// Units with an end, and without one where the room ends with them.
+void checkEncoding(Units units, size_t room)
+{
+    const Bytes whole = encode(units, SIZE_MAX);
+    const bool isWithoutNul = encode(units, whole.size()) == whole && units.size() > 0 &&
+                              std::find(units.begin(), units.end(), 0) == units.end();
+    if (isWithoutNul) {
+        const CExactly<uint16_t> from = CExactly<uint16_t>::copyOf(units);
+        const CExactly<uint8_t> to(whole.size());
+        expect(utf8_wcstombs(to.data(), from.data(), sizeOf(whole)) == sizeOf(whole));
+        expect(to.holds(whole));
+    }
+    units.push_back(0);
+    const Bytes text = encode(units, room);
+    const CExactly<uint16_t> from = CExactly<uint16_t>::copyOf(units);
+    const CExactly<uint8_t> to(room);
+    expect(utf8_wcstombs(to.data(), from.data(), static_cast<int>(room)) == sizeOf(text));
+    expect(to.holds(text));
+}
+
 void checkUtf8(const Bytes& text, size_t room)
 {
     const Units expected = decode(text);
@@ -85,13 +106,7 @@ void checkUtf8(const Bytes& text, size_t room)
         expect(length == decodeOne(text, at, other) && (length < 0 || unit == other));
     }
 
-    Units ended = expected;
-    ended.push_back(0);
-    const Bytes back = encode(ended, room);
-    const CExactly<uint16_t> from = CExactly<uint16_t>::copyOf(ended);
-    const CExactly<uint8_t> to(room);
-    expect(utf8_wcstombs(to.data(), from.data(), static_cast<int>(room)) == sizeOf(back));
-    expect(to.holds(back));
+    checkEncoding(expected, room);
 }
 
 void checkUnits(const Bytes& bytes, size_t room)
@@ -100,11 +115,8 @@ void checkUnits(const Bytes& bytes, size_t room)
     for (size_t at = 0; at + 1 < bytes.size(); at += 2) {
         units[at / 2] = static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
     }
-    const Bytes expected = encode(units, room);
+    checkEncoding(units, room);
     const CExactly<uint16_t> from = CExactly<uint16_t>::copyOf(units);
-    const CExactly<uint8_t> to(room);
-    expect(utf8_wcstombs(to.data(), from.data(), static_cast<int>(room)) == sizeOf(expected));
-    expect(to.holds(expected));
     const GbText gb = encodeGb(units, room);
     const CExactly<char> text(room);
     expect(UniTGb2312(from.data(), static_cast<int>(units.size()), text.data(),
@@ -117,20 +129,53 @@ void checkWideUnits(const Bytes& bytes, size_t room)
     const CExactly<uint8_t> source = CExactly<uint8_t>::copyOf(bytes);
     const CExactly<uint8_t> to(room);
     char* const values = reinterpret_cast<char*>(source.data());
-    const int written =
-        UCS4ToUtf8(values, sizeOf(bytes) / 4 * 4, to.data(), static_cast<int>(room));
-    expect(written >= 0 && written <= static_cast<int>(room));
+    Bytes expected;
+    for (size_t at = 0; at + 4 <= bytes.size(); at += 4) {
+        uint32_t value = 0;
+        memcpy(&value, &bytes[at], sizeof(value));
+        const Bytes sequence = value < 0x80000000 ? encodeOne(value) : Bytes();
+        if (expected.size() + sequence.size() > room) {
+            break;
+        }
+        expected.insert(expected.end(), sequence.begin(), sequence.end());
+    }
+    expect(UCS4ToUtf8(values, sizeOf(bytes) / 4 * 4, to.data(), static_cast<int>(room)) ==
+           sizeOf(expected));
+    expect(to.holds(expected));
     expect(UCS4ToUtf8(values, sizeOf(bytes) / 4 * 4 + 1, to.data(), 1) == 0);
 }
 
-void checkFirstCharacter(const Bytes& text)
+/// The first character of a text that ends with a NUL, and its length.
+uint16_t firstOf(const Bytes& text, int& length)
 {
-    Bytes ended = text;
-    ended.push_back(0);
-    const CExactly<uint8_t> source = CExactly<uint8_t>::copyOf(ended);
+    const unsigned first = text[0];
+    length = first == 0 || (first & 0xC0) == 0x80 || first >= 0xF0 ? 0
+             : first < 0x80                                        ? 1
+             : first < 0xE0                                        ? 2
+                                                                   : 3;
+    unsigned value = length == 0 ? 0 : length == 1 ? first : first & (length == 2 ? 0x1F : 0x0F);
+    for (int i = 1; i < length; ++i) {
+        const unsigned byte = text[static_cast<size_t>(i)];
+        if (byte == 0) {
+            return 0;
+        }
+        if ((byte & 0xC0) != 0x80) {
+            return static_cast<uint16_t>(value << (6 * (length - i)));
+        }
+        value = value << 6 | (byte & 0x3F);
+    }
+    return static_cast<uint16_t>(value);
+}
+
+void checkFirstCharacter(Bytes text)
+{
+    text.push_back(0);
+    const CExactly<uint8_t> source = CExactly<uint8_t>::copyOf(text);
     int length = -1;
-    GetUnicodeFromUtf8(reinterpret_cast<char*>(source.data()), &length);
-    expect(length >= 0 && length <= 3);
+    int expected = -1;
+    expect(GetUnicodeFromUtf8(reinterpret_cast<char*>(source.data()), &length) ==
+           firstOf(text, expected));
+    expect(length == expected);
 }
 
 void checkPage(const CodePage& page, const Bytes& text, size_t extra)
@@ -171,15 +216,14 @@ void checkWindows1252(const Bytes& text, size_t room)
     expect(std::all_of(back.data() + (differs - text.begin()), back.data() + text.size(),
                        [](uint8_t byte) { return byte == 0; }));
 
-    // Arbitrary bytes as UTF-8, and the same on a processor without anything.
+    Bytes memory = text;
+    memory.resize(text.size() + room);
+    const int written = toCp1252Within(memory, 0, text.size(), room, text.size());
     const CExactly<uint8_t> one(room);
-    const int written =
-        utf8_to_cp1252(source.data(), sizeOf(text), one.data(), static_cast<int>(room));
-    const CHiddenCpuFeatures plain({avx512vbmi2, avx2});
-    const CExactly<uint8_t> other(room);
-    expect(utf8_to_cp1252(source.data(), sizeOf(text), other.data(), static_cast<int>(room)) ==
+    expect(utf8_to_cp1252(source.data(), sizeOf(text), one.data(), static_cast<int>(room)) ==
            written);
-    expect(other.holds(Bytes(one.data(), one.data() + written)));
+    const uint8_t* const expected = memory.data() + text.size();
+    expect(one.holds(Bytes(expected, expected + written)));
 }
 
 void checkCodePage936(Bytes text, size_t room)
@@ -206,14 +250,60 @@ void checkCodePage936(Bytes text, size_t room)
     expect(std::equal(toUtf8.begin(), toUtf8.end(), to.data()));
 }
 
+/// Source and target in the same memory, the target up to 128 bytes before or behind the source.
+void checkOverlap(const CodePage& page, const Bytes& text, size_t room, size_t target)
+{
+    constexpr size_t source = 256;
+    Bytes start(source, 0);
+    start.insert(start.end(), text.begin(), text.end());
+    start.resize(2 * (source + text.size() + room + 1));
+    const auto check = [&](const auto& ours, const auto& slowly) {
+        Bytes expected = start;
+        const int result = slowly(expected);
+        const CExactly<uint8_t> memory = CExactly<uint8_t>::copyOf(start);
+        expect(ours(memory.data() + target, memory.data() + source) == result);
+        expect(memory.holds(expected));
+    };
+    const int size = sizeOf(text);
+    const int bound = static_cast<int>(room);
+    check(
+        [&](uint8_t* to, const uint8_t* from) {
+            return utf8_mbstowcs(reinterpret_cast<uint16_t*>(to), from, size);
+        },
+        [&](Bytes& memory) { return decodeWithin(memory, source, text.size(), target); });
+    check(
+        [&](uint8_t* to, const uint8_t* from) {
+            return utf8_wcstombs(to, reinterpret_cast<const uint16_t*>(from), bound);
+        },
+        [&](Bytes& memory) { return encodeWithin(memory, source, room, target); });
+    check([&](uint8_t* to, const uint8_t* from) { return utf8_to_cp1252(from, size, to, bound); },
+          [&](Bytes& memory) { return toCp1252Within(memory, source, text.size(), room, target); });
+    if (text.empty() || room < text.size()) {
+        return;
+    }
+    check(
+        [&](uint8_t* to, const uint8_t* from) {
+            int used = size;
+            int written = bound;
+            page.to_utf8(to, written, from, used);
+            return written;
+        },
+        [&](Bytes& memory) {
+            return sizeOf(toUtf8Within(page, memory, source, text.size(), room, target).text);
+        });
+}
+
 void checkAll(uint8_t what, const Bytes& text, size_t room)
 {
     checkUtf8(text, room);
     checkUnits(text, room);
     checkWideUnits(text, room);
     checkFirstCharacter(text);
-    checkPage(codePages[what % std::size(codePages)], text, room);
+    const CodePage& page = codePages[what % std::size(codePages)];
+    checkPage(page, text, room);
+    checkWindows1252(text, room);
     checkCodePage936(text, room);
+    checkOverlap(page, text, room, 128U + what);
 }
 
 } // namespace
@@ -227,7 +317,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const size_t room = (data[1] | static_cast<size_t>(data[2]) << 8) % 4096;
     const Bytes text(data + 3, data + size);
     checkAll(data[0], text, room);
-    checkWindows1252(text, room);
     for (const Tarsel::Infra::CCpuFeatureSet lacks :
          {Tarsel::Infra::CCpuFeatureSet{avx512vbmi2},
           Tarsel::Infra::CCpuFeatureSet{avx512vbmi2, avx2}}) {

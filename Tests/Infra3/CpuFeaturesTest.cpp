@@ -20,7 +20,8 @@ TEST(CpuFeaturesTest, AgreesWithTheCompilersOwnTable)
     EXPECT_EQ(features.has(CpuFeature::sse42), __builtin_cpu_supports("sse4.2") != 0);
     EXPECT_EQ(features.has(CpuFeature::pclmul), __builtin_cpu_supports("pclmul") != 0);
     EXPECT_EQ(features.has(CpuFeature::aesni), __builtin_cpu_supports("aes") != 0);
-    EXPECT_EQ(features.has(CpuFeature::bmi2), __builtin_cpu_supports("bmi2") != 0);
+    EXPECT_EQ(features.has(CpuFeature::bmi2),
+              __builtin_cpu_supports("bmi") != 0 && __builtin_cpu_supports("bmi2") != 0);
     EXPECT_EQ(features.has(CpuFeature::avx), __builtin_cpu_supports("avx") != 0);
     EXPECT_EQ(features.has(CpuFeature::avx2), __builtin_cpu_supports("avx2") != 0);
     EXPECT_EQ(features.has(CpuFeature::avx512), __builtin_cpu_supports("avx512bw") != 0 &&

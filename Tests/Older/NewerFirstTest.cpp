@@ -18,6 +18,7 @@
 #include "Memory/Packet.h"
 #include "Memory/PacketManager.h"
 #include "Utils/Math.h"
+#include "Utils/Nls.h"
 #include "Utils/String.h"
 
 #include "Infra/CheckIncludeVersion.h"
@@ -31,6 +32,7 @@
 #include "Infra/Thread.h"
 #include "Infra/Time.h"
 #include "Infra/Timer.h"
+#include "Infra/Unicode.h"
 #include "Infra/Version.h"
 
 #include <gtest/gtest.h>

@@ -5,6 +5,30 @@
 
 #include <string>
 
+/// Whether two functions are as alike as they have to be, and not one.
+template <typename Function>
+bool areTwins(Function* older, Function* newer)
+{
+    return older != newer;
+}
+
+/// What they do alike is tested with the newer ones.
+inline bool characterSetsHaveTwins()
+{
+    namespace Utils = Tarsel::Utils;
+    return areTwins(::utf8_to_cp1252, Utils::utf8_to_cp1252) &&
+           areTwins(::cp1252_to_utf8, Utils::cp1252_to_utf8) &&
+           areTwins(::GetUnicodeFromUtf8, Utils::GetUnicodeFromUtf8) &&
+           areTwins(::utf8_wcstombs, Utils::utf8_wcstombs) &&
+           areTwins(::utf8_wctomb, Utils::utf8_wctomb) &&
+           areTwins(::utf8_mbstowcs, Utils::utf8_mbstowcs) &&
+           areTwins(::utf8_mbtowc, Utils::utf8_mbtowc) && areTwins(::char2uni, Utils::char2uni) &&
+           areTwins(::uni2char, Utils::uni2char) && areTwins(::UniTGb2312, Utils::UniTGb2312) &&
+           areTwins(::Gb2312ToUni, Utils::Gb2312ToUni) &&
+           areTwins(::utf8TGb2312, Utils::utf8TGb2312) &&
+           areTwins(::Gb2312TUtf8, Utils::Gb2312TUtf8);
+}
+
 inline bool twinsAgree()
 {
     CMutex mutex;
@@ -47,7 +71,7 @@ inline bool twinsAgree()
                Tarsel::Infra::CTimerManager::instance() &&
            static_cast<void*>(CPacketManager::instance()) !=
                Tarsel::Memory::CPacketManager::instance() &&
-           systemCall(nullptr) == Tarsel::Infra::systemCall(nullptr);
+           systemCall(nullptr) == Tarsel::Infra::systemCall(nullptr) && characterSetsHaveTwins();
 }
 
 #endif

@@ -4,6 +4,7 @@
 // The conversions of texts once more, as plain as they can be said: UTF-8 by walking the table of
 // sequence lengths, texts one character after the other. For tests and fuzz targets.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -69,16 +70,17 @@ inline Units decode(const Bytes& text)
     return units;
 }
 
-inline Bytes encodeOne(uint16_t unit)
+/// A value below 0x80000000.
+inline Bytes encodeOne(uint32_t value)
 {
     const Row* row = rows;
-    while (unit > row->lmask) {
+    while (value > row->lmask) {
         ++row;
     }
-    Bytes bytes = {static_cast<uint8_t>(row->cval | unit >> row->shift)};
+    Bytes bytes = {static_cast<uint8_t>(row->cval | value >> row->shift)};
     for (int64_t shift = row->shift; shift > 0;) {
         shift -= 6;
-        bytes.push_back(static_cast<uint8_t>(0x80 | (unit >> shift & 0x3F)));
+        bytes.push_back(static_cast<uint8_t>(0x80 | (value >> shift & 0x3F)));
     }
     return bytes;
 }
@@ -99,40 +101,53 @@ inline Bytes encode(const Units& units, size_t room)
     return text;
 }
 
+/// What utf8_mbstowcs() does of `size` bytes at `from` of some memory, its units at `to` of the same.
+inline int decodeWithin(Bytes& memory, size_t from, size_t size, size_t to)
+{
+    const size_t end = from + size;
+    int count = 0;
+    while (from < end && memory[from] != 0) {
+        uint16_t unit = 0;
+        const uint8_t* const first = memory.data() + from;
+        const int length =
+            decodeOne(Bytes(first, first + std::min<size_t>(end - from, 6)), 0, unit);
+        if (length > 0) {
+            memory[to++] = static_cast<uint8_t>(unit);
+            memory[to++] = static_cast<uint8_t>(unit >> 8);
+            ++count;
+        }
+        from += length > 0 ? static_cast<size_t>(length) : 1;
+    }
+    return count;
+}
+
+/// What utf8_wcstombs() does of the units at `from` of some memory, its bytes at `to` of the same.
+inline int encodeWithin(Bytes& memory, size_t from, size_t room, size_t to)
+{
+    const size_t first = to;
+    for (; room > 0 && (memory[from] != 0 || memory[from + 1] != 0); from += 2) {
+        const Bytes bytes = encodeOne(memory[from] | memory[from + 1] << 8);
+        if (bytes.size() > room) {
+            --room;
+            continue;
+        }
+        std::copy(bytes.begin(), bytes.end(), memory.begin() + static_cast<ptrdiff_t>(to));
+        to += bytes.size();
+        room -= bytes.size();
+    }
+    return static_cast<int>(to - first);
+}
+
 struct CodePage
 {
-    const char* name; ///< iconv's
+    const char* name;
     int (*uni2char)(uint16_t uni, uint8_t* out, int boundlen);
     Utils::char2uni_t* char2uni;
     int (*to_utf8)(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen);
 };
 
-#define INFRA_TEST_CODE_PAGE(NAME, P)                                                              \
-    {                                                                                              \
-        NAME, Utils::P##_uni2char, Utils::P##_char2uni, Utils::P##_to_utf8                         \
-    }
-
-inline constexpr CodePage codePages[] = {
-    INFRA_TEST_CODE_PAGE("CP1250", cp1250),
-    INFRA_TEST_CODE_PAGE("CP1251", cp1251),
-    INFRA_TEST_CODE_PAGE("CP862", cp862),
-    INFRA_TEST_CODE_PAGE("CP874", cp874),
-    INFRA_TEST_CODE_PAGE("ISO-8859-1", iso8859_1),
-    INFRA_TEST_CODE_PAGE("ISO-8859-2", iso8859_2),
-    INFRA_TEST_CODE_PAGE("ISO-8859-3", iso8859_3),
-    INFRA_TEST_CODE_PAGE("ISO-8859-4", iso8859_4),
-    INFRA_TEST_CODE_PAGE("ISO-8859-5", iso8859_5),
-    INFRA_TEST_CODE_PAGE("ISO-8859-6", iso8859_6),
-    INFRA_TEST_CODE_PAGE("ISO-8859-7", iso8859_7),
-    INFRA_TEST_CODE_PAGE("ISO-8859-8", iso8859_8),
-    INFRA_TEST_CODE_PAGE("ISO-8859-9", iso8859_9),
-    INFRA_TEST_CODE_PAGE("ISO-8859-10", iso8859_10),
-    INFRA_TEST_CODE_PAGE("ISO-8859-13", iso8859_13),
-    INFRA_TEST_CODE_PAGE("ISO-8859-14", iso8859_14),
-    INFRA_TEST_CODE_PAGE("ISO-8859-15", iso8859_15),
-    INFRA_TEST_CODE_PAGE("ISO-8859-16", iso8859_16),
-};
-
+#define INFRA_TEST_CODE_PAGE(P) {#P, Utils::P##_uni2char, Utils::P##_char2uni, Utils::P##_to_utf8},
+inline constexpr CodePage codePages[] = {INFRA_NLS_CODE_PAGES(INFRA_TEST_CODE_PAGE)};
 #undef INFRA_TEST_CODE_PAGE
 
 struct Recoded
@@ -141,22 +156,54 @@ struct Recoded
     size_t used;
 };
 
-/// What char_to_utf8() does of `source` with that much room.
-inline Recoded toUtf8(const CodePage& page, const Bytes& source, size_t room)
+/// What char_to_utf8() does of `size` bytes at `from` of some memory, its text at `to` of the same.
+inline Recoded toUtf8Within(const CodePage& page, Bytes& memory, size_t from, size_t size,
+                            size_t room, size_t to)
 {
     Recoded result = {{}, 0};
-    for (const uint8_t byte : source) {
+    for (; result.used < size; ++result.used) {
         uint16_t unit = 0;
-        if (page.char2uni(&byte, 1, &unit) == 1) {
-            const Bytes bytes = encodeOne(unit);
-            if (bytes.size() > room - result.text.size()) {
-                break;
-            }
-            result.text.insert(result.text.end(), bytes.begin(), bytes.end());
+        if (page.char2uni(&memory[from + result.used], 1, &unit) != 1) {
+            continue;
         }
-        ++result.used;
+        const Bytes bytes = encodeOne(unit);
+        if (bytes.size() > room - result.text.size()) {
+            break;
+        }
+        std::copy(bytes.begin(), bytes.end(),
+                  memory.begin() + static_cast<ptrdiff_t>(to + result.text.size()));
+        result.text.insert(result.text.end(), bytes.begin(), bytes.end());
     }
     return result;
+}
+
+inline Recoded toUtf8(const CodePage& page, Bytes source, size_t room)
+{
+    const size_t size = source.size();
+    source.resize(size + room);
+    return toUtf8Within(page, source, 0, size, room, size);
+}
+
+/// What utf8_to_cp1252() does of `size` bytes at `from` of some memory, its bytes at `to` of the same.
+inline int toCp1252Within(Bytes& memory, size_t from, size_t size, size_t room, size_t to)
+{
+    const size_t end = from + size;
+    const size_t first = to;
+    while (from < end && to - first < room) {
+        const int announced = Utils::get_utf8_size(memory[from]);
+        const size_t length = announced == 0 ? 1 : static_cast<size_t>(announced);
+        const auto isTrail = [](uint8_t byte) { return (byte & 0xC0) == 0x80; };
+        if (announced < 0 || length > end - from ||
+            !std::all_of(&memory[from] + 1, &memory[from] + length, isTrail)) {
+            break;
+        }
+        uint8_t byte = 0;
+        if (Utils::utf8_to_cp1252(&memory[from], static_cast<int>(length), &byte, 1) == 1) {
+            memory[to++] = byte;
+        }
+        from += length;
+    }
+    return static_cast<int>(to - first);
 }
 
 /// What Gb2312ToUni() does of a text without NUL.

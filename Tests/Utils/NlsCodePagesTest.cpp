@@ -143,6 +143,11 @@ TEST(NlsWindows1252Test, ConvertsTextsAsItConvertsCharacters)
         const Bytes expected = encodeSlowly(source);
         const int cut = static_cast<int>(random.below(expected.size()));
         const Bytes back(source.begin(), source.begin() + std::min(cut, sizeOf(source)));
+        Bytes memory = expected;
+        memory.resize(2 * memory.size() + 40);
+        const size_t ahead = random.below(40);
+        Bytes overlapped = memory;
+        const int ended = Reference::toCp1252Within(overlapped, 0, expected.size(), 2000, ahead);
         for (const size_t level : {0, 1, 4}) {
             const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint8_t* const text = out.end() - expected.size();
@@ -169,6 +174,10 @@ TEST(NlsWindows1252Test, ConvertsTextsAsItConvertsCharacters)
             Bytes apart(expected.size());
             ASSERT_EQ(utf8_to_cp1252(text, sizeOf(expected), apart.data(), sizeOf(apart)), shorter);
             ASSERT_TRUE(std::equal(apart.begin(), apart.begin() + shorter, place.begin()));
+            place = memory;
+            ASSERT_EQ(utf8_to_cp1252(place.data(), sizeOf(expected), place.data() + ahead, 2000),
+                      ended);
+            ASSERT_EQ(place, overlapped) << toHex(expected) << " " << ahead;
         }
     }
 }
@@ -211,6 +220,17 @@ TEST(NlsSingleByteTest, ConvertsToUtf8UntilACharacterDoesNotFit)
             EXPECT_EQ(srcLen, c.used) << toHex(c.source);
         }
     }
+    // Of what a function returns only that it is above 0 counts, and a unit 0 is a character.
+    char2uni_t* const odd = [](const uint8_t* byte, int, uint16_t* unit) {
+        *unit = *byte == 'n' ? 0 : *byte;
+        return *byte - '1';
+    };
+    uint8_t text[4] = {};
+    int dstLen = 4;
+    int srcLen = 4;
+    EXPECT_EQ(char_to_utf8(text, dstLen, reinterpret_cast<const uint8_t*>("1n03"), srcLen, odd), 0);
+    EXPECT_EQ(Bytes(text, text + dstLen), Bytes({0, '3'}));
+    EXPECT_EQ(srcLen, 4);
 }
 
 TEST(NlsSingleByteTest, RefusesWhatItCannotBeginWith)
@@ -253,11 +273,20 @@ TEST(NlsSingleByteTest, ConvertsTextsOfEveryPageAsItConvertsCharacters)
     CRandom random;
     const CGuardedBytes in(4096);
     const CGuardedBytes out(16384);
-    for (int round = 0; round < 60; ++round) {
-        for (const auto& page : codePages) {
-            const Bytes source = randomBytes(random, 1 + random.below(700));
-            const size_t room = source.size() + random.below(2 * source.size());
-            const Reference::Recoded expected = Reference::toUtf8(page, source, room);
+    for (size_t round = 0; round < 60 * std::size(codePages); ++round) {
+        const auto& page = codePages[round % std::size(codePages)];
+        const Bytes source = randomBytes(random, 1 + random.below(700));
+        const size_t room = source.size() + random.below(2 * source.size());
+        const Reference::Recoded expected = Reference::toUtf8(page, source, room);
+        const size_t at = 40;
+        const size_t to = round % 2 == 0 ? at : random.below(2 * at);
+        Bytes memory(2 * at + source.size() + room, 0);
+        std::copy(source.begin(), source.end(), memory.begin() + at);
+        Bytes overlapped = memory;
+        const int used = static_cast<int>(
+            Reference::toUtf8Within(page, overlapped, at, source.size(), room, to).used);
+        for (const size_t level : {0, 4}) {
+            const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint8_t* const text = out.end() - room;
             std::fill(text, out.end(), untouched);
             int dstLen = static_cast<int>(room);
@@ -268,22 +297,14 @@ TEST(NlsSingleByteTest, ConvertsTextsOfEveryPageAsItConvertsCharacters)
             ASSERT_EQ(Bytes(text, text + dstLen), expected.text) << page.name;
             ASSERT_EQ(Bytes(text + dstLen, out.end()),
                       Bytes(room - expected.text.size(), untouched));
+            Bytes place = memory;
+            dstLen = static_cast<int>(room);
+            srcLen = sizeOf(source);
+            ASSERT_EQ(page.to_utf8(place.data() + to, dstLen, place.data() + at, srcLen), 0);
+            ASSERT_EQ(srcLen, used) << page.name;
+            ASSERT_EQ(place, overlapped) << page.name;
         }
     }
-}
-
-TEST(NlsSingleByteTest, AsciiIsConvertedInItsPlace)
-{
-    CRandom random;
-    Bytes text = randomBytes(random, 100);
-    for (uint8_t& byte : text) {
-        byte = static_cast<uint8_t>(1 + byte % 0x7F);
-    }
-    const Bytes expected = text;
-    int dstLen = sizeOf(text);
-    int srcLen = sizeOf(text);
-    EXPECT_EQ(cp874_to_utf8(text.data(), dstLen, text.data(), srcLen), 0);
-    EXPECT_EQ(text, expected);
 }
 
 TEST(NlsCodePage936Test, TakesOneCharacterAtATime)

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
+#include <string>
 
 #include "Support/Bytes.h"
 #include "Support/NlsReference.h"
@@ -66,7 +68,9 @@ TEST(NlsTablesTest, SingleBytePagesAreIconvsButForNul)
 {
     for (const auto& page : codePages) {
         SCOPED_TRACE(page.name);
-        const CIconv iconv(page.name);
+        std::string name = page.name;
+        std::replace(name.begin(), name.end(), '_', '-');
+        const CIconv iconv(name.c_str());
         for (unsigned value = 0; value < 256; ++value) {
             const uint8_t byte = static_cast<uint8_t>(value);
             const uint16_t expected = iconv.unitOf({byte});
@@ -143,6 +147,16 @@ TEST(NlsTablesTest, UnitsOfCodePage936AreIconvsButForLatinAndTheEuro)
         {0xE1, {0xA8, 0xA2}}, {0xE8, {0xA8, 0xA8}}, {0xE9, {0xA8, 0xA6}}, {0xEA, {0xA8, 0xBA}},
         {0xEC, {0xA8, 0xAC}}, {0xED, {0xA8, 0xAA}}, {0xF2, {0xA8, 0xB0}}, {0xF3, {0xA8, 0xAE}},
         {0xF7, {0xA1, 0xC2}}, {0xF9, {0xA8, 0xB4}}, {0xFA, {0xA8, 0xB2}}, {0xFC, {0xA8, 0xB9}}};
+    const auto isOnPageOfPairs = [](unsigned unit) {
+        const struct
+        {
+            unsigned first, last;
+        } pages[] = {{0x01, 0x04}, {0x20, 0x26}, {0x30, 0x33}, {0x4E, 0x9F},
+                     {0xDC, 0xDC}, {0xF9, 0xFA}, {0xFE, 0xFF}};
+        return std::any_of(std::begin(pages), std::end(pages), [=](const auto& range) {
+            return unit >> 8 >= range.first && unit >> 8 <= range.last;
+        });
+    };
     for (unsigned value = 0; value < 0x10000; ++value) {
         const uint16_t unit = static_cast<uint16_t>(value);
         const Bytes known = iconv.bytesOf(unit);
@@ -156,7 +170,9 @@ TEST(NlsTablesTest, UnitsOfCodePage936AreIconvsButForLatinAndTheEuro)
         uint8_t bytes[2] = {0xEE, 0xEE};
         const int length = uni2char(unit, bytes, 2);
         ASSERT_EQ(length, expected.empty() ? -1 : static_cast<int>(expected.size())) << value;
-        ASSERT_TRUE(length < 0 || Bytes(bytes, bytes + length) == expected) << value;
+        Bytes contents = expected;
+        contents.resize(2, expected.empty() && isOnPageOfPairs(value) ? 0 : 0xEE);
+        ASSERT_EQ(Bytes(bytes, bytes + 2), contents) << value;
         bytes[0] = 0xEE;
         ASSERT_EQ(uni2char(unit, bytes, 1), expected.size() == 1 ? 1 : -1) << value;
         ASSERT_EQ(bytes[0], expected.size() == 1 ? expected[0] : 0xEE) << value;

@@ -187,6 +187,10 @@ TEST(NlsUtf8Test, EncodesValuesOf32Bits)
         EXPECT_EQ(text, expected);
         EXPECT_EQ(log.takeLeveled(), c.message);
     }
+    uint32_t place[] = {0x41, 0x20AC, 0x1F600};
+    uint8_t* const inPlace = reinterpret_cast<uint8_t*>(place);
+    EXPECT_EQ(Utils::UCS4ToUtf8(reinterpret_cast<char*>(place), 12, inPlace, 12), 8);
+    EXPECT_EQ(memcmp(inPlace, "A€😀", 8), 0);
     char values[8] = {'A'};
     uint8_t text[8] = {untouched};
     EXPECT_EQ(Utils::UCS4ToUtf8(nullptr, 6, nullptr, 8), 0);
@@ -278,7 +282,10 @@ TEST(NlsUtf8Test, EncodesTextsLikeTheReferenceAndTouchesNothingAround)
         const bool hasEnd = random.below(2) == 0;
         units.back() = hasEnd ? 0 : units.back();
         // Without an end the room has to stop it: a unit takes one byte of it at least.
-        const size_t room = hasEnd ? 1 + random.below(3 * count) : 1 + random.below(count);
+        const size_t size = Reference::encode(units, SIZE_MAX).size();
+        const size_t room = hasEnd                 ? 1 + random.below(3 * count)
+                            : random.below(2) == 0 ? size
+                                                   : 1 + random.below(count);
         const Bytes expected = Reference::encode(units, room);
         uint16_t* const from = reinterpret_cast<uint16_t*>(in.end()) - count;
         std::copy(units.begin(), units.end(), from);
@@ -326,12 +333,42 @@ TEST(NlsUtf8Test, KeepsToTheRoom)
                   static_cast<int>(strlen(c.text)));
         EXPECT_STREQ(text, c.text);
     }
-    // Where the text is shorter than its units it may take their place.
-    uint16_t inPlace[64];
-    std::fill(inPlace, inPlace + 63, uint16_t{0xE9});
-    inPlace[63] = 0;
-    EXPECT_EQ(Utils::utf8_wcstombs(reinterpret_cast<uint8_t*>(inPlace), inPlace, 126), 126);
-    EXPECT_EQ(std::count(inPlace, inPlace + 63, uint16_t{0xA9C3}), 63);
+}
+
+TEST(NlsUtf8Test, BuffersThatOverlapAndOddAddressesGiveTheSameAsOneAfterTheOther)
+{
+    CRandom random;
+    for (size_t round = 0; round < 1500; ++round) {
+        const size_t size = 1 + random.below(round % 20 == 0 ? 6000 : 600);
+        const Bytes text = randomText(random, size, false);
+        const Units units = Reference::decode(text);
+        const size_t from = 700 + random.below(200);
+        const size_t spread = round % 3 == 0 ? 600 : round % 3 == 1 ? 20 : 1;
+        const size_t to = from + random.below(2 * spread) - spread + round % 2;
+        const size_t room = random.below(3 * size);
+
+        Bytes memory(40000, 0);
+        std::copy(text.begin(), text.end(), memory.begin() + static_cast<ptrdiff_t>(from));
+        Bytes decoded = memory;
+        const int count = Reference::decodeWithin(decoded, from, size, to);
+        Bytes other(40000, 0);
+        std::copy_n(reinterpret_cast<const uint8_t*>(units.data()), units.size() * sizeof(uint16_t),
+                    other.data() + from);
+        Bytes encoded = other;
+        const int written = Reference::encodeWithin(encoded, from, room, to);
+        onEachCpuLevel([&] {
+            Bytes place = memory;
+            uint16_t* const target = reinterpret_cast<uint16_t*>(place.data() + to);
+            ASSERT_EQ(Utils::utf8_mbstowcs(target, place.data() + from, static_cast<int>(size)),
+                      count);
+            ASSERT_EQ(place, decoded) << toHex(text) << " " << from << " " << to;
+            place = other;
+            const uint16_t* const source = reinterpret_cast<uint16_t*>(place.data() + from);
+            ASSERT_EQ(Utils::utf8_wcstombs(place.data() + to, source, static_cast<int>(room)),
+                      written);
+            ASSERT_EQ(place, encoded) << toHex(text) << " " << from << " " << to;
+        });
+    }
 }
 
 TEST(NlsUtf8Test, RefusesWhatIsNoBuffer)

@@ -94,12 +94,10 @@ struct BytePage
 template <const Charset& charset>
 inline constexpr BytePage bytePage = {&charset, &utf8Forms<charset>};
 
-/// A place in a text of bytes that is converted, the place for the next byte and how many may follow.
-struct Recoding
+/// A place in a text of bytes that is converted.
+struct Recoding : Target
 {
     const uint8_t* in;
-    uint8_t* out;
-    size_t room;
 };
 
 /// Converts from the front of what goes up to `end`, bytes without a character left out, until a

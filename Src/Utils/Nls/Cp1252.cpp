@@ -3,8 +3,13 @@
 // To UTF-8 is all or nothing: the size of the result is measured first. On the way back most of a text
 // is ASCII or Latin-1, which are taken by runs, and the rest by single characters.
 
+#include <emmintrin.h>
+
+#include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstring>
+#include <functional>
 
 #include "Infra3/CpuFeatures.h"
 #include "Utils/Nls.h"
@@ -34,7 +39,7 @@ Cp1252Size measure(const uint8_t* in, size_t size)
 /// Writes what was measured. NUL is a character here, which it is not to the table.
 void encode(uint8_t* out, const uint8_t* in, size_t size, const Cp1252Size& measured)
 {
-    Recoding at = {in, out, measured.encoded};
+    Recoding at = {{out, measured.encoded}, in};
     const uint8_t* const end = in + measured.defined;
     while (at.in < end) {
         const void* const nul = memchr(at.in, 0, static_cast<size_t>(end - at.in));
@@ -42,8 +47,8 @@ void encode(uint8_t* out, const uint8_t* in, size_t size, const Cp1252Size& meas
                     bytePage<cp1252_charset2uni>);
         if (nul != nullptr) {
             ++at.in;
-            *at.out++ = 0;
-            --at.room;
+            *at.out = 0;
+            at.pass(1);
         }
     }
     memset(out + measured.encoded, 0, size - measured.defined);
@@ -76,8 +81,7 @@ void decodeAscii(Recoding& at, const uint8_t* end)
             _mm_storeu_si128(reinterpret_cast<__m128i*>(at.out), bytes);
         }
         at.in += count;
-        at.out += count;
-        at.room -= count;
+        at.pass(count);
         if (count < asciiBytes) {
             break;
         }
@@ -94,10 +98,17 @@ bool decodeOneByte(Recoding& at, const uint8_t* end)
     at.in += sequence.length;
     const int byte = byteOf(sequence.value);
     if (byte >= 0) {
-        *at.out++ = static_cast<uint8_t>(byte);
-        --at.room;
+        *at.out = static_cast<uint8_t>(byte);
+        at.pass(1);
     }
     return true;
+}
+
+/// How far the text can be read before what is written comes into it: the target may overlap it.
+const uint8_t* unwritten(const Recoding& at, const uint8_t* end)
+{
+    const bool isTargetAhead = std::less<>()(at.in, at.out) && std::less<>()(at.out, end);
+    return isTargetAhead ? at.out : end;
 }
 
 /// Converts until the room is used or a sequence is malformed; returns the bytes written.
@@ -110,9 +121,9 @@ size_t decode(uint8_t* out, size_t room, const uint8_t* in, size_t size)
     };
     DecodeLatin1* const decodeLatin1 = Infra::chooseImplementation(runs);
     const uint8_t* const end = in + size;
-    Recoding at = {in, out, room};
+    Recoding at = {{out, room}, in};
     while (at.in < end && at.room > 0) {
-        decodeLatin1(at, end);
+        decodeLatin1(at, unwritten(at, end));
         if (at.in < end && at.room > 0 && !decodeOneByte(at, end)) {
             break;
         }

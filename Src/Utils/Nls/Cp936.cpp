@@ -82,7 +82,7 @@ inline void decodeOther(Decoding& at, const uint8_t* end)
 {
     const uint8_t byte = *at.in++;
     if (!isLead(byte) || at.in == end) {
-        *at.out++ = cp936_ansi2uni[byte];
+        storeUnit(at.out++, cp936_ansi2uni[byte]);
     } else if (*at.in >= 0x80) {
         // Two bytes that are no character are dropped; one that is ASCII stays, lest a damaged
         // character takes a quote or a slash with it.
@@ -104,7 +104,7 @@ void decodePairs(Decoding& place, const uint8_t* end, const uint16_t* outEnd)
             const unsigned pair = placeOfPair(at.in);
             const uint16_t unit = pair < pairCount ? page_charset2uni[pair] : uint16_t{0};
             if (unit != 0) {
-                *at.out++ = unit;
+                storeUnit(at.out++, unit);
                 at.in += 2;
             } else {
                 decodeOther(at, end);
@@ -125,18 +125,18 @@ enum class Outcome
 /// Encodes one unit, if it has bytes and room.
 Outcome encodeLast(Encoding& at)
 {
-    const uint16_t bytes = bytesOf[*at.in];
+    const uint16_t unit = loadUnit(at.in);
+    const uint16_t bytes = bytesOf[unit];
     const size_t length = bytes > 0xFF ? 2 : 1;
     if (bytes == 0) {
-        return *at.in == 0 ? Outcome::ended : Outcome::unmappable;
+        return unit == 0 ? Outcome::ended : Outcome::unmappable;
     }
     if (at.room < length + 1) {
         return Outcome::full;
     }
     memcpy(at.out, &bytes, length);
     ++at.in;
-    at.out += length;
-    at.room -= length;
+    at.pass(length);
     return Outcome::converted;
 }
 
@@ -151,12 +151,11 @@ Outcome encodePairs(Encoding& place, const uint16_t* end)
         const uint16_t* const safe = at.in + std::min(static_cast<size_t>(end - at.in), fitting);
         uint8_t* out = at.out;
         uint16_t bytes = 1;
-        for (; at.in < safe && (bytes = bytesOf[*at.in]) != 0; ++at.in) {
+        for (; at.in < safe && (bytes = bytesOf[loadUnit(at.in)]) != 0; ++at.in) {
             memcpy(out, &bytes, sizeof(bytes));
             out += bytes > 0xFF ? 2 : 1;
         }
-        at.room -= static_cast<size_t>(out - at.out);
-        at.out = out;
+        at.pass(static_cast<size_t>(out - at.out));
         if (fitting == 0 || bytes == 0) {
             outcome = encodeLast(at);
         }
@@ -175,7 +174,7 @@ int encodeUtf8(char* out, size_t room, const uint8_t* utf8, size_t size)
     const uint8_t* const end = utf8 + size;
     uint16_t units[blockUnits];
     Decoding from = {utf8, units};
-    Encoding to = {units, reinterpret_cast<uint8_t*>(out), room};
+    Encoding to = {{reinterpret_cast<uint8_t*>(out), room}, units};
     int converted = 0;
     Outcome outcome = Outcome::converted;
     while (from.in < end && outcome == Outcome::converted) {
@@ -233,7 +232,7 @@ int UniTGb2312(unsigned short* pUnicode, int nUnicLen, char* pStr, int nStrLen)
     }
     const size_t room = static_cast<size_t>(nStrLen);
     memset(pStr, 0, room);
-    Nls::Encoding at = {pUnicode, reinterpret_cast<uint8_t*>(pStr), room};
+    Nls::Encoding at = {{reinterpret_cast<uint8_t*>(pStr), room}, pUnicode};
     const Nls::Outcome outcome = Nls::encodePairs(at, pUnicode + nUnicLen);
     return outcome == Nls::Outcome::unmappable ? -1 : static_cast<int>(at.in - pUnicode);
 }
@@ -281,7 +280,7 @@ int Gb2312TUtf8(char* pSource, uint8_t* pUtf8, int nUtf8Len)
     const Nls::Utf8Engine& engine = Nls::utf8Engine();
     uint16_t units[Nls::blockUnits];
     Nls::Decoding from = {reinterpret_cast<const uint8_t*>(pSource), units};
-    Nls::Encoding to = {units, pUtf8, room};
+    Nls::Encoding to = {{pUtf8, room}, units};
     const uint8_t* const end = from.in + strlen(pSource);
     while (from.in < end && to.room > 0) {
         from.out = units;

@@ -25,6 +25,8 @@
 #pragma GCC diagnostic pop
 #endif
 
+#include <algorithm>
+
 #include "Utils/Nls/CodePage.h"
 #include "Utils/Nls/Cp1252Alg.h"
 
@@ -94,16 +96,15 @@ INFRA_AVX512_INLINE __m512i unitsOf(__m512i low, __m512i high, int first)
 // --- encoding -------------------------------------------------------------------------------------
 
 /// Stores the bytes of `lanes` that are not 0, if there is room.
-INFRA_AVX512_INLINE bool storeBytes(Recoding& at, __m512i lanes)
+INFRA_AVX512_INLINE bool storeBytes(Target& to, __m512i lanes)
 {
     const uint64_t kept = _mm512_test_epi8_mask(lanes, lanes);
     const size_t length = countOf(kept);
-    if (length > at.room) {
+    if (length > to.room) {
         return false;
     }
-    _mm512_mask_storeu_epi8(at.out, lowest(length), _mm512_maskz_compress_epi8(kept, lanes));
-    at.out += length;
-    at.room -= length;
+    _mm512_mask_storeu_epi8(to.out, lowest(length), _mm512_maskz_compress_epi8(kept, lanes));
+    to.pass(length);
     return true;
 }
 
@@ -137,22 +138,22 @@ INFRA_AVX512_INLINE __m512i lanesOfThree(__m256i narrow)
 }
 
 /// Encodes 32 units, if there is room for all; those that are 0 give nothing.
-INFRA_AVX512_INLINE bool encodeUnits(Recoding& at, __m512i units)
+INFRA_AVX512_INLINE bool encodeUnits(Target& to, __m512i units)
 {
     if (_mm512_test_epi16_mask(units, _mm512_set1_epi16(-0x800)) == 0) {
-        return storeBytes(at, lanesOfTwo(units));
+        return storeBytes(to, lanesOfTwo(units));
     }
-    Recoding next = at;
+    Target next = to;
     if (!storeBytes(next, lanesOfThree(_mm512_castsi512_si256(units))) ||
         !storeBytes(next, lanesOfThree(_mm512_extracti64x4_epi64(units, 1)))) {
         return false;
     }
-    at = next;
+    to = next;
     return true;
 }
 
 /// 64 units, if they are ASCII and there is room.
-INFRA_AVX512_INLINE bool encodeAscii64(Recoding& to, const uint16_t* in)
+INFRA_AVX512_INLINE bool encodeAscii64(Target& to, const uint16_t* in)
 {
     const __m512i first = _mm512_loadu_si512(in);
     const __m512i second = _mm512_loadu_si512(in + vectorUnits);
@@ -163,15 +164,14 @@ INFRA_AVX512_INLINE bool encodeAscii64(Recoding& to, const uint16_t* in)
     }
     const __m512i evens = _mm512_add_epi8(numbersFrom(0), numbersFrom(0));
     _mm512_storeu_si512(to.out, _mm512_permutex2var_epi8(first, evens, second));
-    to.out += vectorBytes;
-    to.room -= vectorBytes;
+    to.pass(vectorBytes);
     return true;
 }
 
 INFRA_AVX512 void encode(Encoding& place, const uint16_t* known)
 {
     const uint16_t* in = place.in;
-    Recoding to = {nullptr, place.out, place.room};
+    Target to = place;
     while (in < known) {
         if (known - in >= static_cast<ptrdiff_t>(vectorBytes) && encodeAscii64(to, in)) {
             in += vectorBytes;
@@ -183,14 +183,13 @@ INFRA_AVX512 void encode(Encoding& place, const uint16_t* known)
         const bool isAscii = _mm512_test_epi16_mask(units, _mm512_set1_epi16(-0x80)) == 0;
         if (isAscii && count <= to.room) {
             _mm256_mask_storeu_epi8(to.out, there, _mm512_cvtepi16_epi8(units));
-            to.out += count;
-            to.room -= count;
+            to.pass(count);
         } else if (isAscii || !encodeUnits(to, units)) {
             break;
         }
         in += count;
     }
-    place = {in, to.out, to.room};
+    place = {to, in};
     plainUtf8.encode(place, known);
 }
 
@@ -342,12 +341,12 @@ INFRA_AVX512 void encodeBytesAvx512(Recoding& place, const uint8_t* end, const B
             const __m512i low = _mm512_mask_mov_epi8(bytes, highBits, upperLow);
             const __m512i upperHigh = _mm512_permutex2var_epi8(half.high[0], bytes, half.high[1]);
             const __m512i high = _mm512_maskz_mov_epi8(highBits, upperHigh);
-            Recoding next = at;
+            Target next = at;
             if (!encodeUnits(next, unitsOf(low, high, 0)) ||
                 !encodeUnits(next, unitsOf(low, high, vectorUnits))) {
                 break;
             }
-            at = next;
+            at = {next, at.in};
         }
         at.in += count;
     }
@@ -377,8 +376,7 @@ INFRA_AVX512 void decodeLatin1Avx512(Recoding& place, const uint8_t* end)
         const __m512i latin = _mm512_mask_add_epi8(bytes, leadC3 << 1, bytes, all(0x40));
         _mm512_mask_storeu_epi8(at.out, lowest(count), _mm512_maskz_compress_epi8(ends, latin));
         at.in += vectorBytes - _lzcnt_u64(ends);
-        at.out += count;
-        at.room -= count;
+        at.pass(count);
     }
     place = at;
 }

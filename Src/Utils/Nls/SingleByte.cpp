@@ -3,6 +3,9 @@
 // Without vectors to look bytes up in, text goes to UTF-8 by one look-up and one store of four bytes a
 // byte, whatever the lengths, in blocks on the stack, because those stores reach beyond what they mean.
 
+#include <emmintrin.h>
+
+#include <algorithm>
 #include <cstring>
 
 #include "Infra3/CpuFeatures.h"
@@ -34,8 +37,7 @@ bool copyAscii(Recoding& at, const uint8_t* end)
     }
     _mm_storeu_si128(reinterpret_cast<__m128i*>(at.out), bytes);
     at.in += asciiBytes;
-    at.out += asciiBytes;
-    at.room -= asciiBytes;
+    at.pass(asciiBytes);
     return true;
 }
 
@@ -56,8 +58,7 @@ bool encodeBlock(Recoding& at, const uint8_t* end, const BytePage& page)
     }
     memcpy(at.out, staged, size);
     at.in += count;
-    at.out += size;
-    at.room -= size;
+    at.pass(size);
     return true;
 }
 
@@ -81,8 +82,7 @@ void encodeBytesInPlace(Recoding& at, const uint8_t* end, const BytePage& page)
             break;
         }
         memcpy(at.out, &form, length);
-        at.out += length;
-        at.room -= length;
+        at.pass(length);
     }
 }
 
@@ -132,7 +132,7 @@ int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, const Byt
         return -1;
     }
     const size_t size = static_cast<size_t>(srcLen);
-    Recoding at = {src, dst, static_cast<size_t>(dstLen)};
+    Recoding at = {{dst, static_cast<size_t>(dstLen)}, src};
     const bool isInPlace = areOverlapping(dst, at.room, src, size);
     (isInPlace ? encodeBytesInPlace : encodeBytes)(at, src + size, page);
     srcLen = static_cast<int>(at.in - src);
@@ -143,6 +143,9 @@ int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, const Byt
 /// The same through a function of anybody's.
 int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, char2uni_t* func)
 {
+    if (func == nullptr || !canConvert(dst, dstLen, src, srcLen)) {
+        return -1;
+    }
     int used = 0;
     int written = 0;
     for (; used < srcLen; ++used) {
@@ -164,26 +167,6 @@ int toUtf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, char2uni_
 } // namespace
 } // namespace Nls
 
-#define INFRA_NLS_CODE_PAGES(X)                                                                    \
-    X(cp1250)                                                                                      \
-    X(cp1251)                                                                                      \
-    X(cp862)                                                                                       \
-    X(cp874)                                                                                       \
-    X(iso8859_1)                                                                                   \
-    X(iso8859_2)                                                                                   \
-    X(iso8859_3)                                                                                   \
-    X(iso8859_4)                                                                                   \
-    X(iso8859_5)                                                                                   \
-    X(iso8859_6)                                                                                   \
-    X(iso8859_7)                                                                                   \
-    X(iso8859_8)                                                                                   \
-    X(iso8859_9)                                                                                   \
-    X(iso8859_10)                                                                                  \
-    X(iso8859_13)                                                                                  \
-    X(iso8859_14)                                                                                  \
-    X(iso8859_15)                                                                                  \
-    X(iso8859_16)
-
 #define INFRA_NLS_CODE_PAGE(P)                                                                     \
     int P##_uni2char(uint16_t uni, uint8_t* out, int boundlen)                                     \
     {                                                                                              \
@@ -202,9 +185,6 @@ INFRA_NLS_CODE_PAGES(INFRA_NLS_CODE_PAGE)
 
 int char_to_utf8(uint8_t* dst, int& dstLen, const uint8_t* src, int& srcLen, char2uni_t* func)
 {
-    if (func == nullptr || !Nls::canConvert(dst, dstLen, src, srcLen)) {
-        return -1;
-    }
 #define INFRA_NLS_PAGE_OF(P) {P##_char2uni, &Nls::bytePage<Nls::P##_charset2uni>},
     static constexpr struct
     {

@@ -1,10 +1,15 @@
 // Utf8.cpp: UTF-8 to and from units of 16 and 32 bits.
 //
 // The length that a caller gives for a text that ends with a NUL may be anything above it, so nothing
-// behind the NUL may be read. A text is therefore taken a stretch at a time: how far it goes is looked
-// up first, and the engines then work on what is known to be there (Utf8Alg.h).
+// behind the NUL may be read; nor what is behind the units for which there is room. A text is therefore
+// taken a stretch at a time: how far it goes is looked up first, and the engines then work on what is
+// known to be there (Utf8Alg.h).
+//
+// Source and target may overlap anyhow: the result is that of one character after the other. So a
+// stretch ends before the target comes into it, and where that is at once single characters are taken.
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "Infra3/CpuFeatures.h"
@@ -25,6 +30,10 @@ namespace
 /// looking.
 constexpr size_t stretchBytes = 4096;
 constexpr size_t stretchUnits = 2048;
+/// Too few for anything but one after the other.
+constexpr size_t fewBytes = 8;
+/// So many that another round costs less than to count their bytes.
+constexpr size_t manyUnits = 64;
 
 // Places are copied while a run goes on: what is written as bytes might else be the place itself.
 
@@ -77,13 +86,54 @@ const Utf8Engine& utf8Engine()
     return *Infra::chooseImplementation(engines);
 }
 
+namespace
+{
+
+/// How many bytes may be decoded at once, because none of their units comes to where bytes are still to
+/// be read. There are as many units at most; the last sequence reads up to five bytes more.
+size_t undisturbedBytes(const Decoding& at)
+{
+    const uintptr_t source = reinterpret_cast<uintptr_t>(at.in);
+    const uintptr_t target = reinterpret_cast<uintptr_t>(at.out);
+    if (target <= source) {
+        return (source - target) / sizeof(uint16_t);
+    }
+    constexpr size_t mostBehind = 5;
+    return std::max(target - source, mostBehind) - mostBehind;
+}
+
+/// How much of the room may be used at once, because no byte comes to where units are still to be
+/// read. At least one byte is written for each unit, and of the last up to two more. None at an odd
+/// address, which vectors of units do not expect.
+size_t undisturbedRoom(const Encoding& at)
+{
+    const uintptr_t source = reinterpret_cast<uintptr_t>(at.in);
+    const uintptr_t target = reinterpret_cast<uintptr_t>(at.out);
+    if (source % sizeof(uint16_t) != 0) {
+        return 0;
+    }
+    if (target > source) {
+        return std::min((target - source) / sizeof(uint16_t), at.room);
+    }
+    constexpr size_t mostBeyond = 2;
+    const size_t gap = source - target;
+    return at.room <= gap ? at.room : std::max(gap, mostBeyond) - mostBeyond;
+}
+
+} // namespace
+
 size_t decodeText(uint16_t* out, const uint8_t* in, size_t size)
 {
     const Utf8Engine& engine = utf8Engine();
     const uint8_t* const end = in + size;
     Decoding at = {in, out};
     while (at.in < end && *at.in != 0) {
-        const size_t looked = std::min(static_cast<size_t>(end - at.in), stretchBytes);
+        const size_t possible = std::min(undisturbedBytes(at), stretchBytes);
+        if (possible < fewBytes) {
+            decodeOne(at, end);
+            continue;
+        }
+        const size_t looked = std::min(static_cast<size_t>(end - at.in), possible);
         engine.decode(at, at.in + strnlen(reinterpret_cast<const char*>(at.in), looked), end);
     }
     return static_cast<size_t>(at.out - out);
@@ -92,35 +142,20 @@ size_t decodeText(uint16_t* out, const uint8_t* in, size_t size)
 size_t encodeText(uint8_t* out, size_t room, const uint16_t* in)
 {
     const Utf8Engine& engine = utf8Engine();
-    Encoding at = {in, out, room};
-    while (at.room > 0 && *at.in != 0) {
-        engine.encode(at, at.in + countUnits(at.in, std::min(at.room, stretchUnits)));
+    Encoding at = {{out, room}, in};
+    while (at.room > 0 && loadUnit(at.in) != 0) {
+        const size_t possible = undisturbedRoom(at);
+        if (possible < fewBytes) {
+            encodeOne(at);
+            continue;
+        }
+        const size_t certain = std::min((possible + 2) / 3, stretchUnits); // three bytes each
+        engine.encode(at, at.in + (certain >= manyUnits ? countUnits(at.in, certain)
+                                                        : countFittingUnits(at.in, possible)));
     }
     return static_cast<size_t>(at.out - out);
 }
 
-namespace
-{
-
-/// The same where the result may overlap the units: one after the other.
-size_t encodeTextInPlace(uint8_t* out, size_t room, const uint16_t* in)
-{
-    Encoding at = {in, out, room};
-    while (at.room > 0 && *at.in != 0) {
-        encodeOne(at);
-    }
-    return static_cast<size_t>(at.out - out);
-}
-
-/// Whether units are read where `room` bytes are written. A unit takes at least one byte of room.
-bool mayOverlap(const uint8_t* out, size_t room, const uint16_t* in)
-{
-    const uintptr_t target = reinterpret_cast<uintptr_t>(out);
-    const uintptr_t source = reinterpret_cast<uintptr_t>(in);
-    return target < source + 2 * room && source < target + room;
-}
-
-} // namespace
 } // namespace Nls
 
 int utf8_mbtowc(uint16_t* p, const uint8_t* s, int n)
@@ -161,9 +196,7 @@ int utf8_wcstombs(uint8_t* s, const uint16_t* pwcs, int maxlen)
     if (s == nullptr || pwcs == nullptr || maxlen <= 0) {
         return 0;
     }
-    const size_t room = static_cast<size_t>(maxlen);
-    return static_cast<int>(Nls::mayOverlap(s, room, pwcs) ? Nls::encodeTextInPlace(s, room, pwcs)
-                                                           : Nls::encodeText(s, room, pwcs));
+    return static_cast<int>(Nls::encodeText(s, static_cast<size_t>(maxlen), pwcs));
 }
 
 uint16_t GetUnicodeFromUtf8(const char* pch, int* pn)
@@ -234,7 +267,7 @@ int UCS4ToUtf8(char* ucs4, int ucs4Len, uint8_t* utf8, int nUtf8Len)
     for (int64_t at = 0; at < ucs4Len; at += 4) {
         uint32_t value = 0;
         memcpy(&value, ucs4 + at, sizeof(value));
-        if (value > Nls::utf8_table[5].lmask) {
+        if (value > Nls::largestValue) {
             continue;
         }
         const int length = static_cast<int>(Nls::encodedLength(value));

@@ -11,6 +11,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace Tarsel
 {
@@ -37,6 +38,8 @@ inline constexpr Utf8Row utf8_table[] = {
     {0xF8, 24, 0x3FFFFFF, 0x200000},
     {0xFC, 30, 0x7FFFFFFF, 0x4000000},
 };
+
+constexpr uint32_t largestValue = 0x7FFFFFFF; ///< that a sequence can hold
 
 constexpr uint8_t continuationMark = 0x80;
 constexpr unsigned continuationBits = 6;
@@ -109,6 +112,20 @@ constexpr size_t writeSequence(uint8_t* s, uint32_t value, size_t length)
     return length;
 }
 
+/// A unit at any address, whatever else the memory is used as.
+inline uint16_t loadUnit(const uint16_t* place)
+{
+    uint16_t unit = 0;
+    memcpy(&unit, place, sizeof(unit));
+    return unit;
+}
+
+inline void storeUnit(uint16_t* place, unsigned value)
+{
+    const uint16_t unit = static_cast<uint16_t>(value);
+    memcpy(place, &unit, sizeof(unit));
+}
+
 /// A place in a text that is being decoded, and the place for the next unit.
 struct Decoding
 {
@@ -124,7 +141,7 @@ inline void decodeRare(Decoding& at, const uint8_t* end)
         ++at.in;
         return;
     }
-    *at.out++ = static_cast<uint16_t>(sequence.value);
+    storeUnit(at.out++, sequence.value);
     at.in += sequence.length;
 }
 
@@ -135,15 +152,15 @@ inline void decodeOne(Decoding& at, const uint8_t* end)
     const unsigned lead = s[0];
     const ptrdiff_t left = end - s;
     if (lead < 0x80) {
-        *at.out++ = static_cast<uint16_t>(lead);
+        storeUnit(at.out++, lead);
         ++at.in;
     } else if (lead >= 0xC2 && lead < 0xE0 && left >= 2 && isContinuation(s[1])) {
-        *at.out++ = static_cast<uint16_t>((lead & 0x1F) << 6 | (s[1] & 0x3FU));
+        storeUnit(at.out++, (lead & 0x1F) << 6 | (s[1] & 0x3FU));
         at.in += 2;
     } else if (lead > 0xE0 && lead < 0xF0 && left >= 3 && isContinuation(s[1]) &&
                isContinuation(s[2])) {
         const unsigned low = (s[1] & 0x3FU) << 6 | (s[2] & 0x3FU);
-        *at.out++ = static_cast<uint16_t>((lead & 0xF) << 12 | low);
+        storeUnit(at.out++, (lead & 0xF) << 12 | low);
         at.in += 3;
     } else {
         decodeRare(at, end);
@@ -165,22 +182,34 @@ inline bool decodeAscii16(Decoding& at)
     return true;
 }
 
-/// A place in units that are being encoded, the place for the next byte and how many may follow.
-struct Encoding
+/// The place for the next byte, and how many may follow.
+struct Target
 {
-    const uint16_t* in;
     uint8_t* out;
     size_t room;
+
+    /// Leaves behind what was written there.
+    void pass(size_t written)
+    {
+        out += written;
+        room -= written;
+    }
+};
+
+/// A place in units that are being encoded.
+struct Encoding : Target
+{
+    const uint16_t* in;
 };
 
 /// Encodes one unit, or leaves it out, if it does not fit, at the cost of one byte of the room. There
 /// is some room.
 inline void encodeOne(Encoding& at)
 {
-    const uint16_t unit = *at.in++;
+    const uint16_t unit = loadUnit(at.in++);
     if (unit < 0x80) {
-        *at.out++ = static_cast<uint8_t>(unit);
-        --at.room;
+        *at.out = static_cast<uint8_t>(unit);
+        at.pass(1);
         return;
     }
     const size_t length = encodedLength(unit);
@@ -188,8 +217,7 @@ inline void encodeOne(Encoding& at)
         --at.room;
         return;
     }
-    at.out += writeSequence(at.out, unit, length);
-    at.room -= length;
+    at.pass(writeSequence(at.out, unit, length));
 }
 
 /// Eight units, if they are ASCII and there is room, to bytes.
@@ -203,8 +231,7 @@ inline bool encodeAscii8(Encoding& at)
     }
     _mm_storel_epi64(reinterpret_cast<__m128i*>(at.out), _mm_packus_epi16(units, units));
     at.in += 8;
-    at.out += 8;
-    at.room -= 8;
+    at.pass(8);
     return true;
 }
 
@@ -214,6 +241,7 @@ using DecodeRun = void(Decoding& at, const uint8_t* known, const uint8_t* end);
 /// Encodes the units from `at.in` to `known`, of which none is 0, for as long as there is room.
 using EncodeRun = void(Encoding& at, const uint16_t* known);
 
+/// Neither writes a byte that is still to be read, for which the caller cares.
 struct Utf8Engine
 {
     DecodeRun* decode;
@@ -234,6 +262,10 @@ size_t encodeText(uint8_t* out, size_t room, const uint16_t* in);
 
 /// How many units there are before the first 0, at most `limit`.
 size_t countUnits(const uint16_t* units, size_t limit);
+
+/// How many there are before the first 0 that are encoded, or found too long, before `room` is used
+/// up. Those behind need not be there. `room` is not 0.
+size_t countFittingUnits(const uint16_t* units, size_t room);
 
 } // namespace Nls
 } // namespace Utils

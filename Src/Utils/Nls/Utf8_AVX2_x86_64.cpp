@@ -16,6 +16,7 @@
 #include <immintrin.h>
 
 #include <array>
+#include <bit>
 
 #include "Utils/Nls/Utf8Alg.h"
 
@@ -393,8 +394,7 @@ INFRA_AVX2_INLINE bool encodeAscii32(Encoding& at)
     const __m256i bytes = _mm256_permute4x64_epi64(mixed, _MM_SHUFFLE(3, 1, 2, 0));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(at.out), bytes);
     at.in += 32;
-    at.out += 32;
-    at.room -= 32;
+    at.pass(32);
     return true;
 }
 
@@ -411,8 +411,7 @@ INFRA_AVX2_INLINE void encode8(Encoding& at)
         length = encodeThree(at.out, units);
     }
     at.in += 8;
-    at.out += length;
-    at.room -= length;
+    at.pass(length);
 }
 
 INFRA_AVX2 void encode(Encoding& place, const uint16_t* known)
