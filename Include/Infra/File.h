@@ -77,7 +77,7 @@ private:
     CFile(const CFile&);
     CFile& operator=(const CFile&);
 
-    FileInternal* m_internal;
+    ::FileInternal* m_internal;
 };
 
 /// The older listing of a directory, over Tarsel::Infra::CFileFind.
@@ -102,7 +102,7 @@ private:
     CFileFind(const CFileFind&);
     CFileFind& operator=(const CFileFind&);
 
-    FileFindInternal* m_internal;
+    ::FileFindInternal* m_internal;
 };
 
 /// A file system as a table of plain functions. What each of them is given and returns stands at the
