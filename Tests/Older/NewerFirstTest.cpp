@@ -12,13 +12,16 @@ using namespace Tarsel::Utils;  // NOLINT(google-build-using-namespace)
 #include <gtest/gtest.h>
 
 #include "Older/Twins.h"
+#include "Support/ChildProcess.h"
 
 namespace
 {
 
+using Tarsel::TestSupport::inChild;
+
 TEST(OlderTest, OpenNamespacesDoNotDisturbTheOlderHeaders)
 {
-    EXPECT_TRUE(twinsAgree());
+    inChild([] { EXPECT_TRUE(twinsAgree()); }); // which makes the managers
     EXPECT_TRUE(characterSetsStandTwice());
 }
 

@@ -7,9 +7,12 @@
 #include <gtest/gtest.h>
 
 #include "Older/Twins.h"
+#include "Support/ChildProcess.h"
 
 namespace
 {
+
+using Tarsel::TestSupport::inChild;
 
 using namespace Tarsel::Infra;  // NOLINT(google-build-using-namespace): applications do
 using namespace Tarsel::Memory; // NOLINT(google-build-using-namespace)
@@ -23,7 +26,7 @@ TEST(OlderTest, OpenNamespacesLeaveTheCommonRecordsOne)
     EXPECT_TRUE(::CTime(time) == ::CTime(2019, 3, 7, 5, 4, 3));
     EXPECT_EQ(handle, nullptr);
     EXPECT_EQ(info.size, 0U);
-    EXPECT_TRUE(twinsAgree());
+    inChild([] { EXPECT_TRUE(twinsAgree()); }); // which makes the managers
     EXPECT_TRUE(characterSetsStandTwice());
 }
 
