@@ -211,7 +211,7 @@ TEST(OlderTest, BrokenLocksEndTheProcessWithTheSystemsAssertion)
              const CFailingHeap heap(sizeof(pthread_mutex_t));
              CMutex mutex;
          }},
-        {"Assertion `ret == 0' failed",
+        {"~CMutex: Assertion `ret == 0' failed",
          [] {
              auto* const mutex = new CMutex;
              mutex->Enter();
