@@ -1,18 +1,21 @@
 // FileHook.cpp: file systems that are tables of functions.
 //
 // Whoever has a file open through a hook keeps a pointer to its file system, so that stays when the
-// hook is taken back. It is used again for the same path and table, so that hooking and unhooking for
-// ever costs nothing.
+// hook is taken back. There is one for each table that was ever hooked in, for all of its paths: it
+// knows none. So hooking and unhooking the same tables for ever costs nothing.
 
 #include "Infra/File.h"
 
 #include <cstring>
 #include <new>
+#include <string_view>
+#include <unordered_map>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/FileHooks.h"
+#include "Infra3/Hash.h"
 #include "Infra3/Immortal.h"
 
 using Tarsel::Infra::CGuard;
@@ -30,24 +33,17 @@ Result call(Result (*function)(Parameters...), Result failure, Parameters... arg
     return function == nullptr ? failure : function(arguments...);
 }
 
-/// A file system that is hooked in, or was once.
-struct Entry
+std::string_view bytesOf(const FSOperations& operations)
 {
-    Entry(const char* prefix, const FSOperations& functions)
-        : operations(functions), fileSystem(functions)
-    {
-        copyText(path, prefix);
-    }
+    return {reinterpret_cast<const char*>(&operations), sizeof(operations)};
+}
 
-    bool isFor(const char* prefix, const FSOperations& functions) const
-    {
-        return strcmp(path, prefix) == 0 && memcmp(&operations, &functions, sizeof(functions)) == 0;
-    }
+class CTable : public CFSOperation
+{
+public:
+    explicit CTable(const FSOperations& operations) : CFSOperation(operations) {}
 
-    char path[32];
-    const FSOperations operations;
-    CFSOperation fileSystem;
-    Entry* older = nullptr;
+    bool isOf(const FSOperations& operations) const { return bytesOf(m_fs) == bytesOf(operations); }
 };
 
 /// Which paths have a table of functions. Everything happens with hookMutex() held.
@@ -64,11 +60,12 @@ public:
         if (place == nullptr) {
             return;
         }
-        INFRA_SYSTEM_ASSERT_TEXT(place->entry == nullptr, "fsOpts[i] == __null");
-        place->entry = entryFor(path, operations);
-        if (place->entry != nullptr) {
+        // Holds as long as hookFS() refuses empty paths: a place gets a table and a path together.
+        INFRA_SYSTEM_ASSERT_TEXT(place->table == nullptr, "fsOpts[i] == __null");
+        place->table = tableOf(operations);
+        if (place->table != nullptr) {
             copyText(place->path, path);
-            setHook(path, &place->entry->fileSystem);
+            setHook(path, place->table);
         }
     }
 
@@ -76,22 +73,20 @@ public:
     void remove(const char* path)
     {
         Place* const place = find(path);
-        if (place == nullptr) {
-            return;
+        if (place != nullptr) {
+            setHook(path, nullptr);
+            *place = Place();
         }
-        setHook(path, nullptr);
-        place->entry->older = m_retired;
-        m_retired = place->entry;
-        *place = Place();
     }
 
 private:
     struct Place
     {
         char path[32] = {};
-        Entry* entry = nullptr;
+        CTable* table = nullptr;
     };
 
+    /// The place whose text is all of `path`, so none for one that was cut.
     Place* find(const char* path)
     {
         for (Place& place : m_places) {
@@ -102,21 +97,25 @@ private:
         return nullptr;
     }
 
-    /// A retired one, or a new one; null without memory.
-    Entry* entryFor(const char* path, const FSOperations& operations)
+    /// The one there was, or a new one; null without memory.
+    CTable* tableOf(const FSOperations& operations)
     {
-        for (Entry** link = &m_retired; *link != nullptr; link = &(*link)->older) {
-            Entry* const entry = *link;
-            if (entry->isFor(path, operations)) {
-                *link = entry->older;
-                return entry;
+        const size_t hash = Tarsel::Infra::hashText(bytesOf(operations));
+        const auto [begin, end] = m_tables.equal_range(hash);
+        for (auto at = begin; at != end; ++at) {
+            if (at->second.isOf(operations)) {
+                return &at->second;
             }
         }
-        return new (std::nothrow) Entry(path, operations);
+        try {
+            return &m_tables.emplace(hash, operations)->second;
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
     }
 
     Place m_places[31];
-    Entry* m_retired = nullptr; ///< the last one, which leads to those before
+    std::unordered_multimap<size_t, CTable> m_tables; ///< by their hashes
 };
 
 CFunctionHooks& functionHooks()
@@ -124,6 +123,7 @@ CFunctionHooks& functionHooks()
     return Tarsel::Infra::immortal<CFunctionHooks, CFunctionHooks>();
 }
 
+/// What hooking says on the log it says first, and without a lock: printers are the application's.
 bool wouldChange(const char* path, const FSOperations* ops)
 {
     const CGuard guard(hookMutex());

@@ -17,19 +17,17 @@ struct MutexInternal
 namespace
 {
 
-/// Ends the process unless a call that cannot fail has not.
-void assertDone(int ret)
-{
-    INFRA_SYSTEM_ASSERT(ret == 0);
-}
-
 void initRecursively(pthread_mutex_t* lock)
 {
     pthread_mutexattr_t attributes;
-    assertDone(pthread_mutexattr_init(&attributes));
-    assertDone(pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE));
-    assertDone(pthread_mutex_init(lock, &attributes));
-    assertDone(pthread_mutexattr_destroy(&attributes));
+    int ret = pthread_mutexattr_init(&attributes);
+    INFRA_SYSTEM_ASSERT(ret == 0);
+    ret = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    INFRA_SYSTEM_ASSERT(ret == 0);
+    ret = pthread_mutex_init(lock, &attributes);
+    INFRA_SYSTEM_ASSERT(ret == 0);
+    ret = pthread_mutexattr_destroy(&attributes);
+    INFRA_SYSTEM_ASSERT(ret == 0);
 }
 
 pthread_mutex_t* lockOf(const MutexInternal* m_internal)
@@ -48,14 +46,16 @@ CMutex::CMutex(Type type) : m_internal(new (std::nothrow) MutexInternal)
     if (type == mutexRecursive) {
         initRecursively(lock);
     } else {
-        assertDone(pthread_mutex_init(lock, nullptr));
+        const int ret = pthread_mutex_init(lock, nullptr);
+        INFRA_SYSTEM_ASSERT(ret == 0);
     }
 }
 
 CMutex::~CMutex()
 {
     pthread_mutex_t* const lock = lockOf(m_internal);
-    assertDone(pthread_mutex_destroy(lock));
+    const int ret = pthread_mutex_destroy(lock);
+    INFRA_SYSTEM_ASSERT(ret == 0);
     free(lock);
     delete m_internal;
 }

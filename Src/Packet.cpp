@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <utility>
 
 #include "Infra3/Singleton.h"
 #include "Memory/PacketManager.h"
@@ -22,11 +23,17 @@ size_t headerSize()
 
 } // namespace
 
-CPacket::CPacket(unsigned long size) : m_packet(size, headerSize()) {}
+CPacket::CPacket(unsigned long size)
+{
+    Tarsel::Memory::CPacket packet(size, headerSize());
+    m_internal = std::move(Handle::of(packet));
+}
 
 CPacket::CPacket(unsigned int size, FreeProc func, void* arg)
-    : m_packet(size, func, arg, headerSize())
-{}
+{
+    Tarsel::Memory::CPacket packet(size, func, arg, headerSize());
+    m_internal = std::move(Handle::of(packet));
+}
 
 unsigned long CPacket::GetLeft() const
 {

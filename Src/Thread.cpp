@@ -21,18 +21,7 @@ public:
     {}
 
     /// The thread ends here, while there is still a threadProc() for it to begin with.
-    ~CThreadDrived() override
-    {
-        if (isThreadOver() || getThreadID() == getCurrentThreadID()) {
-            return; // a body that destroys itself goes on alone
-        }
-        if (looping()) {
-            destroyThread();
-        }
-        while (!isThreadOver()) { // somebody else has told it to end
-            sleep(1);
-        }
-    }
+    ~CThreadDrived() override { endThread(); }
 
     void threadProc() override { m_owner->ThreadProc(); }
 

@@ -96,7 +96,9 @@ unsigned long long CTime::makeTime() const
 void CTime::breakTime(unsigned long long time)
 {
     tm local = {};
-    if (!Tarsel::Infra::convertToLocal(static_cast<time_t>(time), local)) { // a year beyond an int
+    // The system counts years from 1900, so it still has some that our `year` cannot hold.
+    if (!Tarsel::Infra::convertToLocal(static_cast<time_t>(time), local) ||
+        local.tm_year > INT_MAX - 1900) {
         *this = CTime();
         return;
     }

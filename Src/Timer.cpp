@@ -7,16 +7,19 @@
 
 #include "Infra/Timer.h"
 
-#include <forward_list>
+#include <cstring>
 #include <new>
+#include <unordered_set>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra/Infra3/Timer.h"
+#include "Infra3/Hash.h"
 #include "Infra3/LeafMutex.h"
 #include "Infra3/Singleton.h"
 
 using Tarsel::Infra::CGuard;
 using Tarsel::Infra::CLeafMutex;
+using Tarsel::Infra::mixHash;
 
 namespace
 {
@@ -28,15 +31,30 @@ class CMemberCall
 public:
     CMemberCall(CObject* object, Member member) : m_object(object), m_member(member) {}
 
-    bool isOf(const CObject* object, Member member) const
+    bool operator==(const CMemberCall& other) const
     {
-        return m_object == object && m_member == member;
+        return m_object == other.m_object && m_member == other.m_member;
     }
-    void call(unsigned long param) { (m_object->*m_member)(static_cast<unsigned int>(param)); }
+    size_t hash() const
+    {
+        uintptr_t words[2]; // where the function is, and where in the object its class
+        static_assert(sizeof(words) == sizeof(m_member));
+        memcpy(words, &m_member, sizeof(words));
+        return mixHash(mixHash(reinterpret_cast<uintptr_t>(m_object), words[0]), words[1]);
+    }
+    void call(unsigned long param) const
+    {
+        (m_object->*m_member)(static_cast<unsigned int>(param));
+    }
 
 private:
     CObject* const m_object;
     const Member m_member;
+};
+
+struct HashOfCall
+{
+    size_t operator()(const CMemberCall& call) const { return call.hash(); }
 };
 
 } // namespace
@@ -46,40 +64,24 @@ struct TimerInternal
     explicit TimerInternal(const char* name) : timer(name) {}
 
     /// The call of that pair; null without memory.
-    CMemberCall* callOf(CObject* object, Member member)
+    const CMemberCall* callOf(CObject* object, Member member)
     {
-        CMemberCall* const known = knownCallOf(object, member);
-        return known != nullptr ? known : newCall(object, member);
-    }
-
-    CMemberCall* knownCallOf(CObject* object, Member member)
-    {
+        const CMemberCall wanted(object, member);
         const CGuard guard(mutex);
-        for (CMemberCall& call : calls) {
-            if (call.isOf(object, member)) {
-                return &call;
-            }
+        if (recent != nullptr && *recent == wanted) {
+            return recent;
         }
-        return nullptr;
-    }
-
-    /// A second one for a pair, by another thread at the same time, does no harm.
-    CMemberCall* newCall(CObject* object, Member member)
-    {
         try {
-            std::forward_list<CMemberCall> made;
-            CMemberCall& call = made.emplace_front(object, member);
-            const CGuard guard(mutex);
-            calls.splice_after(calls.before_begin(), made);
-            return &call;
+            return recent = &*calls.insert(wanted).first;
         } catch (const std::bad_alloc&) {
             return nullptr;
         }
     }
 
     CLeafMutex mutex;
-    std::forward_list<CMemberCall> calls; ///< guarded by the mutex
-    Tarsel::Infra::CTimer timer;          ///< last: a running call uses the above
+    std::unordered_set<CMemberCall, HashOfCall> calls; ///< guarded by the mutex
+    const CMemberCall* recent = nullptr;               ///< the one asked for last; guarded likewise
+    Tarsel::Infra::CTimer timer;                       ///< last: a running call uses the above
 };
 
 CTimer::CTimer(const char* name) : m_internal(new TimerInternal(name)) {}

@@ -5,8 +5,9 @@
 
 Each header below Include/ is included twice by an otherwise empty file, as C++17 and as C++20, with
 g++ and clang++, every warning an error; CPrintLog.h also as C99 with gcc and clang. One more file
-includes them all, older and namespaced interface together, and another does so behind headers of
-the system that define macros with everyday names. Ends 1 when anything does not compile.
+includes them all, older and namespaced interface together, another does so behind headers of the
+system that define macros with everyday names, and two do so in open namespaces, forwards and
+backwards, where names of the older interface are ambiguous. Ends 1 when anything does not compile.
 """
 
 import concurrent.futures
@@ -23,14 +24,16 @@ CXX = [("g++", "c++17"), ("g++", "c++20"), ("clang++", "c++17"), ("clang++", "c+
 C = [("gcc", "c99"), ("clang", "c99")]
 C_HEADERS = ["Infra/Infra3/CPrintLog.h"]
 # Members called stat, major and the like have to live with these.
-GREEDY = ["sys/sysmacros.h", "sys/stat.h", "sys/statfs.h", "sys/uio.h", "dirent.h"]
+GREEDY = "".join(f"#include <{header}>\n" for header in (
+    "sys/sysmacros.h", "sys/stat.h", "sys/statfs.h", "sys/uio.h", "dirent.h"))
+OPEN = "".join(f"namespace {name} {{}}\nusing namespace {name};\n" for name in (
+    "Tarsel", "Tarsel::Infra", "Tarsel::Memory", "Tarsel::Component", "Tarsel::Utils"))
 
 
-def compile_text(compiler, standard, headers, times=2, before=()):
+def compile_text(compiler, standard, headers, times=2, before=""):
     """What the compiler says to a file of nothing but these includes; "" when it takes it."""
     language = "c" if standard.startswith("c9") else "c++"
-    text = "".join(f"#include <{header}>\n" for header in before)
-    text += "".join(f'#include "{header}"\n' for header in headers) * times
+    text = before + "".join(f'#include "{header}"\n' for header in headers) * times
     result = subprocess.run(
         [compiler, f"-std={standard}", *WARNINGS, "-fsyntax-only", f"-I{INCLUDE}",
          "-x", language, "-"],
@@ -49,6 +52,8 @@ def jobs_for(headers):
     for compiler, standard in CXX:
         yield "all headers together", compiler, standard, headers
         yield "all headers behind the system's", compiler, standard, headers, 1, GREEDY
+        yield "all headers in open namespaces", compiler, standard, headers, 1, OPEN
+        yield "all headers in open namespaces, backwards", compiler, standard, headers[::-1], 1, OPEN
         for header in headers:
             yield header, compiler, standard, [header]
     for compiler, standard in C:

@@ -21,7 +21,7 @@ from sources import include_lines, own_sources, resolve, shown
 ROWS = [
     ("Infra3, frame", [
         r"Infra/Infra3/Detail/(Export|LockRecords|Singleton|ShortBytes|StandardString)\.h",
-        r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|ErrorText|AssertFront|AssertionFailed|BoundedText|Digits|TextWriter|MessageFormat|Immortal)\.\w+",
+        r"(Infra/)?Infra3/(Arithmetic|AtomicCount|Error|ErrorText|AssertFront|AssertionFailed|BoundedText|Digits|Hash|TextWriter|MessageFormat|Immortal)\.\w+",
         r"(Infra/)?Infra3/(C?PrintLog|DumpHex|LogLine|LogFront|LogSink|PlainShared)\.\w+",
         r"(Infra/)?Infra3/(Mutex\w*|LeafMutex|RecursiveMutex|ReadWriteMutex|Semaphore|Guard)\.\w+",
         r"(Infra/)?Infra3/(ThreadSpecific|ThreadId|ProcessId|ProcessLife|LocalTime|MemoryTrial|SystemCall|Fork|Singleton|Cpu\w*|Futex\w*)\.\w+",

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs the recorder in a directory of its own: three lines, in capitals, with the sign in UTF-8.
+# Runs the recorder in a directory of its own: three lines, in capitals, with the sign in UTF-8, and
+# on the log how long each took.
 #
 #   Examples/Older/check.sh PROGRAM
 set -euo pipefail
@@ -12,6 +13,9 @@ mkdir "$scratch/storage"
 "$program" "$scratch/storage" >"$scratch/output"
 cat "$scratch/output"
 # A log line's colour is reset behind its line end, which may stand in front of a record.
-lines=$(sed 's/\x1b\[[0-9;]*m//g' "$scratch/output" |
-    grep -cE '^[0-9]{2}\.[0-9]{2}\.[0-9]{4} [0-9:]{8} NO\. [123]: 2[123] °C$')
-test "$lines" = 3
+countOf()
+{
+    sed 's/\x1b\[[0-9;]*m//g' "$scratch/output" | grep -cE "$1"
+}
+test "$(countOf '^[0-9]{2}\.[0-9]{2}\.[0-9]{4} [0-9:]{8} NO\. [123]: 2[123] °C$')" = 3
+test "$(countOf '\]recorder-line : [0-9]+ us$')" = 3

@@ -77,7 +77,7 @@ private:
     CFile(const CFile&);
     CFile& operator=(const CFile&);
 
-    FileInternal* m_internal;
+    ::FileInternal* m_internal;
 };
 
 /// The older listing of a directory, over Tarsel::Infra::CFileFind.
@@ -102,7 +102,7 @@ private:
     CFileFind(const CFileFind&);
     CFileFind& operator=(const CFileFind&);
 
-    FileFindInternal* m_internal;
+    ::FileFindInternal* m_internal;
 };
 
 /// A file system as a table of plain functions. What each of them is given and returns stands at the
@@ -161,7 +161,7 @@ public:
     int stat(const char* path, FileInfo& info) override;
     size_t writev(int fildes, const Tarsel::Infra::io_vec* iov, int iovcnt) override;
 
-private:
+protected:
     FSOperations m_fs;
 };
 
@@ -170,7 +170,7 @@ private:
 /// several hooks of one path it is the first, one of hookFileSystem() among them. There are 31 places
 /// of its own for tables; without a free one, and for a null or empty path, nothing happens. A copy
 /// stays for as long as the process, because files may be open that use it; the same table is copied
-/// once for a path. Safe from any thread.
+/// once. Safe from any thread.
 INFRA_API void hookFS(const char* path, const FSOperations* ops);
 
 #endif

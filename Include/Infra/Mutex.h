@@ -32,21 +32,21 @@ private:
     CMutex(const CMutex&);
     CMutex& operator=(const CMutex&);
 
-    MutexInternal* m_internal;
+    ::MutexInternal* m_internal;
 };
 
 /// Holds a mutex for as long as it lives.
 class CGuard
 {
 public:
-    explicit CGuard(CMutex& mutex) : m_mutex(mutex) { m_mutex.Enter(); }
+    explicit CGuard(::CMutex& mutex) : m_mutex(mutex) { m_mutex.Enter(); }
     ~CGuard() { m_mutex.Leave(); }
 
 private:
     CGuard(const CGuard&);
     CGuard& operator=(const CGuard&);
 
-    CMutex& m_mutex;
+    ::CMutex& m_mutex;
 };
 
 #endif

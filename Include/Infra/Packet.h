@@ -16,44 +16,45 @@ public:
     typedef Tarsel::Infra::TFunction2<void, void*, unsigned long> FreeProc;
 
     /// A packet that is not valid.
-    CPacket() = default;
+    CPacket() noexcept = default;
     /// A packet of `size` bytes with a header; not valid without memory.
     explicit CPacket(unsigned long size);
     /// A packet with a header, whose buffer is attached by PutBuffer(); `func`, if not empty, is called
     /// once with `arg` and the capacity when the last handle goes.
     CPacket(unsigned int size, FreeProc func, void* arg);
-    CPacket(const CPacket&) = default;
-    CPacket(CPacket&&) = default;
-    CPacket& operator=(const CPacket&) = default;
-    CPacket& operator=(CPacket&&) = default;
-    ~CPacket() = default;
-
     /// Shares the newer packet, whatever its extra data is.
     CPacket(const Tarsel::Memory::CPacket& packet) // NOLINT(google-explicit-constructor)
-        : m_packet(packet)
+        : m_internal(Handle::of(packet))
     {}
-    operator Tarsel::Memory::CPacket() const { return m_packet; } // NOLINT
+    operator Tarsel::Memory::CPacket() const // NOLINT(google-explicit-constructor)
+    {
+        Tarsel::Memory::CPacket packet;
+        Handle::of(packet) = m_internal;
+        return packet;
+    }
 
-    bool valid() const { return m_packet.valid(); }
+    bool valid() const { return m_internal.valid(); }
     /// The capacity.
-    unsigned long GetSize() const { return m_packet.capacity(); }
+    unsigned long GetSize() const { return m_internal.capacity(); }
     /// How much of it is used.
-    unsigned long GetLength() const { return m_packet.size(); }
-    bool SetLength(unsigned long length) { return m_packet.resize(length); }
+    unsigned long GetLength() const { return m_internal.size(); }
+    bool SetLength(unsigned long length) { return m_internal.resize(length); }
     /// How much of it is not.
     unsigned long GetLeft() const;
-    unsigned char* GetBuffer() const { return m_packet.getBuffer(); }
+    unsigned char* GetBuffer() const { return m_internal.getBuffer(); }
     unsigned long PutBuffer(void* data, unsigned long length)
     {
-        return m_packet.putBuffer(data, length);
+        return m_internal.putBuffer(data, length);
     }
-    void* GetHeader() const { return m_packet.getExtraData(); }
-    unsigned long GetHeaderSize() const { return m_packet.getExtraSize(); }
+    void* GetHeader() const { return m_internal.getExtraData(); }
+    unsigned long GetHeaderSize() const { return m_internal.getExtraSize(); }
     /// Sets the header to zeros.
     void ClearHeader();
 
 private:
-    Tarsel::Memory::CPacket m_packet;
+    typedef Tarsel::Memory::Detail::CPacketHandle Handle;
+
+    Handle m_internal; ///< a pointer
 };
 
 /// The packet manager, as Tarsel::Memory::CPacketManager has it.
@@ -67,8 +68,9 @@ public:
     /// @param totalSize   bytes of pool
     /// @param chunkSize   bytes of a chunk
     /// @param headerSize  bytes, up to 255: of more the size reads modulo 256; below 0 is none. It
-    ///                    counts also where the pool is refused; a chunk below 1024 ends the process,
-    ///                    as in Tarsel::Memory::CPacketManager::config()
+    ///                    counts also where the pool is refused. A chunk below 1024, and a total that
+    ///                    is no multiple of it, end the process, as in
+    ///                    Tarsel::Memory::CPacketManager::config()
     static void config(int totalSize, int chunkSize, int headerSize);
 
     virtual ~IPacketManager();

@@ -23,7 +23,7 @@ private:
     CSemaphore(const CSemaphore&);
     CSemaphore& operator=(const CSemaphore&);
 
-    SemaphoreInternal* m_internal;
+    ::SemaphoreInternal* m_internal;
 };
 
 #endif

@@ -44,7 +44,7 @@ private:
     CThread(const CThread&);
     CThread& operator=(const CThread&);
 
-    ThreadInternal* m_internal;
+    ::ThreadInternal* m_internal;
 };
 
 /// The thread table, as Tarsel::Infra::CThreadManager has it.

@@ -51,7 +51,8 @@ public:
     /// 1970 gives the negative number in 64 bits. `isdst` counts, where the clock shows an hour twice
     /// and elsewhere.
     unsigned long long makeTime() const;
-    /// Sets all fields to the local time of `time` seconds since 1970 in UTC.
+    /// Sets all fields to the local time of `time` seconds since 1970 in UTC; if its year is beyond
+    /// an int, to 0, and `isdst` to -1.
     void breakTime(unsigned long long time);
 
     /// By year to second.

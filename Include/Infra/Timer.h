@@ -15,7 +15,7 @@ public:
     /// Stops the timer and waits for a running call.
     virtual ~CTimer();
 
-    bool Start(TFunction1<void, unsigned long> fun, unsigned int delay, unsigned int period,
+    bool Start(::TFunction1<void, unsigned long> fun, unsigned int delay, unsigned int period,
                unsigned long param = 0, unsigned int timeout = 0);
     /// Calls a member, which a cast brings into this form, with the low 32 bits of `param`. False
     /// without an object or a member, or without memory for a pair of them that this timer has not
@@ -35,7 +35,7 @@ private:
     CTimer(const CTimer&);
     CTimer& operator=(const CTimer&);
 
-    TimerInternal* m_internal;
+    ::TimerInternal* m_internal;
 };
 
 /// The timer table, as Tarsel::Infra::CTimerManager has it.

@@ -14,7 +14,82 @@ namespace Tarsel
 namespace Memory
 {
 
+class CPacket;
 class PacketInternal;
+
+namespace Detail
+{
+
+/// What CPacket, where the promises stand, and the older packet hold: a pointer to what stands behind
+/// a packet, counted.
+class INFRA_API CPacketHandle
+{
+public:
+    CPacketHandle() noexcept : m_internal(nullptr) {}
+    /// Takes over a reference.
+    explicit CPacketHandle(PacketInternal* internal) noexcept : m_internal(internal) {}
+    CPacketHandle(const CPacketHandle& other) noexcept : m_internal(other.m_internal)
+    {
+        if (m_internal != nullptr) {
+            ++handlesOf(m_internal);
+        }
+    }
+    CPacketHandle(CPacketHandle&& other) noexcept : m_internal(other.m_internal)
+    {
+        other.m_internal = nullptr;
+    }
+    /// `other`'s reference is taken first and the old one let go last, so a free function called on
+    /// the way finds the handle whole.
+    CPacketHandle& operator=(const CPacketHandle& other)
+    {
+        if (m_internal != other.m_internal) {
+            CPacketHandle taken(other);
+            std::swap(m_internal, taken.m_internal);
+        }
+        return *this;
+    }
+    CPacketHandle& operator=(CPacketHandle&& other) noexcept
+    {
+        CPacketHandle taken(std::move(other));
+        std::swap(m_internal, taken.m_internal);
+        return *this;
+    }
+    ~CPacketHandle()
+    {
+        if (m_internal != nullptr && handlesOf(m_internal).dropsLast()) {
+            destroy(m_internal);
+        }
+    }
+
+    /// The one that a packet holds.
+    static CPacketHandle& of(CPacket& packet);
+    static const CPacketHandle& of(const CPacket& packet);
+
+    bool valid() const { return m_internal != nullptr; }
+    size_t putBuffer(void* data, size_t len);
+    uint8_t* getBuffer() const;
+    size_t size() const;
+    bool resize(size_t n);
+    size_t capacity() const;
+    void* getExtraData() const;
+    size_t getExtraSize() const;
+
+private:
+    friend class Memory::PacketInternal;
+
+    /// How many handles there are. Every implementation keeps that right behind the pointer to its
+    /// table of functions, so copying a handle costs its atomic step and nothing else.
+    static Infra::CAtomicCount& handlesOf(PacketInternal* internal)
+    {
+        return *reinterpret_cast<Infra::CAtomicCount*>(reinterpret_cast<char*>(internal) +
+                                                       sizeof(void*));
+    }
+    static void destroy(PacketInternal* internal);
+
+    PacketInternal* m_internal;
+};
+
+} // namespace Detail
 
 /// Gives back memory that a packet was given by its maker.
 typedef Infra::TFunction2<void, void*, size_t> FreeMemFunc;
@@ -43,7 +118,7 @@ class INFRA_API CPacket
 {
 public:
     /// A packet that is not valid.
-    CPacket() noexcept : m_internal(nullptr) {}
+    CPacket() noexcept = default;
     /// A packet with memory of its own. Its size is `size`, its capacity at least that.
     explicit CPacket(size_t size, size_t extraSize = 0);
     /// A packet around the `size` bytes at `buf`, its size and capacity. When the last handle goes,
@@ -62,69 +137,48 @@ public:
     /// is not valid.
     CPacket(const CPacket& parent, size_t offset, size_t size, size_t extraSize);
 
-    CPacket(const CPacket& other) noexcept : m_internal(other.m_internal)
-    {
-        if (m_internal != nullptr) {
-            ++handlesOf(m_internal);
-        }
-    }
+    CPacket(const CPacket& other) noexcept = default;
     /// Takes over; `other` is no longer valid.
-    CPacket(CPacket&& other) noexcept : m_internal(other.m_internal) { other.m_internal = nullptr; }
+    CPacket(CPacket&& other) noexcept = default;
     /// Shares `other`'s buffer. Its reference is taken first and the old buffer let go last, so a
     /// free function called on the way finds the handle whole, on the new buffer already. Handles
     /// of one buffer change nothing.
-    CPacket& operator=(const CPacket& other)
-    {
-        if (m_internal != other.m_internal) {
-            CPacket taken(other);
-            std::swap(m_internal, taken.m_internal);
-        }
-        return *this;
-    }
-    CPacket& operator=(CPacket&& other) noexcept
-    {
-        CPacket taken(std::move(other));
-        std::swap(m_internal, taken.m_internal);
-        return *this;
-    }
-    virtual ~CPacket()
-    {
-        if (m_internal != nullptr && handlesOf(m_internal).dropsLast()) {
-            destroy(m_internal);
-        }
-    }
+    CPacket& operator=(const CPacket& other) = default;
+    CPacket& operator=(CPacket&& other) noexcept = default;
+    virtual ~CPacket() = default;
 
     /// Lets go of the buffer; the handle is no longer valid.
-    void reset() { CPacket taken(std::move(*this)); }
-    bool valid() const { return m_internal != nullptr; }
+    void reset() { m_handle = Detail::CPacketHandle(); }
+    bool valid() const { return m_handle.valid(); }
 
     /// Appends as much of `data` as there is room for and returns how much that was; 0 when `data`
     /// is null. On a packet made without a buffer it attaches `data`, copying nothing, and returns
     /// `len`; null takes what was attached away. Lengths count in 32 bits: of more, the low 32 do.
-    size_t putBuffer(void* data, size_t len);
-    uint8_t* getBuffer() const;
-    size_t size() const;
+    size_t putBuffer(void* data, size_t len) { return m_handle.putBuffer(data, len); }
+    uint8_t* getBuffer() const { return m_handle.getBuffer(); }
+    size_t size() const { return m_handle.size(); }
     /// Sets the size, up to the capacity; no byte changes. False, and no change, beyond it.
-    bool resize(size_t n);
-    size_t capacity() const;
+    bool resize(size_t n) { return m_handle.resize(n); }
+    size_t capacity() const { return m_handle.capacity(); }
     /// Null for a packet made with no extra data.
-    void* getExtraData() const;
-    size_t getExtraSize() const;
+    void* getExtraData() const { return m_handle.getExtraData(); }
+    size_t getExtraSize() const { return m_handle.getExtraSize(); }
 
 private:
-    friend class PacketInternal;
+    friend class Detail::CPacketHandle;
 
-    /// How many handles there are. Every implementation keeps that right behind the pointer to its
-    /// table of functions, so copying a handle costs its atomic step and nothing else.
-    static Infra::CAtomicCount& handlesOf(PacketInternal* internal)
-    {
-        return *reinterpret_cast<Infra::CAtomicCount*>(reinterpret_cast<char*>(internal) +
-                                                       sizeof(void*));
-    }
-    static void destroy(PacketInternal* internal);
-
-    PacketInternal* m_internal;
+    Detail::CPacketHandle m_handle;
 };
+
+inline Detail::CPacketHandle& Detail::CPacketHandle::of(CPacket& packet)
+{
+    return packet.m_handle;
+}
+
+inline const Detail::CPacketHandle& Detail::CPacketHandle::of(const CPacket& packet)
+{
+    return packet.m_handle;
+}
 
 } // namespace Memory
 } // namespace Tarsel

@@ -17,11 +17,11 @@
 #include "Component/ClientFactory.h"
 #include "Component/ClientInternal.h"
 #include "Component/ComponentInternal.h"
-#include "Component/Hash.h"
 #include "Infra/Infra3/Error.h"
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/Hash.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 #include "Infra3/LogFront.h"
@@ -36,6 +36,8 @@ namespace
 using Infra::CGuard;
 using Infra::CRecursiveGuard;
 using Infra::CTime;
+using Infra::hashText;
+using Infra::mixHash;
 using Infra::textOrEmpty;
 
 constinit thread_local int s_currentUserID = 0;

@@ -9,12 +9,12 @@
 #include "Component/ComponentHelper.h"
 #include "Component/ComponentInternal.h"
 #include "Component/FactoryRegistry.h"
-#include "Component/Hash.h"
 #include "Component/NameTable.h"
 #include "Infra/Infra3/Error.h"
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/Hash.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 #include "Infra3/LogFront.h"
@@ -141,7 +141,7 @@ namespace
 
 bool isClientRequest(std::string_view iid)
 {
-    return isSameText(iid, clientInterface);
+    return Infra::isSameText(iid, clientInterface);
 }
 
 /// Logs a client in anew whose session has failed. The logins are read before the question, so the

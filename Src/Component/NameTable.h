@@ -18,7 +18,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Component/Hash.h"
+#include "Infra3/Hash.h"
 
 namespace Tarsel
 {
@@ -32,7 +32,7 @@ class TNameTable
 public:
     struct Entry
     {
-        explicit Entry(std::string_view text) : name(text), hash(hashText(text)) {}
+        explicit Entry(std::string_view text) : name(text), hash(Infra::hashText(text)) {}
         const std::string name;
         const size_t hash;
         Value value{};
@@ -47,11 +47,11 @@ public:
     /// The entry of `name`, or null.
     Entry* find(std::string_view name) const
     {
-        const size_t hash = hashText(name);
+        const size_t hash = Infra::hashText(name);
         Slots& slots = *m_slots.load(std::memory_order_acquire);
         for (size_t at = hash;; ++at) {
             Entry* const entry = slots.at(at).load(std::memory_order_acquire);
-            if (entry == nullptr || (entry->hash == hash && isSameText(entry->name, name))) {
+            if (entry == nullptr || (entry->hash == hash && Infra::isSameText(entry->name, name))) {
                 return entry;
             }
         }

@@ -11,13 +11,13 @@
 #include <cstring>
 
 #include "Component/ComponentInternal.h"
-#include "Component/Hash.h"
 #include "Component/NameTable.h"
 #include "Component/ServerInfo.h"
 #include "Component/Unknown.h"
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/AssertFront.h"
 #include "Infra3/BoundedText.h"
+#include "Infra3/Hash.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 #include "Infra3/LogFront.h"
@@ -101,9 +101,9 @@ size_t hashOf(const ServerInfo* server)
     if (server == nullptr) {
         return 0;
     }
-    size_t hash = mixHash(server->loginType, server->serverPort);
+    size_t hash = Infra::mixHash(server->loginType, server->serverPort);
     for (const char* text : {server->serverAddress, server->userName, server->password}) {
-        hash = hashText(textOrEmpty(text), hash);
+        hash = Infra::hashText(textOrEmpty(text), hash);
     }
     return hash;
 }

@@ -9,11 +9,13 @@
 #include <atomic>
 #include <cstring>
 #include <new>
+#include <unordered_set>
 
 #include "Infra/Infra3/Guard.h"
 #include "Infra3/BoundedText.h"
 #include "Infra3/FileHooks.h"
 #include "Infra3/FileInternal.h"
+#include "Infra3/Hash.h"
 #include "Infra3/Immortal.h"
 #include "Infra3/LeafMutex.h"
 #include "Infra3/LogFront.h"
@@ -53,7 +55,7 @@ struct Hook
                memcmp(path, prefix, length) == 0;
     }
 
-    bool isSame(const Hook& other) const
+    bool operator==(const Hook& other) const
     {
         return fileSystem == other.fileSystem && strcmp(prefix, other.prefix) == 0;
     }
@@ -62,7 +64,14 @@ struct Hook
     size_t length;
     uint64_t tail;
     IFileSystem* fileSystem;
-    const Hook* older = nullptr; ///< the hook that was made before this one
+};
+
+struct HashOfHook
+{
+    size_t operator()(const Hook& hook) const
+    {
+        return hashText({hook.prefix, hook.length}, reinterpret_cast<uintptr_t>(hook.fileSystem));
+    }
 };
 
 class CHookTable
@@ -129,18 +138,11 @@ private:
     /// One that was made before, or a new one; null without memory.
     const Hook* hookOf(const char* path, IFileSystem* fileSystem)
     {
-        Hook wanted(path, fileSystem);
-        for (const Hook* hook = m_youngest; hook != nullptr; hook = hook->older) {
-            if (hook->isSame(wanted)) {
-                return hook;
-            }
+        try {
+            return &*m_hooks.insert(Hook(path, fileSystem)).first;
+        } catch (const std::bad_alloc&) {
+            return nullptr;
         }
-        wanted.older = m_youngest;
-        const Hook* const made = new (std::nothrow) Hook(wanted);
-        if (made != nullptr) {
-            m_youngest = made;
-        }
-        return made;
     }
 
     void noteUsed(int count)
@@ -152,8 +154,8 @@ private:
 
     CLeafMutex m_mutex;
     std::atomic<const Hook*> m_places[places] = {};
-    std::atomic<int> m_used{0}; ///< places behind this one have never been taken
-    const Hook* m_youngest = nullptr;
+    std::atomic<int> m_used{0};                   ///< places behind this one have never been taken
+    std::unordered_set<Hook, HashOfHook> m_hooks; ///< all there ever were
 };
 
 CHookTable& hookTable()

@@ -340,21 +340,30 @@ CThread::~CThread()
         m_internal->m_ownerGone = true;
         return;
     }
-    if (m_internal->m_bLoop.load(std::memory_order_acquire)) {
+    endThread();
+    delete m_internal;
+}
+
+void CThread::endThread()
+{
+    ThreadInternal& record = *m_internal;
+    if (currentThreadRecord() == &record) {
+        return;
+    }
+    if (record.m_bLoop.load(std::memory_order_acquire)) {
         destroyThread();
     }
-    for (uint64_t round = 0; m_internal->m_running.load(std::memory_order_acquire) != 0; ++round) {
+    for (uint64_t round = 0; record.m_running.load(std::memory_order_acquire) != 0; ++round) {
         const uint64_t sleeps = round < yieldingWaits ? 0 : round - yieldingWaits + 1;
         if (sleeps != 0 && sleeps % waitsBetweenNotes == 0) {
-            char name[sizeof(m_internal->m_Name)];
-            m_internal->copyName(name);
+            char name[sizeof(record.m_Name)];
+            record.copyName(name);
             INFRA_LOG_DEBUG("this:%p CThread::~CThread:%s wait for thread over, times:%llu\n",
                             static_cast<void*>(this), name,
                             static_cast<unsigned long long>(sleeps));
         }
         waitABit(round);
     }
-    delete m_internal;
 }
 
 bool CThread::createThread()

@@ -23,11 +23,7 @@ CThreadLite::~CThreadLite()
     if (!isThreadOver()) {
         destroyThread();
     }
-    // Somebody else may have asked first, and then destroyThread() has not waited. The thread
-    // itself, which is here by way of exit() perhaps, has nobody to wait for.
-    while (!isThreadOver() && getThreadID() != getCurrentThreadID()) {
-        CThread::sleep(1);
-    }
+    endThread(); // somebody else may have asked first, and then destroyThread() has not waited
     delete m_internal;
 }
 

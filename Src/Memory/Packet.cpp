@@ -79,65 +79,69 @@ PacketInternal* PacketInternal::create(const CPacket& parent, size_t offset, siz
     return OldPacketInternal::create(parent, offset, size, extraSize);
 }
 
-CPacket::CPacket(size_t size, size_t extraSize)
-    : m_internal(PacketInternal::create(size, extraSize))
+CPacket::CPacket(size_t size, size_t extraSize) : m_handle(PacketInternal::create(size, extraSize))
 {}
 
 CPacket::CPacket(void* buf, size_t size, FreeMemFunc func)
-    : m_internal(PacketInternal::create(buf, size, func))
+    : m_handle(PacketInternal::create(buf, size, func))
 {}
 
 CPacket::CPacket(void* buf, size_t size, size_t extraSize, FreeMemFunc func)
-    : m_internal(PacketInternal::create(buf, size, extraSize, func))
+    : m_handle(PacketInternal::create(buf, size, extraSize, func))
 {}
 
 CPacket::CPacket(uint32_t size, FreeMemFunc func, void* arg, size_t extraSize)
-    : m_internal(PacketInternal::create(size_t{size}, func, arg, extraSize))
+    : m_handle(PacketInternal::create(size_t{size}, func, arg, extraSize))
 {}
 
 CPacket::CPacket(const CPacket& parent, size_t offset, size_t size, size_t extraSize)
-    : m_internal(PacketInternal::create(parent, offset, size, extraSize))
+    : m_handle(PacketInternal::create(parent, offset, size, extraSize))
 {}
 
-void CPacket::destroy(PacketInternal* internal)
+namespace Detail
+{
+
+void CPacketHandle::destroy(PacketInternal* internal)
 {
     internal->destroy();
 }
 
-size_t CPacket::putBuffer(void* data, size_t len)
+size_t CPacketHandle::putBuffer(void* data, size_t len)
 {
     return m_internal != nullptr ? m_internal->putBuffer(data, len) : 0;
 }
 
-uint8_t* CPacket::getBuffer() const
+uint8_t* CPacketHandle::getBuffer() const
 {
     return m_internal != nullptr ? m_internal->getBuffer() : nullptr;
 }
 
-size_t CPacket::size() const
+size_t CPacketHandle::size() const
 {
     return m_internal != nullptr ? m_internal->size() : 0;
 }
 
-bool CPacket::resize(size_t n)
+bool CPacketHandle::resize(size_t n)
 {
     return m_internal != nullptr && m_internal->resize(n);
 }
 
-size_t CPacket::capacity() const
+size_t CPacketHandle::capacity() const
 {
     return m_internal != nullptr ? m_internal->capacity() : 0;
 }
 
-void* CPacket::getExtraData() const
+void* CPacketHandle::getExtraData() const
 {
     return m_internal != nullptr ? m_internal->getExtraData() : nullptr;
 }
 
-size_t CPacket::getExtraSize() const
+size_t CPacketHandle::getExtraSize() const
 {
     return m_internal != nullptr ? m_internal->getExtraSize() : 0;
 }
+
+} // namespace Detail
 
 } // namespace Memory
 } // namespace Tarsel

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "Infra/Infra3/AtomicCount.h"
 #include "Memory/Packet.h"
@@ -43,13 +44,14 @@ public:
     virtual size_t getExtraSize() const = 0;
 
     /// The implementation behind a handle, still owned by it.
-    static PacketInternal* of(const CPacket& packet) { return packet.m_internal; }
+    static PacketInternal* of(const CPacket& packet)
+    {
+        return Detail::CPacketHandle::of(packet).m_internal;
+    }
     /// The implementation behind a handle, its reference included; the handle is no longer valid.
     static PacketInternal* take(CPacket& packet)
     {
-        PacketInternal* internal = packet.m_internal;
-        packet.m_internal = nullptr;
-        return internal;
+        return std::exchange(Detail::CPacketHandle::of(packet).m_internal, nullptr);
     }
 
 protected:

@@ -1,50 +1,28 @@
-// The headers of both interfaces in one file, the newer ones first.
+// The headers of both interfaces in one file, the newer ones first, with the namespaces open before
+// the older ones come.
 
-#include "Infra/Infra3/File.h"
-#include "Infra/Infra3/FileFind.h"
-#include "Infra/Infra3/Function.h"
-#include "Infra/Infra3/Guard.h"
-#include "Infra/Infra3/Mutex.h"
-#include "Infra/Infra3/Semaphore.h"
-#include "Infra/Infra3/Signal.h"
-#include "Infra/Infra3/String.h"
-#include "Infra/Infra3/SystemCall.h"
-#include "Infra/Infra3/Thread.h"
-#include "Infra/Infra3/ThreadManager.h"
-#include "Infra/Infra3/Time.h"
-#include "Infra/Infra3/Timer.h"
-#include "Infra/Infra3/Version.h"
-#include "Memory/MemPool.h"
-#include "Memory/Packet.h"
-#include "Memory/PacketManager.h"
-#include "Utils/Math.h"
-#include "Utils/Nls.h"
-#include "Utils/String.h"
+#include "Older/NewerHeaders.h"
 
-#include "Infra/CheckIncludeVersion.h"
-#include "Infra/File.h"
-#include "Infra/Function.h"
-#include "Infra/MemPool.h"
-#include "Infra/Mutex.h"
-#include "Infra/Packet.h"
-#include "Infra/Semaphore.h"
-#include "Infra/Support.h"
-#include "Infra/Thread.h"
-#include "Infra/Time.h"
-#include "Infra/Timer.h"
-#include "Infra/Unicode.h"
-#include "Infra/Version.h"
+using namespace Tarsel::Infra;  // NOLINT(google-build-using-namespace): applications do
+using namespace Tarsel::Memory; // NOLINT(google-build-using-namespace)
+using namespace Tarsel::Utils;  // NOLINT(google-build-using-namespace)
+
+#include "Older/OlderHeaders.h"
 
 #include <gtest/gtest.h>
 
 #include "Older/Twins.h"
+#include "Support/ChildProcess.h"
 
 namespace
 {
 
-TEST(OlderTest, BothInterfacesStandBesideEachOther)
+using Tarsel::TestSupport::inChild;
+
+TEST(OlderTest, OpenNamespacesDoNotDisturbTheOlderHeaders)
 {
-    EXPECT_TRUE(twinsAgree());
+    inChild([] { EXPECT_TRUE(twinsAgree()); }); // which makes the managers
+    EXPECT_TRUE(characterSetsStandTwice());
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -32,10 +33,12 @@
 #include "Infra/Thread.h"
 #include "Infra/Time.h"
 #include "Infra/Timer.h"
+#include "Infra/Unicode.h"
 #include "Memory/PacketManager.h"
 #include "Support/ChildProcess.h"
 #include "Support/Eventually.h"
 #include "Support/FailingHeap.h"
+#include "Support/FreshProcess.h"
 #include "Support/LogCapture.h"
 #include "Support/TemporaryFolder.h"
 
@@ -44,10 +47,12 @@ namespace
 
 using Tarsel::TestSupport::CFailingHeap;
 using Tarsel::TestSupport::CLogCapture;
+using Tarsel::TestSupport::CMemoryShortage;
 using Tarsel::TestSupport::CTemporaryFolder;
 using Tarsel::TestSupport::eventually;
 using Tarsel::TestSupport::inChild;
 using Tarsel::TestSupport::runInChild;
+using Tarsel::TestSupport::Shortage;
 
 /// The place of a virtual function in its table; a destructor takes two.
 template <typename Member>
@@ -58,30 +63,39 @@ long slotOf(Member member)
     return (word - 1) / static_cast<long>(sizeof(void*));
 }
 
+template <typename... Members>
+std::vector<long> slotsOf(Members... members)
+{
+    return {slotOf(members)...};
+}
+
 TEST(OlderTest, VirtualOperationsKeepTheirPlaces)
 {
+    typedef std::vector<long> Slots;
     EXPECT_EQ(slotOf(&CThread::ThreadProc), 2);
-    EXPECT_EQ(slotOf(&IThreadManager::RegisterMainThread), 2);
-    EXPECT_EQ(slotOf(&IThreadManager::DumpThreads), 3);
-    EXPECT_EQ(slotOf(&IThreadManager::GetTimeOutThreads), 4);
+    EXPECT_EQ(slotsOf(&IThreadManager::RegisterMainThread, &IThreadManager::DumpThreads,
+                      &IThreadManager::GetTimeOutThreads),
+              (Slots{2, 3, 4}));
     EXPECT_EQ(slotOf(&ITimerManager::DumpTimers), 0);
-    EXPECT_EQ(slotOf(&IPacketManager::GetBufferSize), 2);
-    EXPECT_EQ(slotOf(&IPacketManager::GetFreeSize), 3);
-    EXPECT_EQ(slotOf(&IPacketManager::DumpNodes), 4);
-    EXPECT_EQ(slotOf(&CFile::Open), 2);
-    EXPECT_EQ(slotOf(&CFile::Close), 3);
-    EXPECT_EQ(slotOf(&CFile::Read), 4);
-    EXPECT_EQ(slotOf(&CFile::Write), 5);
-    EXPECT_EQ(slotOf(&CFile::Flush), 6);
-    EXPECT_EQ(slotOf(&CFile::Seek), 7);
-    EXPECT_EQ(slotOf(&CFile::GetPosition), 8);
-    EXPECT_EQ(slotOf(&CFile::GetLength), 9);
-    EXPECT_EQ(slotOf(&CFile::Gets), 10);
-    EXPECT_EQ(slotOf(&CFile::Puts), 11);
-    EXPECT_EQ(slotOf(&CFile::IsOpened), 12);
-    EXPECT_EQ(slotOf(&CFileFind::findFile), 2);
-    EXPECT_EQ(slotOf(&CFileFind::findNextFile), 3);
-    EXPECT_EQ(slotOf(&CFileFind::close), 4);
+    EXPECT_EQ(slotsOf(&IPacketManager::GetBufferSize, &IPacketManager::GetFreeSize,
+                      &IPacketManager::DumpNodes),
+              (Slots{2, 3, 4}));
+    EXPECT_EQ(slotsOf(&CFile::Open, &CFile::Close, &CFile::Read, &CFile::Write, &CFile::Flush,
+                      &CFile::Seek, &CFile::GetPosition, &CFile::GetLength, &CFile::Gets,
+                      &CFile::Puts, &CFile::IsOpened),
+              (Slots{2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
+    EXPECT_EQ(slotsOf(&CFileFind::findFile, &CFileFind::findNextFile, &CFileFind::close),
+              (Slots{2, 3, 4}));
+    typedef CFSOperation Fs;
+    EXPECT_EQ(slotsOf(&Fs::fopen, &Fs::fclose, &Fs::fread, &Fs::fwrite, &Fs::fflush, &Fs::fseek,
+                      &Fs::ftell, &Fs::fgets, &Fs::fputs, &Fs::rename, &Fs::remove, &Fs::findfirst,
+                      &Fs::findnext, &Fs::findclose, &Fs::mkdir, &Fs::rmdir, &Fs::statfs,
+                      &Fs::access, &Fs::stat, &Fs::writev),
+              (Slots{2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21}));
+    // The managers of today: nothing of their own in between.
+    EXPECT_EQ(slotsOf(&CThreadManager::GetTimeOutThreads, &CTimerManager::DumpTimers,
+                      &CPacketManager::DumpNodes),
+              (Slots{4, 0, 4}));
 }
 
 class CCounter : public CObject
@@ -92,9 +106,12 @@ public:
     void add(unsigned long number) { sum += number; }
     void addInt(unsigned int number) { sum += number; }
     void addTwice(unsigned int number) { sum += 2UL * number; }
+    void lookAtTimer(unsigned int) { sawItRun = inside->IsRunning(); }
 
     std::atomic<int> calls{0};
     std::atomic<unsigned long> sum{0};
+    CTimer* inside = nullptr;
+    std::atomic<bool> sawItRun{false};
 };
 
 std::atomic<unsigned long> s_sum{0};
@@ -194,7 +211,7 @@ TEST(OlderTest, BrokenLocksEndTheProcessWithTheSystemsAssertion)
              const CFailingHeap heap(sizeof(pthread_mutex_t));
              CMutex mutex;
          }},
-        {"Assertion `ret == 0' failed",
+        {"~CMutex: Assertion `ret == 0' failed",
          [] {
              auto* const mutex = new CMutex;
              mutex->Enter();
@@ -263,7 +280,41 @@ TEST(OlderTest, ThreadsStandInTheTableOfTheNewerOnes)
     EXPECT_FALSE(worker.CancelThread());
     EXPECT_TRUE(eventually([&] { return worker.IsThreadOver(); }));
     EXPECT_FALSE(worker.DestroyThread());
-    EXPECT_FALSE(worker.TerminateThread());
+    ASSERT_TRUE(worker.CreateThread());
+    EXPECT_FALSE(worker.TerminateThread()); // there is nothing to join, but it has ended
+    EXPECT_TRUE(worker.IsThreadOver());
+}
+
+/// Runs until a line of the log says that somebody has waited for it for long.
+class CLate : public CThread
+{
+public:
+    explicit CLate(const CLogCapture& log) : CThread("late"), m_log(log) {}
+
+    void ThreadProc() override
+    {
+        const CLogCapture& log = m_log; // this object goes before
+        begun.Post();
+        EXPECT_TRUE(eventually([&log] {
+            return log.contains("CThread::~CThread:late wait for thread over, times:100\n");
+        }));
+    }
+    CSemaphore begun;
+
+private:
+    const CLogCapture& m_log;
+};
+
+TEST(OlderTest, ALongWaitForAThreadsEndShowsOnTheLog)
+{
+    inChild([] {
+        CLogCapture log;
+        Tarsel::Infra::setPrintLogLevel(Tarsel::Infra::logLevelTrace);
+        CLate late(log);
+        ASSERT_TRUE(late.CreateThread());
+        late.begun.Pend();
+        EXPECT_TRUE(late.CancelThread());
+    });
 }
 
 /// Destroys itself when it is told to end.
@@ -323,19 +374,30 @@ TEST(OlderTest, ThreadsMayRunOnWhileTheProcessExits)
 
 TEST(OlderTest, TheManagersAreOneEachAndSpeakOnce)
 {
-    CLogCapture log;
-    inChild([&] {
+    INFRA_IN_FRESH_PROCESS([] {
+        CLogCapture log;
         Tarsel::Infra::setPrintLogLevel(Tarsel::Infra::logLevelTrace);
-        log.clear();
         CThreadManager::instance();
         IThreadManager::instance();
         EXPECT_EQ(log.takeLeveled(), "trace|CThreadManager::CThreadManager()>>>>>>>>>\n");
     });
+    CLogCapture log;
     EXPECT_EQ(IThreadManager::instance(), CThreadManager::instance());
     EXPECT_EQ(ITimerManager::instance(), CTimerManager::instance());
     EXPECT_EQ(IPacketManager::instance(), CPacketManager::instance());
-    ITimerManager::instance()->DumpTimers();
-    EXPECT_TRUE(log.contains("Timers"));
+    inChild([&] {
+        CTimer timer("in the table");
+        timer.Start(TFunction1<void, unsigned long>(addToSum), 60000, 500, 0, 30);
+        log.clear();
+        CTimerManager::instance()->DumpTimers();
+        EXPECT_THAT(log.take(), testing::ContainsRegex("in the table .* 500 .*/ +30 "));
+        CThreadManager::instance()->RegisterMainThread();
+        CThreadManager::instance()->DumpThreads();
+        EXPECT_THAT(log.take(), testing::ContainsRegex(" Main +[0-9]+ +64 "));
+        IPacketManager::config(2048, 1024, 0);
+        CPacketManager::instance()->DumpNodes();
+        EXPECT_THAT(log.take(), testing::HasSubstr("CPacketManager dump: SYS Policy\n"));
+    });
 }
 
 TEST(OlderTest, TimersCallDelegatesAndMembers)
@@ -346,7 +408,7 @@ TEST(OlderTest, TimersCallDelegatesAndMembers)
     EXPECT_STREQ(timer.GetName(), "older");
     timer.SetName("renamed");
     EXPECT_STREQ(timer.GetName(), "renamed");
-    EXPECT_FALSE(timer.IsStarted() || timer.IsRunning() || timer.Stop());
+    EXPECT_FALSE(timer.IsStarted() || timer.IsRunning() || timer.IsCalled() || timer.Stop());
     EXPECT_FALSE(timer.Start(nullptr, static_cast<Member>(&CCounter::addInt), 0, 0));
     EXPECT_FALSE(timer.Start(&counter, static_cast<Member>(nullptr), 0, 0));
     EXPECT_FALSE(timer.Start(TFunction1<void, unsigned long>(), 0, 0));
@@ -371,6 +433,34 @@ TEST(OlderTest, TimersCallDelegatesAndMembers)
     timer.SetPeriodTime(1);
     EXPECT_TRUE(eventually([&] { return counter.sum > 80; }));
     timer.StopAndWait();
+
+    counter.inside = &timer; // a call looks at its timer
+    EXPECT_TRUE(timer.Start(&counter, static_cast<Member>(&CCounter::lookAtTimer), 0, 0));
+    timer.StopAndWait();
+    EXPECT_TRUE(counter.sawItRun && timer.IsCalled() && !timer.IsRunning());
+}
+
+TEST(OlderTest, TimersKnowThePairsTheyHaveHad)
+{
+    typedef void (CObject::*Member)(unsigned int);
+    CTimer timer("pairs");
+    std::vector<CCounter> counters(100);
+    const auto start = [&](CCounter& counter, unsigned int number) {
+        return timer.Start(&counter, static_cast<Member>(&CCounter::addInt), 60000, 0, number) &&
+               timer.Stop(/*bCallNow*/ true) && timer.StopAndWait();
+    };
+    for (CCounter& counter : counters) {
+        EXPECT_TRUE(start(counter, 1));
+    }
+    const CMemoryShortage shortage(1, Shortage::lasting);
+    for (CCounter& counter : counters) {
+        EXPECT_TRUE(timer.Start(&counter, static_cast<Member>(&CCounter::addInt), 60000, 0));
+    }
+    EXPECT_FALSE(timer.Start(&counters[0], static_cast<Member>(&CCounter::addTwice), 60000, 0));
+    EXPECT_TRUE(timer.Stop());
+    for (CCounter& counter : counters) {
+        EXPECT_EQ(counter.sum, 1U);
+    }
 }
 
 std::string written(const CTime& time, const char* format)
@@ -426,6 +516,12 @@ TEST(OlderTest, TimeIsWrittenByItsOwnSettings)
     });
 }
 
+std::string s_timesSet;
+void keepTime(const Tarsel::Infra::CTime& time, int tolerance)
+{
+    s_timesSet += written(time, "yyyy-MM-dd HH:mm:ss") + " " + std::to_string(tolerance) + ";";
+}
+
 TEST(OlderTest, TimeIsConvertedByTheSystem)
 {
     inChild([] {
@@ -442,7 +538,19 @@ TEST(OlderTest, TimeIsConvertedByTheSystem)
         EXPECT_EQ(impossible.makeTime(), 0U);
         impossible.year = impossible.month = INT_MIN;
         EXPECT_EQ(impossible.makeTime(), 0U);
-        EXPECT_EQ(CTime(ULLONG_MAX >> 1).year, 0); // no such year
+        EXPECT_EQ(CTime(67767976233000000ULL).year, INT_MAX);
+        // No such year, of ours in the first two, of the system's in the third.
+        for (const unsigned long long second :
+             {67767976233540000ULL, 67768036191000000ULL, ULLONG_MAX >> 1}) {
+            const CTime none(second);
+            EXPECT_TRUE(none.year == 0 && none.month == 0 && none.day == 0 && none.wday == 0 &&
+                        none.hour == 0 && none.minute == 0 && none.second == 0 && none.isdst == -1)
+                << second;
+        }
+        Tarsel::Infra::CTime::attachSetCurrentTimeHook(keepTime);
+        CTime::setCurrentTime(CTime(2020, 1, 2, 3, 4, 5));
+        CTime::setCurrentTime(CTime(2021, 1, 2, 3, 4, 5), 60);
+        EXPECT_EQ(s_timesSet, "2020-01-02 03:04:05 0;2021-01-02 03:04:05 60;");
     });
     EXPECT_EQ(CTime::minTime, CTime(2000, 1, 1, 0, 0, 0));
     EXPECT_EQ(CTime::maxTime, CTime(2038, 1, 1, 0, 0, 0));
@@ -496,8 +604,9 @@ TEST(OlderTest, ARecorderNamesThePartsOfATime)
     for (int i = 0; i < 2; ++i) { // looking at it leaves it as it is
         record.stat(0);
         const std::string text = log.takeLeveled();
-        EXPECT_THAT(text, testing::MatchesRegex("info.request-parse : [2-9][0-9]{3,} us\n"
-                                                "info.request-answer : [0-9]+ us\n"));
+        EXPECT_THAT(text,
+                    testing::MatchesRegex("info.request-parse : ([2-9]|[1-9][0-9]+)[0-9]{3} us\n"
+                                          "info.request-answer : [0-9]+ us\n"));
     }
     record.stat(1000);
     EXPECT_NE(log.takeLeveled(), "");
@@ -597,6 +706,18 @@ TEST(OlderTest, FilesAndListingsAreTheNewerOnes)
     EXPECT_TRUE(finder.isNormal() && !finder.isDirectory() && !finder.isReadOnly() &&
                 !finder.isHidden());
     finder.close();
+    FSOperations listing = {};
+    listing.findfirst = [](const char*, FileInfo& found) {
+        found.attrib = Tarsel::Infra::CFile::readOnly | Tarsel::Infra::CFile::hidden |
+                       Tarsel::Infra::CFile::directory;
+        return 1L;
+    };
+    hookFS("/attributes/", &listing);
+    ASSERT_TRUE(finder.findFile("/attributes/*"));
+    EXPECT_TRUE(!finder.isNormal() && finder.isDirectory() && finder.isReadOnly() &&
+                finder.isHidden());
+    finder.close();
+    hookFS("/attributes/", nullptr);
     EXPECT_TRUE(CFile::RemoveDirectory(folder.path("sub").c_str()));
     EXPECT_TRUE(CFile::Remove(folder.path("renamed").c_str()));
     EXPECT_FALSE(CFile::Access(folder.path("renamed").c_str(), 0));
@@ -619,6 +740,7 @@ TEST(OlderTest, PacketsShareAndHaveAHeader)
                     invalid.PutBuffer(&log, 1) == 0);
         invalid.ClearHeader();
         EXPECT_EQ(CPacket(100).GetHeaderSize(), 0U); // nobody asked for one yet
+        EXPECT_EQ(sizeof(CPacket), sizeof(void*));
     });
     inChild([] {
         IPacketManager::config(1 << 20, 1024, 24);
@@ -676,6 +798,34 @@ TEST(OlderTest, TheRestIsForwarded)
     EXPECT_EQ(log2i(0), 0);
     EXPECT_EQ(log2i(1023), 9);
     EXPECT_EQ(log2i(1UL << 40), 40);
+}
+
+TEST(OlderTest, CharacterSetsAreConverted)
+{
+    // e with an acute accent: U+00E9, C3 A9 in UTF-8, E9 in Windows-1252.
+    // The sign "middle": U+4E2D, E4 B8 AD in UTF-8, D6 D0 in code page 936.
+    uint8_t eAcute[] = "\xC3\xA9";
+    uint8_t middle[] = "\xE4\xB8\xAD";
+    char middle936[] = "\xD6\xD0";
+    uint8_t bytes[8] = {};
+    uint16_t units[8] = {};
+    char text[8] = {};
+    int length = 0;
+    EXPECT_TRUE(utf8_to_cp1252(eAcute, 2, bytes, 8) == 1 && bytes[0] == 0xE9);
+    EXPECT_TRUE(cp1252_to_utf8(bytes + 1, 7, bytes, 1) == 0 && memcmp(bytes + 1, eAcute, 2) == 0);
+    EXPECT_EQ(GetUnicodeFromUtf8(reinterpret_cast<char*>(middle), &length), 0x4E2D);
+    EXPECT_EQ(length, 3);
+    EXPECT_TRUE(utf8_mbtowc(units, middle, 3) == 3 && units[0] == 0x4E2D);
+    EXPECT_TRUE(utf8_wctomb(bytes, 0x00E9, 8) == 2 && memcmp(bytes, eAcute, 2) == 0);
+    EXPECT_TRUE(utf8_mbstowcs(units, eAcute, 2) == 1 && units[0] == 0x00E9);
+    units[1] = 0;
+    EXPECT_TRUE(utf8_wcstombs(bytes, units, 8) == 2 && memcmp(bytes, eAcute, 2) == 0);
+    EXPECT_TRUE(uni2char(0x4E2D, bytes, 8) == 2 && memcmp(bytes, middle936, 2) == 0);
+    EXPECT_TRUE(char2uni(bytes, 2, units) == 2 && units[0] == 0x4E2D);
+    EXPECT_TRUE(UniTGb2312(units, 1, text, 8) == 1 && strcmp(text, middle936) == 0);
+    EXPECT_TRUE(Gb2312ToUni(middle936, units, 8) == 1 && units[0] == 0x4E2D);
+    EXPECT_TRUE(utf8TGb2312(middle, text, 3, 8) == 1 && strcmp(text, middle936) == 0);
+    EXPECT_TRUE(Gb2312TUtf8(middle936, bytes, 8) == 3 && memcmp(bytes, middle, 4) == 0);
 }
 
 int s_hooked = 0;
@@ -775,6 +925,128 @@ TEST(OlderTest, BothInterfacesWorkTogether)
     EXPECT_FALSE(CFile::Access("/both/x", 0));
     hookFS("/never hooked", nullptr);
     hookFS(nullptr, &table);
+}
+
+std::string shown(const char* text)
+{
+    return text;
+}
+std::string shown(const void* pointer)
+{
+    return std::to_string(reinterpret_cast<uintptr_t>(pointer));
+}
+std::string shown(const FileInfo& info)
+{
+    return info.name;
+}
+template <typename Number>
+std::enable_if_t<std::is_arithmetic_v<Number>, std::string> shown(Number number)
+{
+    return std::to_string(number);
+}
+
+std::string s_call;
+/// Keeps its arguments, and returns what tells it from the others.
+template <long Place, typename Result, typename... Parameters>
+Result recorded(Parameters... arguments)
+{
+    s_call = std::to_string(Place);
+    (s_call.append(" ").append(shown(arguments)), ...);
+    if constexpr (std::is_pointer_v<Result>) {
+        return reinterpret_cast<Result>(100 + Place);
+    } else {
+        return static_cast<Result>(100 + Place);
+    }
+}
+
+template <long Place, typename Result, typename... Parameters>
+void record(FSOperations& table, Result (*&function)(Parameters...))
+{
+    EXPECT_EQ(reinterpret_cast<char*>(&function) - reinterpret_cast<char*>(&table), Place * 8);
+    function = recorded<Place, Result, Parameters...>;
+}
+
+template <typename Result>
+std::string called(Result result)
+{
+    return s_call + " -> " + std::to_string((long)result); // NOLINT: a number or a pointer
+}
+
+TEST(OlderTest, EachOperationOfAFileSystemIsItsFunctionOfTheTable)
+{
+    FSOperations table = {};
+    record<0>(table, table.fopen);
+    record<1>(table, table.fclose);
+    record<2>(table, table.fread);
+    record<3>(table, table.fwrite);
+    record<4>(table, table.fflush);
+    record<5>(table, table.fseek);
+    record<6>(table, table.ftell);
+    record<7>(table, table.fgets);
+    record<8>(table, table.fputs);
+    record<9>(table, table.rename);
+    record<10>(table, table.remove);
+    record<11>(table, table.findfirst);
+    record<12>(table, table.findnext);
+    record<13>(table, table.findclose);
+    record<14>(table, table.mkdir);
+    record<15>(table, table.rmdir);
+    record<16>(table, table.statfs);
+    record<17>(table, table.access);
+    record<18>(table, table.stat);
+    CFSOperation operation(table);
+    Tarsel::Infra::IFileSystem& fs = operation;
+    auto* const file = reinterpret_cast<FileHandle>(7);
+    auto* const buffer = reinterpret_cast<void*>(8);
+    char line[] = "line";
+    FileInfo info = {};
+    strcpy(info.name, "info");
+    uint64_t a = 1;
+    uint64_t b = 2;
+    uint64_t c = 3;
+    EXPECT_EQ(called(fs.fopen("path", "rb")), "0 path rb -> 100");
+    EXPECT_EQ(called(fs.fclose(file)), "1 7 -> 101");
+    EXPECT_EQ(called(fs.fread(buffer, 3, 4, file)), "2 8 3 4 7 -> 102");
+    EXPECT_EQ(called(fs.fwrite(buffer, 3, 4, file)), "3 8 3 4 7 -> 103");
+    EXPECT_EQ(called(fs.fflush(file)), "4 7 -> 104");
+    EXPECT_EQ(called(fs.fseek(file, 3, 4)), "5 7 3 4 -> 105");
+    EXPECT_EQ(called(fs.ftell(file)), "6 7 -> 106");
+    EXPECT_EQ(called(fs.fgets(line, 3, file)), "7 line 3 7 -> 107");
+    EXPECT_EQ(called(fs.fputs("text", file)), "8 text 7 -> 108");
+    EXPECT_EQ(called(fs.rename("old", "new")), "9 old new -> 109");
+    EXPECT_EQ(called(fs.remove("path")), "10 path -> 110");
+    EXPECT_EQ(called(fs.findfirst("pattern", info)), "11 pattern info -> 111");
+    EXPECT_EQ(called(fs.findnext(3, info)), "12 3 info -> 112");
+    EXPECT_EQ(called(fs.findclose(3)), "13 3 -> 113");
+    EXPECT_EQ(called(fs.mkdir("path")), "14 path -> 114");
+    EXPECT_EQ(called(fs.rmdir("path")), "15 path -> 115");
+    EXPECT_EQ(called(fs.statfs("path", a, b, c)), "16 path 1 2 3 -> 116");
+    EXPECT_EQ(called(fs.access("path", 4)), "17 path 4 -> 117");
+    EXPECT_EQ(called(fs.stat("path", info)), "18 path info -> 118");
+    EXPECT_EQ(fs.writev(1, nullptr, 1), 0U);
+}
+
+TEST(OlderTest, HookingAgainTakesNoMemory)
+{
+    inChild([] {
+        Tarsel::Infra::setPrintLogLevel(Tarsel::Infra::logLevelFatal);
+        const std::string fits = "/" + std::string(30, 'f');
+        FSOperations table = {};
+        table.access = accessHooked;
+        // One that is cut cannot be taken back by its own name.
+        for (const std::string& path : {fits, fits + "tail"}) {
+            const auto hookAndUnhook = [&] {
+                hookFS(path.c_str(), &table);
+                EXPECT_TRUE(CFile::Access(path.c_str(), 0));
+                Tarsel::Infra::hookFileSystem(path.c_str(), nullptr);
+                hookFS(fits.c_str(), nullptr);
+            };
+            hookAndUnhook();
+            const CMemoryShortage shortage(1, Shortage::lasting);
+            hookAndUnhook();
+            EXPECT_FALSE(CMemoryShortage::wasFelt());
+        }
+    });
 }
 
 TEST(OlderTest, PlacesHold31CharactersAndThereAre31)

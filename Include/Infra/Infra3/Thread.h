@@ -30,7 +30,7 @@ struct ThreadInternal;
 /// Threads: safe from any thread, but for destruction.
 /// Ownership: a subclass whose threadProc() uses its own members must call destroyThread() in its
 /// own destructor: when the base's destructor runs, those members are gone. Where somebody else may
-/// have called it first, it does not wait, and the destructor has to wait for isThreadOver().
+/// have called it first, it does not wait; endThread() does.
 ///
 ///     class CReader : public CThread
 ///     {
@@ -116,6 +116,11 @@ public:
     /// Limits the calling thread to `percent` (1 to 100) of each tenth of a second; 100 lifts the
     /// limit. The thread is held by SIGUSR2, which therefore interrupts its system calls.
     static void load(int percent);
+
+protected:
+    /// For destructors: stops the thread if it runs and waits for its end, whoever asked for that
+    /// first. A long wait shows on the log at debug level. On the thread itself it does nothing.
+    void endThread();
 
 private:
     CThread(const CThread&);

@@ -1,5 +1,5 @@
-#ifndef INFRA_SRC_COMPONENT_HASH_H
-#define INFRA_SRC_COMPONENT_HASH_H
+#ifndef INFRA_SRC_INFRA3_HASH_H
+#define INFRA_SRC_INFRA3_HASH_H
 
 // Hashes of names and of records, for tables of this process: short texts, eight bytes a step.
 
@@ -10,7 +10,7 @@
 
 namespace Tarsel
 {
-namespace Component
+namespace Infra
 {
 
 /// Adds one value to a hash over several. Each bit of both decides about the lowest bits of the
@@ -76,7 +76,7 @@ inline bool isSameText(std::string_view a, std::string_view b)
     return Detail::lastBytes(a.data(), size) == Detail::lastBytes(b.data(), size);
 }
 
-} // namespace Component
+} // namespace Infra
 } // namespace Tarsel
 
 #endif
