@@ -130,12 +130,11 @@ inline uint32_t substitute(uint32_t half, uint32_t oddKey, uint32_t evenKey)
 /// Sixteen rounds over `Count` blocks side by side, with the round keys from first to last or from
 /// last to first. The halves are not exchanged at the end.
 template <size_t Count>
-inline void runRounds(Halves (&blocks)[Count], const Schedule& keys, Direction direction)
+inline void runRounds(Halves (&blocks)[Count], const Pass& pass)
 {
-    const bool forwards = direction == Direction::encrypt;
-    const uint32_t* odd = forwards ? keys.odd : keys.odd + 15;
-    const uint32_t* even = forwards ? keys.even : keys.even + 15;
-    const ptrdiff_t step = forwards ? 1 : -1;
+    const uint32_t* odd = pass.forwards ? pass.key.odd : pass.key.odd + 15;
+    const uint32_t* even = pass.forwards ? pass.key.even : pass.key.even + 15;
+    const ptrdiff_t step = pass.forwards ? 1 : -1;
     for (int round = 0; round < 16; round += 2) {
         for (Halves& block : blocks) {
             block.left ^= substitute(block.right, odd[0], even[0]);
@@ -155,17 +154,6 @@ inline void exchangeHalves(Halves (&blocks)[Count])
     for (Halves& block : blocks) {
         block = {block.right, block.left};
     }
-}
-
-constexpr Direction opposite(Direction direction)
-{
-    return direction == Direction::encrypt ? Direction::decrypt : Direction::encrypt;
-}
-
-/// The schedule of pass number `pass` in the order in which passes are done.
-inline const Schedule& passKey(const Schedules& keys, Direction direction, int pass)
-{
-    return keys.pass[direction == Direction::encrypt ? pass : 2 - pass];
 }
 
 template <size_t Count>
@@ -189,14 +177,10 @@ inline void storeHalves(uint8_t* out, const Halves (&blocks)[Count])
 template <int Passes, size_t Count>
 inline void runPasses(const Schedules& keys, Direction direction, Halves (&blocks)[Count])
 {
-    if constexpr (Passes == 1) {
-        runRounds(blocks, keys.pass[0], direction);
-    } else {
-        runRounds(blocks, passKey(keys, direction, 0), direction);
+    runRounds(blocks, passOf(keys, direction, Passes, 0));
+    for (int number = 1; number < Passes; ++number) {
         exchangeHalves(blocks);
-        runRounds(blocks, passKey(keys, direction, 1), opposite(direction));
-        exchangeHalves(blocks);
-        runRounds(blocks, passKey(keys, direction, 2), direction);
+        runRounds(blocks, passOf(keys, direction, Passes, number));
     }
 }
 
@@ -268,18 +252,14 @@ void encryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const
     }
 }
 
-size_t cryptNothing(const Schedules&, Direction, int, uint8_t*, size_t, const uint8_t*, uint8_t*)
-{
-    return 0;
-}
-
+/// Null where the processor has no wide registers.
 BitsRun* chooseBitsRun()
 {
     using Infra::CpuFeature;
     constexpr Infra::TImplementation<BitsRun> runs[] = {
-        {cryptBitsAvx512, {CpuFeature::avx512}},
+        {cryptBitsAvx512, {CpuFeature::avx512, CpuFeature::avx2}},
         {cryptBitsAvx2, {CpuFeature::avx2}},
-        {cryptNothing, {}},
+        {nullptr, {}},
     };
     return Infra::chooseImplementation(runs);
 }
@@ -287,8 +267,8 @@ BitsRun* chooseBitsRun()
 size_t runBits(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
                size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    return blocks < worthBits ? 0
-                              : chooseBitsRun()(keys, direction, passes, chain, blocks, in, out);
+    BitsRun* const run = blocks >= worthBits ? chooseBitsRun() : nullptr;
+    return run != nullptr ? run(keys, direction, passes, chain, blocks, in, out) : 0;
 }
 
 constexpr size_t together = 3; ///< blocks side by side
@@ -330,12 +310,12 @@ void decryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const
 }
 
 /// One whole DES on each of the two halves of a double block.
-void runPass(Halves (&blocks)[2], const Schedule& keys, Direction direction)
+void runPass(Halves (&blocks)[2], const Pass& pass)
 {
     for (Halves& block : blocks) {
         permuteIn(block);
     }
-    runRounds(blocks, keys, direction);
+    runRounds(blocks, pass);
     for (Halves& block : blocks) {
         permuteOut(block);
     }
@@ -350,11 +330,11 @@ void exchangeInnerWords(Halves (&blocks)[2])
 
 void cryptDouble(const Schedules& keys, Direction direction, Halves (&halves)[2])
 {
-    runPass(halves, passKey(keys, direction, 0), direction);
+    runPass(halves, passOf(keys, direction, 3, 0));
     exchangeInnerWords(halves);
-    runPass(halves, passKey(keys, direction, 1), opposite(direction));
+    runPass(halves, passOf(keys, direction, 3, 1));
     exchangeInnerWords(halves);
-    runPass(halves, passKey(keys, direction, 2), direction);
+    runPass(halves, passOf(keys, direction, 3, 2));
 }
 
 void cryptDoubles(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,
