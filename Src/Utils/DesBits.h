@@ -13,7 +13,7 @@ namespace DES
 {
 
 /// Fewer blocks than this are faster one by one.
-constexpr size_t worthBits = 64;
+constexpr size_t worthBits = 52;
 
 /// Transforms blocks of 8 bytes from the front of `blocks` by `passes` passes, 1 or 3, and returns
 /// how many; fewer than `worthBits` are left. `out` may be `in`. With a `chain` that is not null,

@@ -42,8 +42,9 @@ INFRA_INLINE Bits allOf(uint64_t value)
     return Bits{} + value;
 }
 
-/// The function of `Count` bits whose value is bit number n of `Table` where they read as n, bits[0]
-/// being the lowest of n. By its highest bit: two functions of the others, and which of them.
+/// The function of `Count` bits whose value is bit number n of `Table` where they read as n,
+/// bits[0] being the lowest of n. By its highest bit: two functions of the others, and which of
+/// them.
 template <uint64_t Table, int Count>
 INFRA_INLINE Bits evaluate(const Bits* bits)
 {
@@ -236,8 +237,8 @@ void cryptBatch(const Schedules& keys, Direction direction, int passes, Bits* bi
     transpose(bits, exchanged);
 }
 
-/// Goes on as long as there are `fewest` blocks for a batch. A frame of its own, for what the compiler
-/// spills.
+/// Goes on as long as there are `fewest` blocks for a batch. A frame of its own, for what the
+/// compiler spills.
 [[gnu::noinline]] size_t cryptBatches(const Schedules& keys, Direction direction, int passes,
                                       uint8_t* chain, size_t fewest, size_t blocks,
                                       const uint8_t* in, uint8_t* out, Bits* bits)

@@ -112,35 +112,36 @@ inline void permuteOut(Halves& block)
     block = {left, right};
 }
 
-/// Four look-ups, for the S-boxes `First`, `First` + 2 and so on. They are added in pairs, because a
-/// row of additions would be a longer chain (and the compiler is told not to make it one).
+/// Adds four look-ups to `sum`, for the S-boxes `First`, `First` + 2 and so on. The lower bytes are
+/// known first, and so are their look-ups: a row of additions would be a longer chain (and the
+/// compiler is told not to make it one).
 template <int First>
-inline uint32_t substituteFour(uint32_t bits)
+inline uint32_t addFour(uint32_t sum, uint32_t bits)
 {
     const uint32_t low = spTable[First + 6][bits & 0xFF] ^ spTable[First + 4][bits >> 8 & 0xFF];
     const uint32_t high = spTable[First + 2][bits >> 16 & 0xFF] ^ spTable[First][bits >> 24];
-    return low ^ high;
+    return sum ^ low ^ high;
 }
-
-inline uint32_t substitute(uint32_t half, uint32_t oddKey, uint32_t evenKey)
+/// One round. The rotated half is known later, so its look-ups are added last.
+inline uint32_t addRound(uint32_t sum, uint32_t half, uint32_t oddKey, uint32_t evenKey)
 {
-    return substituteFour<1>(half ^ evenKey) ^ substituteFour<0>(std::rotl(half, 28) ^ oddKey);
+    return addFour<0>(addFour<1>(sum, half ^ evenKey), std::rotl(half, 28) ^ oddKey);
 }
 
 /// Sixteen rounds over `Count` blocks side by side, with the round keys from first to last or from
 /// last to first. The halves are not exchanged at the end.
 template <size_t Count>
-inline void runRounds(Halves (&blocks)[Count], const Pass& pass)
+inline void runRounds(Halves (&blocks)[Count], Pass pass)
 {
     const uint32_t* odd = pass.forwards ? pass.key.odd : pass.key.odd + 15;
     const uint32_t* even = pass.forwards ? pass.key.even : pass.key.even + 15;
     const ptrdiff_t step = pass.forwards ? 1 : -1;
     for (int round = 0; round < 16; round += 2) {
         for (Halves& block : blocks) {
-            block.left ^= substitute(block.right, odd[0], even[0]);
+            block.left = addRound(block.left, block.right, odd[0], even[0]);
         }
         for (Halves& block : blocks) {
-            block.right ^= substitute(block.left, odd[step], even[step]);
+            block.right = addRound(block.right, block.left, odd[step], even[step]);
         }
         odd += 2 * step;
         even += 2 * step;
@@ -178,9 +179,11 @@ template <int Passes, size_t Count>
 inline void runPasses(const Schedules& keys, Direction direction, Halves (&blocks)[Count])
 {
     runRounds(blocks, passOf(keys, direction, Passes, 0));
-    for (int number = 1; number < Passes; ++number) {
+    if constexpr (Passes == 3) {
         exchangeHalves(blocks);
-        runRounds(blocks, passOf(keys, direction, Passes, number));
+        runRounds(blocks, passOf(keys, direction, Passes, 1));
+        exchangeHalves(blocks);
+        runRounds(blocks, passOf(keys, direction, Passes, 2));
     }
 }
 
@@ -230,8 +233,8 @@ void decryptChained(const Schedules& keys, Halves& chain, const uint8_t* in, uin
     chain = before[Count];
 }
 
-/// The chain stays between the permutations: they keep sums, so that what is added to it is permuted
-/// beforehand and what comes out of it afterwards.
+/// The chain stays between the permutations: they keep sums, so that what is added to it is
+/// permuted beforehand and what comes out of it afterwards.
 template <int Passes>
 void encryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
                   uint8_t* out)
