@@ -1,5 +1,5 @@
-// Ciphers and digests in memory: how little of it they take, what they leave in it, which is nothing,
-// and what they do without it.
+// Ciphers and digests in memory: how little of it they take, what they leave in it, which is
+// nothing, and what they do without it.
 
 #include <malloc.h>
 
@@ -34,8 +34,8 @@ using namespace Tarsel::Utils;
 constexpr CAes::EncMode aesModes[] = {CAes::MODE_ECB, CAes::MODE_CBC, CAes::MODE_CFB8,
                                       CAes::MODE_CFB128, CAes::MODE_CTR};
 
-/// Whether this is what is delivered. Code that is instrumented or not optimized keeps everything on
-/// the stack, in larger frames.
+/// Whether this is what is delivered. Code that is instrumented or not optimized keeps everything
+/// on the stack, in larger frames.
 #if !defined(__OPTIMIZE__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool isDelivered = false;
 #else
@@ -274,8 +274,8 @@ std::string leftBySha1(CRandom& random)
     return stack.holds(secrets);
 }
 
-/// `trial` draws its secrets anew and says what it has found of them. A word of an address may be one
-/// of them by chance, but not twice.
+/// `trial` draws its secrets anew and says what it has found of them. A word of an address may be
+/// one of them by chance, but not twice.
 template <typename Trial>
 void expectNothingLeft(const Trial& trial)
 {

@@ -1,5 +1,5 @@
-// CMd5 and CSha1: published vectors, OpenSSL at any length, when a message begins and ends, and what
-// is refused.
+// CMd5 and CSha1: published vectors, OpenSSL at any length, when a message begins and ends, and
+// what is refused.
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>

@@ -44,8 +44,8 @@ public:
         explicit_bzero(object, size);
         ::operator delete(object);
     }
-    /// For a constructor that ends with an exception, which a printer of log lines may throw: it has
-    /// had no key.
+    /// For a constructor that ends with an exception, which a printer of log lines may throw: it
+    /// has had no key.
     static void operator delete(void* object, const std::nothrow_t&) noexcept
     {
         ::operator delete(object);
