@@ -366,12 +366,23 @@ INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, ui
     storeBlock(stream, last);
 }
 
+INFRA_AESNI void encryptBlock(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+{
+    Ecb<Encryption>::step<1>(ctx, in, out);
+}
+
+INFRA_AESNI void decryptBlock(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+{
+    Ecb<Decryption>::step<1>(ctx, in, out);
+}
+
 } // namespace Aesni
 
 constinit const AesEngine aesniEngine = {
     Aesni::expandKey,     Aesni::invertSchedule, Aesni::ecbEncrypt,  Aesni::ecbDecrypt,
     Aesni::cbcEncrypt,    Aesni::cbcDecrypt,     Aesni::cfb8Encrypt, Aesni::cfb8Decrypt,
-    Aesni::cfb128Encrypt, Aesni::cfb128Decrypt,  Aesni::ctr,
+    Aesni::cfb128Encrypt, Aesni::cfb128Decrypt,  Aesni::ctr,         Aesni::encryptBlock,
+    Aesni::decryptBlock,
 };
 
 } // namespace AES

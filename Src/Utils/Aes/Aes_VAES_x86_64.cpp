@@ -344,6 +344,8 @@ constinit const AesEngine vaesEngine = {
     Aesni::cfb128Encrypt,
     cfb128Decrypt,
     ctr,
+    Aesni::encryptBlock,
+    Aesni::decryptBlock,
 };
 
 } // namespace AES
