@@ -30,8 +30,8 @@ INFRA_API int base64Encode(char* coded_dst, const char* plain_src, int len_plain
 INFRA_API size_t base64DecodeLenEx(const char* coded_src);
 INFRA_API int base64DecodeLen(const char* coded_src);
 
-/// Decodes up to the first character that is not of the alphabet (padding, a line break, NUL), which
-/// is no error, and writes a NUL behind the bytes. `plain_dst` may be `coded_src`.
+/// Decodes up to the first character that is not of the alphabet (padding, a line break, NUL),
+/// which is no error, and writes a NUL behind the bytes. `plain_dst` may be `coded_src`.
 /// @return how many bytes were decoded; a single character left over gives none: "Zm9vY" is 3 bytes
 INFRA_API size_t base64DecodeEx(char* plain_dst, const char* coded_src);
 INFRA_API int base64Decode(char* plain_dst, const char* coded_src);

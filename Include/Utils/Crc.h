@@ -11,8 +11,8 @@ namespace Tarsel
 namespace Utils
 {
 
-// Checksums against accidental changes; they protect from nobody. Safe from any thread. `buffer` may
-// be null when `length` is 0.
+// Checksums against accidental changes; they protect from nobody. Safe from any thread. `buffer`
+// may be null when `length` is 0.
 
 /// Continues a CRC-16 (polynomial 0x8005, reflected, no inversion). With 0 to begin with it is
 /// CRC-16/ARC: "123456789" gives 0xBB3D.

@@ -44,8 +44,8 @@ public:
     int count() const;
     /// Number `index` of them in ascending order, from 0. The process ends when there is none.
     Interval get(int index) const;
-    /// The number of the first interval that ends at `time` or behind it: the one that holds `time`,
-    /// or ends there, or is the next. -1 when there is none.
+    /// The number of the first interval that ends at `time` or behind it: the one that holds
+    /// `time`, or ends there, or is the next. -1 when there is none.
     int find(int time) const;
 
     /// Adds a range. One that is empty or reversed changes nothing.

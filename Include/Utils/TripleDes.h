@@ -13,8 +13,8 @@ namespace Utils
 
 struct TripleDesInternal;
 
-/// DES (FIPS 46-3) and triple DES (NIST SP 800-67), in ECB, or with an IV in CBC. There for data and
-/// peers that need it; what is new takes CAes.
+/// DES (FIPS 46-3) and triple DES (NIST SP 800-67), in ECB, or with an IV in CBC. There for data
+/// and peers that need it; what is new takes CAes.
 ///
 /// Behaviour: the length of the key chooses the cipher. Bits of the key that its length does not
 /// cover are zero; parity bits are ignored.
@@ -44,8 +44,8 @@ public:
 
     /// Where memory for its record is missing, the object's first call fails an assertion.
     /// @param key   `size` bytes; a null one counts as no key, and then every call fails
-    /// @param block one of the two: with a key of more than 8 bytes any other value ends the process,
-    ///              by a failed assertion
+    /// @param block one of the two: with a key of more than 8 bytes any other value ends the
+    ///              process, by a failed assertion
     /// @param iv    one block, 8 or 16 bytes, for CBC; null for ECB
     CTripleDes(const uint8_t* key, size_t size, BlockType block = block8,
                const uint8_t* iv = nullptr);

@@ -1,8 +1,8 @@
 // Base64.cpp: Base64 by table, around what vectors can do (Base64_AVX2_x86_64.cpp).
 //
-// A text to decode ends at its first character that is not of the alphabet, often NUL, and what lies
-// behind that may not be readable. The first characters are taken one group at a time, which is all
-// that most texts need; vectors go on from there, and the table has what they leave.
+// A text to decode ends at its first character that is not of the alphabet, often NUL, and what
+// lies behind that may not be readable. The first characters are taken one group at a time, which
+// is all that most texts need; vectors go on from there, and the table has what they leave.
 
 #include "Utils/Base64.h"
 

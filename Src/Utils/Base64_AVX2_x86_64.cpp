@@ -8,14 +8,13 @@
 // so that these bits say what to add. A character is of the alphabet when what its lower four bits
 // exclude has nothing in common with what its upper ones are.
 //
-// Where the alphabet ends is found first, a stretch at a time, by loads that are aligned and so never
-// reach into the next page; what is decoded is known to be of the alphabet.
-
-#include <immintrin.h>
+// Where the alphabet ends is found first, a stretch at a time, by loads that are aligned and so
+// never reach into the next page; what is decoded is known to be of the alphabet.
 
 #include <cstring>
 
 #include "Utils/Base64Alg.h"
+#include "Utils/Vectors_x86_64.h"
 
 #define INFRA_AVX2 [[gnu::target("avx2")]]
 #define INFRA_AVX2_INLINE [[gnu::target("avx2"), gnu::always_inline]] inline
@@ -82,20 +81,20 @@ constexpr Table characterMinusValue = [] {
 
 INFRA_AVX2_INLINE __m256i lookUp(const Table& table, __m256i numbers)
 {
-    const __m128i once = _mm_loadu_si128(reinterpret_cast<const __m128i*>(table.data()));
-    return _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(once), numbers);
+    return _mm256_shuffle_epi8(twice(loadBlock(table.data())), numbers);
 }
 
-/// The two times twelve bytes at `in`, of which 28 are read, three in each word of 32 bits: as
-/// b, a, c, b, which puts each six bits within a word of 16 bits.
+/// Twelve bytes, three in each word of 32 bits: as b, a, c, b, which puts each six bits within a
+/// word of 16 bits.
+INFRA_AVX2_INLINE __m128i spreadOrder()
+{
+    return _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
+}
+
+/// The two times twelve bytes at `in`, of which 28 are read.
 INFRA_AVX2_INLINE __m256i spread(const char* in)
 {
-    const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-    const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 12));
-    const __m256i order = _mm256_broadcastsi128_si256(
-        _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10));
-    return _mm256_shuffle_epi8(_mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1),
-                               order);
+    return _mm256_shuffle_epi8(pairOf(loadBlock(in), loadBlock(in + 12)), twice(spreadOrder()));
 }
 
 /// The same of twelve bytes, of which no more are read.
@@ -104,8 +103,8 @@ INFRA_AVX2_INLINE __m256i spreadHalf(const char* in)
     int32_t last = 0;
     memcpy(&last, in + 8, sizeof(last));
     const __m128i first = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in));
-    const __m128i order = _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
-    return _mm256_castsi128_si256(_mm_shuffle_epi8(_mm_insert_epi32(first, last, 2), order));
+    return _mm256_castsi128_si256(
+        _mm_shuffle_epi8(_mm_insert_epi32(first, last, 2), spreadOrder()));
 }
 
 /// Six bits in each byte. In a word of 32 bits from the lowest up: bits 10 to 15 and 4 to 9 are the
@@ -126,11 +125,6 @@ INFRA_AVX2_INLINE __m256i toCharacters(__m256i values)
     const __m256i isCapital = _mm256_cmpgt_epi8(_mm256_set1_epi8(26), values);
     const __m256i range = _mm256_or_si256(above, _mm256_and_si256(isCapital, _mm256_set1_epi8(13)));
     return _mm256_add_epi8(values, lookUp(characterMinusValue, range));
-}
-
-INFRA_AVX2_INLINE __m256i loadCharacters(const char* in)
-{
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in));
 }
 
 INFRA_AVX2_INLINE __m256i loadAligned(const char* in)
@@ -166,15 +160,15 @@ INFRA_AVX2_INLINE __m256i pack(__m256i values)
 {
     const __m256i twelveBits = _mm256_maddubs_epi16(values, _mm256_set1_epi32(0x01400140));
     const __m256i words = _mm256_madd_epi16(twelveBits, _mm256_set1_epi32(0x00011000));
-    const __m256i order = _mm256_broadcastsi128_si256(
-        _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1));
+    const __m256i order =
+        twice(_mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1));
     return _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(words, order),
                                        _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7));
 }
 
 INFRA_AVX2_INLINE void store24(char* out, __m256i bytes)
 {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(bytes));
+    storeBlock(out, _mm256_castsi256_si128(bytes));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(bytes, 1));
 }
 
@@ -184,18 +178,18 @@ INFRA_AVX2 size_t encode(char* out, const char* in, size_t size)
     size_t done = 0;
     for (; size - done >= readBytes; done += stepBytes, out += stepCharacters) {
         const __m256i characters = toCharacters(sixBits(spread(in + done)));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), characters);
+        storePair(out, characters);
     }
     for (; size - done >= stepBytes / 2; done += stepBytes / 2, out += stepCharacters / 2) {
         const __m256i characters = toCharacters(sixBits(spreadHalf(in + done)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(characters));
+        storeBlock(out, _mm256_castsi256_si128(characters));
     }
     return done;
 }
 
 /// Counts until a foreign character comes or there are `enough`; then there may be some more. What
-/// surrounds the text within its first and last 32 aligned bytes is loaded and ignored, be it memory
-/// of others or none at all: the sanitizers are told not to mind.
+/// surrounds the text within its first and last 32 aligned bytes is loaded and ignored, be it
+/// memory of others or none at all: the sanitizers are told not to mind.
 INFRA_AVX2 INFRA_UNSANITIZED size_t countUntil(const char* in, size_t enough)
 {
     const size_t before = reinterpret_cast<uintptr_t>(in) % stepCharacters;
@@ -221,7 +215,7 @@ INFRA_AVX2_INLINE size_t decodeSteps(char* out, const char* in, size_t size)
 {
     size_t done = 0;
     for (; size - done >= stepCharacters; done += stepCharacters, out += stepBytes) {
-        store24(out, pack(toValues(loadCharacters(in + done))));
+        store24(out, pack(toValues(loadPair(in + done))));
     }
     return done;
 }

@@ -17,8 +17,8 @@ namespace Utils
 namespace CRC
 {
 
-/// A kind of checksum: the degree of its polynomial, all its terms but the highest, upside down, and
-/// what the register is XORed with before and after each run.
+/// A kind of checksum: the degree of its polynomial, all its terms but the highest, upside down,
+/// and what the register is XORed with before and after each run.
 template <int Width, uint32_t Terms, uint32_t Inversion>
 struct Checksum
 {

@@ -5,7 +5,7 @@
 // that folds a long message into its last sixteen bytes. Several folds that do not wait for each
 // other run side by side.
 //
-//     [a][b][c][d] [e][f][g][h] ...   -->   [e + a x^512][f + b x^512][g + c x^512][h + d x^512] ...
+//     [a][b][c][d] [e][f][g][h] ...  -->  [e + a x^512][f + b x^512][g + c x^512][h + d x^512] ...
 //
 // The remainder of eight bytes T that the checksum's own width W follows is found by two more
 // products (Barrett): the quotient is the upper half of T times floor(x^(64+W) / P), and the
@@ -15,11 +15,10 @@
 // 127 free, where the highest power would stand: it reads as the product times x. So the constants
 // are those of one power less. All of them are computed by the compiler.
 
-#include <immintrin.h>
-
 #include <array>
 
 #include "Utils/CrcAlg.h"
+#include "Utils/Vectors_x86_64.h"
 
 #define INFRA_CLMUL [[gnu::target("pclmul,sse4.1")]]
 #define INFRA_CLMUL_INLINE [[gnu::target("pclmul,sse4.1"), gnu::always_inline]] inline
@@ -82,11 +81,6 @@ INFRA_CLMUL_INLINE __m128i fold(__m128i bytes, __m128i constants, __m128i next)
     return _mm_xor_si128(_mm_xor_si128(low, high), next);
 }
 
-INFRA_CLMUL_INLINE __m128i load(const uint8_t* data)
-{
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(data));
-}
-
 /// The remainder of one half of `bytes` (0x00 the low one, 0x01 the high one), in the high half of
 /// the result.
 template <typename P, int Half>
@@ -125,12 +119,12 @@ alignas(64) constexpr std::array<uint8_t, 48> slidingBytes = [] {
 template <typename P>
 INFRA_CLMUL_INLINE __m128i foldRest(__m128i bytes, const uint8_t* end, size_t rest)
 {
-    const __m128i up = load(slidingBytes.data() + rest);
-    const __m128i down = load(slidingBytes.data() + 16 + rest);
+    const __m128i up = loadBlock(slidingBytes.data() + rest);
+    const __m128i down = loadBlock(slidingBytes.data() + 16 + rest);
     const __m128i first = _mm_shuffle_epi8(bytes, up);
     const __m128i others = _mm_shuffle_epi8(bytes, down);
     // Where `down` lets zeros in, the last bytes stand: its own upper bits say where.
-    const __m128i last = _mm_blendv_epi8(others, load(end - 16), down);
+    const __m128i last = _mm_blendv_epi8(others, loadBlock(end - 16), down);
     return fold(first, foldBy<P, 128>(), last);
 }
 
@@ -139,7 +133,7 @@ template <typename P>
 INFRA_CLMUL_INLINE uint32_t finish(__m128i bytes, const uint8_t* data, size_t length)
 {
     for (; length >= 16; length -= 16, data += 16) {
-        bytes = fold(bytes, foldBy<P, 128>(), load(data));
+        bytes = fold(bytes, foldBy<P, 128>(), loadBlock(data));
     }
     if (length != 0) {
         bytes = foldRest<P>(bytes, data + length, length);
@@ -157,17 +151,17 @@ INFRA_CLMUL_INLINE __m128i initial(uint32_t crc)
 template <typename P>
 INFRA_CLMUL_INLINE uint32_t runFourfold(uint32_t crc, const uint8_t* data, size_t length)
 {
-    __m128i a = _mm_xor_si128(load(data), initial<P>(crc));
-    __m128i b = load(data + 16);
-    __m128i c = load(data + 32);
-    __m128i d = load(data + 48);
+    __m128i a = _mm_xor_si128(loadBlock(data), initial<P>(crc));
+    __m128i b = loadBlock(data + 16);
+    __m128i c = loadBlock(data + 32);
+    __m128i d = loadBlock(data + 48);
     data += 64;
     length -= 64;
     for (; length >= 64; length -= 64, data += 64) {
-        a = fold(a, foldBy<P, 512>(), load(data));
-        b = fold(b, foldBy<P, 512>(), load(data + 16));
-        c = fold(c, foldBy<P, 512>(), load(data + 32));
-        d = fold(d, foldBy<P, 512>(), load(data + 48));
+        a = fold(a, foldBy<P, 512>(), loadBlock(data));
+        b = fold(b, foldBy<P, 512>(), loadBlock(data + 16));
+        c = fold(c, foldBy<P, 512>(), loadBlock(data + 32));
+        d = fold(d, foldBy<P, 512>(), loadBlock(data + 48));
     }
     const __m128i ab = fold(a, foldBy<P, 384>(), fold(b, foldBy<P, 256>(), d));
     return finish<P>(fold(c, foldBy<P, 128>(), ab), data, length);
@@ -180,7 +174,7 @@ INFRA_CLMUL_INLINE uint32_t runAnyLength(uint32_t crc, const uint8_t* data, size
         return runFourfold<P>(crc, data, length);
     }
     if (length >= 16) {
-        const __m128i first = _mm_xor_si128(load(data), initial<P>(crc));
+        const __m128i first = _mm_xor_si128(loadBlock(data), initial<P>(crc));
         return finish<P>(first, data + 16, length - 16);
     }
     return P::width == 16 ? crc16Tables(crc, data, length) : crc32Tables(crc, data, length);
@@ -189,7 +183,7 @@ INFRA_CLMUL_INLINE uint32_t runAnyLength(uint32_t crc, const uint8_t* data, size
 template <typename P, int Bits>
 INFRA_VCLMUL_INLINE __m256i foldPairsBy()
 {
-    return _mm256_broadcastsi128_si256(foldBy<P, Bits>());
+    return twice(foldBy<P, Bits>());
 }
 
 INFRA_VCLMUL_INLINE __m256i foldPairs(__m256i bytes, __m256i constants, __m256i next)
@@ -197,11 +191,6 @@ INFRA_VCLMUL_INLINE __m256i foldPairs(__m256i bytes, __m256i constants, __m256i 
     const __m256i low = _mm256_clmulepi64_epi128(bytes, constants, 0x00);
     const __m256i high = _mm256_clmulepi64_epi128(bytes, constants, 0x11);
     return _mm256_xor_si256(_mm256_xor_si256(low, high), next);
-}
-
-INFRA_VCLMUL_INLINE __m256i loadPair(const uint8_t* data)
-{
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data));
 }
 
 template <typename P>
@@ -257,9 +246,9 @@ INFRA_WCLMUL_INLINE __m128i foldFour(__m512i bytes)
 {
     uint8_t stored[64];
     _mm512_storeu_si512(stored, bytes);
-    const __m128i ad = fold(load(stored), foldBy<P, 384>(), load(stored + 48));
-    const __m128i abd = fold(load(stored + 16), foldBy<P, 256>(), ad);
-    return fold(load(stored + 32), foldBy<P, 128>(), abd);
+    const __m128i ad = fold(loadBlock(stored), foldBy<P, 384>(), loadBlock(stored + 48));
+    const __m128i abd = fold(loadBlock(stored + 16), foldBy<P, 256>(), ad);
+    return fold(loadBlock(stored + 32), foldBy<P, 128>(), abd);
 }
 
 template <typename P>

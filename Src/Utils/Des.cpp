@@ -12,6 +12,7 @@
 #include "Infra3/AssertFront.h"
 #include "Infra3/LogFront.h"
 #include "Utils/d3des.h"
+#include "Utils/StackWipe.h"
 
 namespace Tarsel
 {
@@ -69,7 +70,8 @@ void makeSchedules(TripleDesInternal& cipher)
     }
 }
 
-/// `size` is a multiple of the block.
+/// `size` is a multiple of the block. The block functions spill parts of the blocks, which the
+/// compiler places: where their frames were is wiped as a whole.
 void en_de_crypt(const TripleDesInternal& cipher, Direction direction, size_t size,
                  const uint8_t* src, uint8_t* dst)
 {
@@ -90,6 +92,7 @@ void en_de_crypt(const TripleDesInternal& cipher, Direction direction, size_t si
     } else {
         func.decryptChain(cipher.keys, cipher.iv, blocks, src, dst);
     }
+    wipeStackBelow<512>();
 }
 
 bool crypt(const CTripleDes* object, const TripleDesInternal& cipher, Direction direction,

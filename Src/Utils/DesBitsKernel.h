@@ -20,6 +20,7 @@
 
 #include "Utils/DesBits.h"
 #include "Utils/DesTables.h"
+#include "Utils/StackWipe.h"
 
 namespace Tarsel
 {
@@ -41,8 +42,9 @@ INFRA_INLINE Bits allOf(uint64_t value)
     return Bits{} + value;
 }
 
-/// The function of `Count` bits whose value is bit number n of `Table` where they read as n, bits[0]
-/// being the lowest of n. By its highest bit: two functions of the others, and which of them.
+/// The function of `Count` bits whose value is bit number n of `Table` where they read as n,
+/// bits[0] being the lowest of n. By its highest bit: two functions of the others, and which of
+/// them.
 template <uint64_t Table, int Count>
 INFRA_INLINE Bits evaluate(const Bits* bits)
 {
@@ -120,11 +122,12 @@ INFRA_INLINE void substituteBox(Bits* left, const Bits* right, uint32_t key)
 }
 
 /// Sixteen rounds, with the round keys from first to last or from last to first.
-void runPass(Bits* left, Bits* right, const Schedule& key, bool forwards)
+void runPass(Bits* left, Bits* right, const Pass& pass)
 {
+    const Schedule& key = pass.key;
     for (int round = 0; round < 16; round += 2) {
-        const int first = forwards ? round : 15 - round;
-        const int second = forwards ? round + 1 : 14 - round;
+        const int first = pass.forwards ? round : 15 - round;
+        const int second = pass.forwards ? round + 1 : 14 - round;
         runRound(left, right, key.odd[first], key.even[first]);
         runRound(right, left, key.odd[second], key.even[second]);
     }
@@ -223,34 +226,46 @@ void addChain(Bits* bits, uint8_t* chain, size_t count, const uint8_t* in)
 
 /// The final permutation of a pass and the initial one of the next undo each other, but for the
 /// exchange of the halves.
-void cryptBatch(const Schedules& keys, bool forwards, int passes, Bits* bits)
+void cryptBatch(const Schedules& keys, Direction direction, int passes, Bits* bits)
 {
     transpose(bits, 0);
-    for (int pass = 0; pass < passes; ++pass) {
-        const int number = forwards || passes == 1 ? pass : 2 - pass;
-        Bits* const left = bits + pass % 2 * 32;
-        Bits* const right = bits + (1 - pass % 2) * 32;
-        runPass(left, right, keys.pass[number], forwards == (pass != 1));
+    for (int number = 0; number < passes; ++number) {
+        Bits* const left = bits + number % 2 * 32;
+        Bits* const right = bits + (1 - number % 2) * 32;
+        runPass(left, right, passOf(keys, direction, passes, number));
     }
     transpose(bits, exchanged);
 }
 
-size_t cryptBits(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
-                 size_t blocks, const uint8_t* in, uint8_t* out)
+/// Goes on as long as there are `fewest` blocks for a batch. A frame of its own, for what the
+/// compiler spills.
+[[gnu::noinline]] size_t cryptBatches(const Schedules& keys, Direction direction, int passes,
+                                      uint8_t* chain, size_t fewest, size_t blocks,
+                                      const uint8_t* in, uint8_t* out, Bits* bits)
 {
-    Bits bits[64];
     size_t done = 0;
-    while (blocks - done >= worthBits) {
+    while (blocks - done >= fewest) {
         const size_t count = blocks - done < batch ? blocks - done : batch;
         load(bits, count, in + 8 * done);
-        cryptBatch(keys, direction == Direction::encrypt, passes, bits);
+        cryptBatch(keys, direction, passes, bits);
         if (chain != nullptr) {
             addChain(bits, chain, count, in + 8 * done);
         }
         store(out + 8 * done, count, bits);
         done += count;
     }
+    return done;
+}
+
+/// The stack may be small: nothing of this is on it any more when another circuit goes on.
+[[gnu::noinline]] size_t cryptBits(const Schedules& keys, Direction direction, int passes,
+                                   uint8_t* chain, size_t fewest, size_t blocks, const uint8_t* in,
+                                   uint8_t* out)
+{
+    Bits bits[64];
+    const size_t done = cryptBatches(keys, direction, passes, chain, fewest, blocks, in, out, bits);
     explicit_bzero(bits, sizeof(bits));
+    wipeStackBelow<1024>();
     return done;
 }
 

@@ -13,7 +13,7 @@ namespace DES
 size_t cryptBitsAvx2(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
                      size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    return cryptBits(keys, direction, passes, chain, blocks, in, out);
+    return cryptBits(keys, direction, passes, chain, worthBits, blocks, in, out);
 }
 
 } // namespace DES

@@ -1,8 +1,8 @@
 // IntervalSet.cpp: sets of integers as sorted bounds.
 //
 // The bounds of all intervals stand in one vector, so a key at an even place begins an interval and
-// one at an odd place ends it. To erase is to insert into the complement, whose intervals begin at odd
-// places: one routine does both, told the parity of the places where what it works on begins.
+// one at an odd place ends it. To erase is to insert into the complement, whose intervals begin at
+// odd places: one routine does both, told the parity of the places where what it works on begins.
 
 #include "Utils/IntervalSet.h"
 
@@ -35,8 +35,8 @@ enum Parity : size_t
     ofEnds = 1
 };
 
-/// The place of the first key that is not below `bound`, from `from` to `to`. Three keys are looked at
-/// in each round, at once, and none decides on a branch: nobody could predict those.
+/// The place of the first key that is not below `bound`, from `from` to `to`. Three keys are looked
+/// at in each round, at once, and none decides on a branch: nobody could predict those.
 size_t placeBetween(const Keys& keys, int bound, size_t from, size_t to)
 {
     const int32_t* place = keys.data() + from;

@@ -88,7 +88,7 @@ template <int... Steps>
 void hashBlocksPlain(uint32_t (&hash)[5], const uint8_t* data, size_t blocks)
 {
     runBlocks(hash, data, blocks);
-    wipeStackBelow();
+    wipeStackBelow<512>();
 }
 
 BlockRun* chooseBlockRun()

@@ -4,14 +4,13 @@
 //
 //     words t .. t+3  =  msg2(msg1(w[t-16], w[t-12]) ^ w[t-8], w[t-4])
 //
-// The word order of the instructions is highest first, hence the shuffle of what is loaded.
+// The word order of the instructions is highest first, so what is loaded is reversed.
 // Everything lives in registers: there is nothing on the stack to wipe.
-
-#include <immintrin.h>
 
 #include <utility>
 
 #include "Utils/Sha1Alg.h"
+#include "Utils/Vectors_x86_64.h"
 
 #define INFRA_SHANI [[gnu::target("sha,sse4.1")]]
 #define INFRA_SHANI_INLINE [[gnu::target("sha,sse4.1"), gnu::always_inline]] inline
@@ -52,22 +51,20 @@ INFRA_SHANI_INLINE void allRounds(__m128i& abcd, __m128i& e, __m128i (&words)[4]
 
 INFRA_SHANI void hashBlocksShani(uint32_t (&hash)[5], const uint8_t* data, size_t blocks)
 {
-    const __m128i highestFirst = _mm_set_epi64x(0x0001020304050607, 0x08090A0B0C0D0E0F);
-    __m128i abcd = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(hash)), 0x1B);
+    __m128i abcd = _mm_shuffle_epi32(loadBlock(hash), 0x1B);
     __m128i e = _mm_set_epi32(static_cast<int>(hash[4]), 0, 0, 0);
     for (; blocks != 0; --blocks, data += messageBlockSize) {
         const __m128i abcdBefore = abcd;
         const __m128i eBefore = e;
         __m128i words[4];
         for (int i = 0; i < 4; ++i) {
-            words[i] = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data) + i),
-                                        highestFirst);
+            words[i] = reversed(loadBlock(data + 16 * i));
         }
         allRounds(abcd, e, words, std::make_integer_sequence<int, 20>());
         e = _mm_sha1nexte_epu32(e, eBefore);
         abcd = _mm_add_epi32(abcd, abcdBefore);
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(hash), _mm_shuffle_epi32(abcd, 0x1B));
+    storeBlock(hash, _mm_shuffle_epi32(abcd, 0x1B));
     hash[4] = static_cast<uint32_t>(_mm_extract_epi32(e, 3));
 }
 

@@ -112,36 +112,36 @@ inline void permuteOut(Halves& block)
     block = {left, right};
 }
 
-/// Four look-ups, for the S-boxes `First`, `First` + 2 and so on. They are added in pairs, because a
-/// row of additions would be a longer chain (and the compiler is told not to make it one).
+/// Adds four look-ups to `sum`, for the S-boxes `First`, `First` + 2 and so on. The lower bytes are
+/// known first, and so are their look-ups: a row of additions would be a longer chain (and the
+/// compiler is told not to make it one).
 template <int First>
-inline uint32_t substituteFour(uint32_t bits)
+inline uint32_t addFour(uint32_t sum, uint32_t bits)
 {
     const uint32_t low = spTable[First + 6][bits & 0xFF] ^ spTable[First + 4][bits >> 8 & 0xFF];
     const uint32_t high = spTable[First + 2][bits >> 16 & 0xFF] ^ spTable[First][bits >> 24];
-    return low ^ high;
+    return sum ^ low ^ high;
 }
-
-inline uint32_t substitute(uint32_t half, uint32_t oddKey, uint32_t evenKey)
+/// One round. The rotated half is known later, so its look-ups are added last.
+inline uint32_t addRound(uint32_t sum, uint32_t half, uint32_t oddKey, uint32_t evenKey)
 {
-    return substituteFour<1>(half ^ evenKey) ^ substituteFour<0>(std::rotl(half, 28) ^ oddKey);
+    return addFour<0>(addFour<1>(sum, half ^ evenKey), std::rotl(half, 28) ^ oddKey);
 }
 
 /// Sixteen rounds over `Count` blocks side by side, with the round keys from first to last or from
 /// last to first. The halves are not exchanged at the end.
 template <size_t Count>
-inline void runRounds(Halves (&blocks)[Count], const Schedule& keys, Direction direction)
+inline void runRounds(Halves (&blocks)[Count], Pass pass)
 {
-    const bool forwards = direction == Direction::encrypt;
-    const uint32_t* odd = forwards ? keys.odd : keys.odd + 15;
-    const uint32_t* even = forwards ? keys.even : keys.even + 15;
-    const ptrdiff_t step = forwards ? 1 : -1;
+    const uint32_t* odd = pass.forwards ? pass.key.odd : pass.key.odd + 15;
+    const uint32_t* even = pass.forwards ? pass.key.even : pass.key.even + 15;
+    const ptrdiff_t step = pass.forwards ? 1 : -1;
     for (int round = 0; round < 16; round += 2) {
         for (Halves& block : blocks) {
-            block.left ^= substitute(block.right, odd[0], even[0]);
+            block.left = addRound(block.left, block.right, odd[0], even[0]);
         }
         for (Halves& block : blocks) {
-            block.right ^= substitute(block.left, odd[step], even[step]);
+            block.right = addRound(block.right, block.left, odd[step], even[step]);
         }
         odd += 2 * step;
         even += 2 * step;
@@ -155,17 +155,6 @@ inline void exchangeHalves(Halves (&blocks)[Count])
     for (Halves& block : blocks) {
         block = {block.right, block.left};
     }
-}
-
-constexpr Direction opposite(Direction direction)
-{
-    return direction == Direction::encrypt ? Direction::decrypt : Direction::encrypt;
-}
-
-/// The schedule of pass number `pass` in the order in which passes are done.
-inline const Schedule& passKey(const Schedules& keys, Direction direction, int pass)
-{
-    return keys.pass[direction == Direction::encrypt ? pass : 2 - pass];
 }
 
 template <size_t Count>
@@ -189,14 +178,12 @@ inline void storeHalves(uint8_t* out, const Halves (&blocks)[Count])
 template <int Passes, size_t Count>
 inline void runPasses(const Schedules& keys, Direction direction, Halves (&blocks)[Count])
 {
-    if constexpr (Passes == 1) {
-        runRounds(blocks, keys.pass[0], direction);
-    } else {
-        runRounds(blocks, passKey(keys, direction, 0), direction);
+    runRounds(blocks, passOf(keys, direction, Passes, 0));
+    if constexpr (Passes == 3) {
         exchangeHalves(blocks);
-        runRounds(blocks, passKey(keys, direction, 1), opposite(direction));
+        runRounds(blocks, passOf(keys, direction, Passes, 1));
         exchangeHalves(blocks);
-        runRounds(blocks, passKey(keys, direction, 2), direction);
+        runRounds(blocks, passOf(keys, direction, Passes, 2));
     }
 }
 
@@ -246,8 +233,8 @@ void decryptChained(const Schedules& keys, Halves& chain, const uint8_t* in, uin
     chain = before[Count];
 }
 
-/// The chain stays between the permutations: they keep sums, so that what is added to it is permuted
-/// beforehand and what comes out of it afterwards.
+/// The chain stays between the permutations: they keep sums, so that what is added to it is
+/// permuted beforehand and what comes out of it afterwards.
 template <int Passes>
 void encryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const uint8_t* in,
                   uint8_t* out)
@@ -268,18 +255,14 @@ void encryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const
     }
 }
 
-size_t cryptNothing(const Schedules&, Direction, int, uint8_t*, size_t, const uint8_t*, uint8_t*)
-{
-    return 0;
-}
-
+/// Null where the processor has no wide registers.
 BitsRun* chooseBitsRun()
 {
     using Infra::CpuFeature;
     constexpr Infra::TImplementation<BitsRun> runs[] = {
-        {cryptBitsAvx512, {CpuFeature::avx512}},
+        {cryptBitsAvx512, {CpuFeature::avx512, CpuFeature::avx2}},
         {cryptBitsAvx2, {CpuFeature::avx2}},
-        {cryptNothing, {}},
+        {nullptr, {}},
     };
     return Infra::chooseImplementation(runs);
 }
@@ -287,8 +270,8 @@ BitsRun* chooseBitsRun()
 size_t runBits(const Schedules& keys, Direction direction, int passes, uint8_t* chain,
                size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    return blocks < worthBits ? 0
-                              : chooseBitsRun()(keys, direction, passes, chain, blocks, in, out);
+    BitsRun* const run = blocks >= worthBits ? chooseBitsRun() : nullptr;
+    return run != nullptr ? run(keys, direction, passes, chain, blocks, in, out) : 0;
 }
 
 constexpr size_t together = 3; ///< blocks side by side
@@ -330,12 +313,12 @@ void decryptChain(const Schedules& keys, const uint8_t* iv, size_t blocks, const
 }
 
 /// One whole DES on each of the two halves of a double block.
-void runPass(Halves (&blocks)[2], const Schedule& keys, Direction direction)
+void runPass(Halves (&blocks)[2], const Pass& pass)
 {
     for (Halves& block : blocks) {
         permuteIn(block);
     }
-    runRounds(blocks, keys, direction);
+    runRounds(blocks, pass);
     for (Halves& block : blocks) {
         permuteOut(block);
     }
@@ -350,11 +333,11 @@ void exchangeInnerWords(Halves (&blocks)[2])
 
 void cryptDouble(const Schedules& keys, Direction direction, Halves (&halves)[2])
 {
-    runPass(halves, passKey(keys, direction, 0), direction);
+    runPass(halves, passOf(keys, direction, 3, 0));
     exchangeInnerWords(halves);
-    runPass(halves, passKey(keys, direction, 1), opposite(direction));
+    runPass(halves, passOf(keys, direction, 3, 1));
     exchangeInnerWords(halves);
-    runPass(halves, passKey(keys, direction, 2), direction);
+    runPass(halves, passOf(keys, direction, 3, 2));
 }
 
 void cryptDoubles(const Schedules& keys, Direction direction, size_t blocks, const uint8_t* in,

@@ -27,15 +27,31 @@ struct Schedules
     Schedule pass[3];
 };
 
-/// Bit 0 of each of the eight bytes of `key`, the parity, is ignored.
-void setKey(Schedule& schedule, const uint8_t* key);
-
 /// What a run of blocks does with each of them; `out` may be `in`.
 enum class Direction
 {
     encrypt,
     decrypt
 };
+
+/// Sixteen rounds: with which schedule, and whether forwards through it.
+struct Pass
+{
+    const Schedule& key;
+    bool forwards;
+};
+
+/// Pass number `number` of 1 or 3, in the order in which passes are done: the middle one goes the
+/// other way.
+[[gnu::always_inline]] inline Pass passOf(const Schedules& keys, Direction direction, int passes,
+                                          int number)
+{
+    const bool encrypts = direction == Direction::encrypt;
+    return {keys.pass[encrypts ? number : passes - 1 - number], encrypts == (number != 1)};
+}
+
+/// Bit 0 of each of the eight bytes of `key`, the parity, is ignored.
+void setKey(Schedule& schedule, const uint8_t* key);
 
 /// A cipher, by runs of whole blocks.
 struct des_func

@@ -4,6 +4,7 @@
 #include <bitset>
 #include <climits>
 #include <csignal>
+#include <functional>
 #include <random>
 #include <string>
 #include <utility>
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "Support/ChildProcess.h"
+#include "Support/FailingHeap.h"
 #include "Utils/IntervalSet.h"
 
 namespace Tarsel
@@ -99,6 +101,46 @@ TEST(IntervalSetTest, AskingForWhatIsNotThereEndsTheProcess)
         EXPECT_NE(result.errorOutput.find("size_t(index * 2 + 1) < m_internal->keys.size()"),
                   std::string::npos)
             << result.report();
+    }
+}
+
+TEST(IntervalSetTest, WithoutMemoryASetStaysAsItWas)
+{
+    CIntervalSet set;
+    CIntervalSet other;
+    other.insert({100, 110});
+    const std::function<void()> steps[] = {
+        [&] { set.insert({-10, -5}); }, [&] { set.insert({1000, 1001}); },
+        [&] { set.erase({5, 6}); },     [&] { set += other; },
+        [&] { other = set; },           [&] { CIntervalSet copy(set); },
+    };
+    for (const auto& step : steps) {
+        set = CIntervalSet();
+        for (int start = 0; start < 80; start += 10) { // 16 bounds: a vector that is full
+            set.insert({start, start + 8});
+        }
+        const std::string before = text(set);
+        {
+            const TestSupport::CMemoryShortage shortage(1, TestSupport::Shortage::lasting);
+            EXPECT_FALSE(TestSupport::managed(step));
+        }
+        EXPECT_EQ(text(set), before);
+        EXPECT_EQ(text(other), "100-110 ");
+    }
+}
+
+TEST(IntervalSetTest, ClearingKeepsTheRoom)
+{
+    CIntervalSet set;
+    for (int round = 0; round < 2; ++round) {
+        const TestSupport::CMemoryShortage shortage(round == 0 ? INT_MAX : 1,
+                                                    TestSupport::Shortage::lasting);
+        for (int start = 0; start < 1000; start += 10) {
+            set.insert({start, start + 8});
+        }
+        EXPECT_EQ(set.count(), 100);
+        set.clear();
+        EXPECT_TRUE(set.empty());
     }
 }
 

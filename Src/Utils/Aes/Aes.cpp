@@ -44,8 +44,8 @@ public:
         explicit_bzero(object, size);
         ::operator delete(object);
     }
-    /// For a constructor that ends with an exception, which a printer of log lines may throw: it has
-    /// had no key.
+    /// For a constructor that ends with an exception, which a printer of log lines may throw: it
+    /// has had no key.
     static void operator delete(void* object, const std::nothrow_t&) noexcept
     {
         ::operator delete(object);
@@ -100,7 +100,11 @@ public:
         if (!accepts(dst, src, size, blockSize)) {
             return false;
         }
-        m_engine.ecbEncrypt(m_enCtx, size / blockSize, src, dst);
+        if (size == blockSize) {
+            m_engine.encryptBlock(m_enCtx, src, dst);
+        } else {
+            m_engine.ecbEncrypt(m_enCtx, size / blockSize, src, dst);
+        }
         return true;
     }
     bool decrypt(uint8_t* dst, const uint8_t* src, size_t size) override
@@ -108,7 +112,11 @@ public:
         if (!accepts(dst, src, size, blockSize)) {
             return false;
         }
-        m_engine.ecbDecrypt(m_deCtx, size / blockSize, src, dst);
+        if (size == blockSize) {
+            m_engine.decryptBlock(m_deCtx, src, dst);
+        } else {
+            m_engine.ecbDecrypt(m_deCtx, size / blockSize, src, dst);
+        }
         return true;
     }
 

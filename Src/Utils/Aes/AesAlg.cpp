@@ -90,7 +90,7 @@ void cryptCfb128(const AesEngine& engine, const aes_context& ctx, bool encrypts,
     }
     const size_t begun = length % blockSize;
     if (begun != 0) {
-        engine.ecbEncrypt(ctx, 1, iv, iv);
+        engine.encryptBlock(ctx, iv, iv);
         feedBytes(encrypts, iv, begun, in + whole * blockSize, out + whole * blockSize);
         offset = begun;
     }
@@ -113,7 +113,7 @@ void cryptCtr(const AesEngine& engine, const aes_context& ctx, size_t length, si
     }
     const size_t begun = length % blockSize;
     if (begun != 0) {
-        engine.ecbEncrypt(ctx, 1, counter, stream);
+        engine.encryptBlock(ctx, counter, stream);
         increment(counter);
         xorBytes(out + whole * blockSize, in + whole * blockSize, stream, begun);
         offset = begun;
@@ -151,7 +151,9 @@ int aes_setkey_dec(aes_context* ctx, const unsigned char* key, unsigned int keyb
 int aes_crypt_ecb_block(aes_context* ctx, int mode, const unsigned char* input,
                         unsigned char* output)
 {
-    return aes_crypt_ecb(ctx, mode, blockSize, input, output);
+    const AesEngine& engine = chooseEngine();
+    (mode == AES_ENCRYPT ? engine.encryptBlock : engine.decryptBlock)(*ctx, input, output);
+    return 0;
 }
 
 int aes_crypt_ecb(aes_context* ctx, int mode, size_t length, const unsigned char* input,

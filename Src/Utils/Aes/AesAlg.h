@@ -8,7 +8,7 @@
 //     AesEngine.h            what an engine does: schedules, and runs of whole blocks in each mode
 //     AesTables.cpp          the engine for any processor: tables
 //     Aes_NI_x86_64.cpp      the engine of the AES instructions
-//     Aes_VAES_x86_64.cpp    the same two blocks an instruction, where blocks do not wait for another
+//     Aes_VAES_x86_64.cpp    the same, two blocks an instruction, where none waits for another
 //
 // The schedules of all engines are the same bytes, so a context made by one works in another.
 

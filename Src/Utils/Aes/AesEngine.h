@@ -15,6 +15,8 @@ namespace Utils
 namespace AES
 {
 
+/// One block.
+using BlockRun = void(const aes_context& ctx, const uint8_t* in, uint8_t* out);
 /// `blocks` whole blocks, each for itself.
 using EcbRun = void(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out);
 /// Whole blocks behind `iv`, which is the last ciphertext block afterwards.
@@ -44,6 +46,8 @@ struct AesEngine
     ChainRun* cfb128Encrypt;
     ChainRun* cfb128Decrypt;
     CounterRun* ctr;
+    BlockRun* encryptBlock;
+    BlockRun* decryptBlock;
 };
 
 extern const AesEngine tableEngine;
@@ -56,6 +60,8 @@ namespace Aesni
 
 void expandKey(uint32_t* words, size_t keyWords);
 void invertSchedule(const aes_context& encrypting, aes_context& decrypting);
+BlockRun encryptBlock;
+BlockRun decryptBlock;
 EcbRun ecbEncrypt;
 EcbRun ecbDecrypt;
 ChainRun cbcEncrypt;

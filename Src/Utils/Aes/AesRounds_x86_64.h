@@ -5,18 +5,17 @@
 // four cycles, and two of them begin in each, so that eight blocks keep the unit busy. Nothing
 // branches or looks up by key or data; only the number of rounds does.
 
-#include <immintrin.h>
-
 #include <cstddef>
 #include <cstdint>
 
 #include "Utils/Aes/AesAlg.h"
+#include "Utils/Vectors_x86_64.h"
 
 #define INFRA_AESNI [[gnu::target("aes,sse4.1")]]
 #define INFRA_AESNI_INLINE [[gnu::target("aes,sse4.1"), gnu::always_inline]] inline
 
-/// Before a loop over the blocks of a step: they are to stay in registers. A compiler that leaves the
-/// loop keeps them on the stack, which is slower, and where what was deciphered would remain.
+/// Before a loop over the blocks of a step: they are to stay in registers. A compiler that leaves
+/// the loop keeps them on the stack, which is slower, and where what was deciphered would remain.
 #if defined(__clang__)
 #define INFRA_UNROLLED _Pragma("unroll")
 #else
@@ -29,16 +28,6 @@ namespace Utils
 {
 namespace AES
 {
-
-INFRA_AESNI_INLINE __m128i loadBlock(const uint8_t* from)
-{
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-}
-
-INFRA_AESNI_INLINE void storeBlock(uint8_t* to, __m128i block)
-{
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), block);
-}
 
 /// Round key number `round`: aligned, so that it can be an instruction's operand.
 INFRA_AESNI_INLINE __m128i roundKey(const aes_context& ctx, int round)
@@ -55,73 +44,67 @@ INFRA_AESNI_INLINE void addKey(__m128i (&blocks)[Count], __m128i key)
     }
 }
 
-template <size_t Count>
-INFRA_AESNI_INLINE void encryptRound(__m128i (&blocks)[Count], __m128i key)
+/// The instructions for enciphering, by the round key of a block each.
+struct Encryption
 {
-    INFRA_UNROLLED
-    for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = _mm_aesenc_si128(blocks[i], key);
+    INFRA_AESNI_INLINE static __m128i round(__m128i block, __m128i key)
+    {
+        return _mm_aesenc_si128(block, key);
     }
-}
+    INFRA_AESNI_INLINE static __m128i lastRound(__m128i block, __m128i key)
+    {
+        return _mm_aesenclast_si128(block, key);
+    }
+};
 
-template <size_t Count>
-INFRA_AESNI_INLINE void decryptRound(__m128i (&blocks)[Count], __m128i key)
+struct Decryption
+{
+    INFRA_AESNI_INLINE static __m128i round(__m128i block, __m128i key)
+    {
+        return _mm_aesdec_si128(block, key);
+    }
+    INFRA_AESNI_INLINE static __m128i lastRound(__m128i block, __m128i key)
+    {
+        return _mm_aesdeclast_si128(block, key);
+    }
+};
+
+template <typename Way, size_t Count>
+INFRA_AESNI_INLINE void oneRound(__m128i (&blocks)[Count], __m128i key)
 {
     INFRA_UNROLLED
     for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = _mm_aesdec_si128(blocks[i], key);
+        blocks[i] = Way::round(blocks[i], key);
     }
 }
 
 /// All rounds but the first addition of a key and the last round: nine, and two more for each of
 /// the longer keys.
-template <size_t Count>
-INFRA_AESNI_INLINE void encryptMiddle(__m128i (&blocks)[Count], const aes_context& ctx)
+template <typename Way, size_t Count>
+INFRA_AESNI_INLINE void middleRounds(__m128i (&blocks)[Count], const aes_context& ctx)
 {
     for (int round = 1; round < 10; ++round) {
-        encryptRound(blocks, roundKey(ctx, round));
+        oneRound<Way>(blocks, roundKey(ctx, round));
     }
     if (ctx.nr > 10) {
-        encryptRound(blocks, roundKey(ctx, 10));
-        encryptRound(blocks, roundKey(ctx, 11));
+        oneRound<Way>(blocks, roundKey(ctx, 10));
+        oneRound<Way>(blocks, roundKey(ctx, 11));
     }
     if (ctx.nr > 12) {
-        encryptRound(blocks, roundKey(ctx, 12));
-        encryptRound(blocks, roundKey(ctx, 13));
+        oneRound<Way>(blocks, roundKey(ctx, 12));
+        oneRound<Way>(blocks, roundKey(ctx, 13));
     }
 }
 
-template <size_t Count>
-INFRA_AESNI_INLINE void encryptBlocks(__m128i (&blocks)[Count], const aes_context& ctx)
+template <typename Way, size_t Count>
+INFRA_AESNI_INLINE void cryptBlocks(__m128i (&blocks)[Count], const aes_context& ctx)
 {
     addKey(blocks, roundKey(ctx, 0));
-    encryptMiddle(blocks, ctx);
+    middleRounds<Way>(blocks, ctx);
     const __m128i last = roundKey(ctx, ctx.nr);
     INFRA_UNROLLED
     for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = _mm_aesenclast_si128(blocks[i], last);
-    }
-}
-
-template <size_t Count>
-INFRA_AESNI_INLINE void decryptBlocks(__m128i (&blocks)[Count], const aes_context& ctx)
-{
-    addKey(blocks, roundKey(ctx, 0));
-    for (int round = 1; round < 10; ++round) {
-        decryptRound(blocks, roundKey(ctx, round));
-    }
-    if (ctx.nr > 10) {
-        decryptRound(blocks, roundKey(ctx, 10));
-        decryptRound(blocks, roundKey(ctx, 11));
-    }
-    if (ctx.nr > 12) {
-        decryptRound(blocks, roundKey(ctx, 12));
-        decryptRound(blocks, roundKey(ctx, 13));
-    }
-    const __m128i last = roundKey(ctx, ctx.nr);
-    INFRA_UNROLLED
-    for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = _mm_aesdeclast_si128(blocks[i], last);
+        blocks[i] = Way::lastRound(blocks[i], last);
     }
 }
 

@@ -269,8 +269,8 @@ void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, uint8_t* strea
 } // namespace
 
 constinit const AesEngine tableEngine = {
-    expandKey,  invertSchedule, ecbEncrypt,    ecbDecrypt,    cbcEncrypt, cbcDecrypt,
-    cfb8<true>, cfb8<false>,    cfb128Encrypt, cfb128Decrypt, ctr,
+    expandKey,   invertSchedule, ecbEncrypt,    ecbDecrypt, cbcEncrypt,   cbcDecrypt,   cfb8<true>,
+    cfb8<false>, cfb128Encrypt,  cfb128Decrypt, ctr,        encryptBlock, decryptBlock,
 };
 
 } // namespace AES

@@ -34,30 +34,25 @@ INFRA_AESNI_INLINE __m128i accumulate(__m128i words, __m128i first)
     return _mm_xor_si128(words, first);
 }
 
-INFRA_AESNI_INLINE void storeWords(uint32_t* to, __m128i words)
-{
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), words);
-}
-
 constexpr int lastWord = 0x0F0E0D0C;
 constexpr int lastWordRotated = 0x0C0F0E0D;
 constexpr int secondWordRotated = 0x04070605;
 
 INFRA_AESNI_INLINE void expand128(uint32_t* words)
 {
-    __m128i key = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
+    __m128i key = loadBlock(words);
     uint32_t constant = 1;
     for (int round = 1; round <= 10; ++round) {
         key = accumulate(key, substitute(key, lastWordRotated, constant));
         constant = nextRoundConstant(constant);
-        storeWords(words + 4 * round, key);
+        storeBlock(words + 4 * round, key);
     }
 }
 
 /// Six words a step: four, then two. The last two are not needed, but there is room for them.
 INFRA_AESNI_INLINE void expand192(uint32_t* words)
 {
-    __m128i four = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
+    __m128i four = loadBlock(words);
     __m128i two = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(words + 4));
     uint32_t constant = 1;
     for (int step = 1; step <= 8; ++step) {
@@ -65,22 +60,22 @@ INFRA_AESNI_INLINE void expand192(uint32_t* words)
         two = _mm_xor_si128(two, _mm_slli_si128(two, 4));
         two = _mm_xor_si128(two, _mm_shuffle_epi32(four, 0xFF));
         constant = nextRoundConstant(constant);
-        storeWords(words + 6 * step, four);
+        storeBlock(words + 6 * step, four);
         _mm_storel_epi64(reinterpret_cast<__m128i*>(words + 6 * step + 4), two);
     }
 }
 
 INFRA_AESNI_INLINE void expand256(uint32_t* words)
 {
-    __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
-    __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words + 4));
+    __m128i first = loadBlock(words);
+    __m128i second = loadBlock(words + 4);
     uint32_t constant = 1;
     for (int step = 1; step <= 7; ++step) {
         first = accumulate(first, substitute(second, lastWordRotated, constant));
         second = accumulate(second, substitute(first, lastWord, 0));
         constant = nextRoundConstant(constant);
-        storeWords(words + 8 * step, first);
-        storeWords(words + 8 * step + 4, second);
+        storeBlock(words + 8 * step, first);
+        storeBlock(words + 8 * step + 4, second);
     }
 }
 
@@ -102,33 +97,22 @@ INFRA_AESNI void invertSchedule(const aes_context& encrypting, aes_context& decr
     decrypting.nr = rounds;
     decrypting.rk = decrypting.buf;
     __m128i* const keys = reinterpret_cast<__m128i*>(decrypting.rk);
-    _mm_storeu_si128(keys, roundKey(encrypting, rounds));
+    storeBlock(keys, roundKey(encrypting, rounds));
     for (int round = 1; round < rounds; ++round) {
-        _mm_storeu_si128(keys + round, _mm_aesimc_si128(roundKey(encrypting, rounds - round)));
+        storeBlock(keys + round, _mm_aesimc_si128(roundKey(encrypting, rounds - round)));
     }
-    _mm_storeu_si128(keys + rounds, roundKey(encrypting, 0));
+    storeBlock(keys + rounds, roundKey(encrypting, 0));
 }
 
-struct EcbEncrypt
+template <typename Way>
+struct Ecb
 {
     template <size_t Count>
     INFRA_AESNI_INLINE static void step(const aes_context& ctx, const uint8_t* in, uint8_t* out)
     {
         __m128i blocks[Count];
         loadBlocks(blocks, in);
-        encryptBlocks(blocks, ctx);
-        storeBlocks(out, blocks);
-    }
-};
-
-struct EcbDecrypt
-{
-    template <size_t Count>
-    INFRA_AESNI_INLINE static void step(const aes_context& ctx, const uint8_t* in, uint8_t* out)
-    {
-        __m128i blocks[Count];
-        loadBlocks(blocks, in);
-        decryptBlocks(blocks, ctx);
+        cryptBlocks<Way>(blocks, ctx);
         storeBlocks(out, blocks);
     }
 };
@@ -147,7 +131,7 @@ struct CbcDecrypt
         for (size_t i = 0; i < Count; ++i) {
             blocks[i] = cipher[i];
         }
-        decryptBlocks(blocks, ctx);
+        cryptBlocks<Decryption>(blocks, ctx);
         blocks[0] = _mm_xor_si128(blocks[0], iv);
         INFRA_UNROLLED
         for (size_t i = 1; i < Count; ++i) {
@@ -172,7 +156,7 @@ struct Cfb128Decrypt
         for (size_t i = 1; i < Count; ++i) {
             blocks[i] = cipher[i - 1];
         }
-        encryptBlocks(blocks, ctx);
+        cryptBlocks<Encryption>(blocks, ctx);
         INFRA_UNROLLED
         for (size_t i = 0; i < Count; ++i) {
             blocks[i] = _mm_xor_si128(blocks[i], cipher[i]);
@@ -201,12 +185,12 @@ INFRA_AESNI_INLINE void runSteps(const aes_context& ctx, size_t blocks, const ui
 
 INFRA_AESNI void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    runSteps<EcbEncrypt>(ctx, blocks, in, out);
+    runSteps<Ecb<Encryption>>(ctx, blocks, in, out);
 }
 
 INFRA_AESNI void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    runSteps<EcbDecrypt>(ctx, blocks, in, out);
+    runSteps<Ecb<Decryption>>(ctx, blocks, in, out);
 }
 
 /// The chain from one block to the next is its rounds alone: the next input and the first round key
@@ -221,13 +205,13 @@ INFRA_AESNI void cbcEncrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, 
     const __m128i lastKey = roundKey(ctx, ctx.nr);
     __m128i chain[1] = {_mm_xor_si128(loadBlock(iv), _mm_xor_si128(loadBlock(in), firstKey))};
     for (; blocks > 1; --blocks, out += blockSize) {
-        encryptMiddle(chain, ctx);
+        middleRounds<Encryption>(chain, ctx);
         in += blockSize;
         const __m128i next = _mm_xor_si128(loadBlock(in), firstKey);
         storeBlock(out, _mm_aesenclast_si128(chain[0], lastKey));
         chain[0] = _mm_aesenclast_si128(chain[0], _mm_xor_si128(lastKey, next));
     }
-    encryptMiddle(chain, ctx);
+    middleRounds<Encryption>(chain, ctx);
     chain[0] = _mm_aesenclast_si128(chain[0], lastKey);
     storeBlock(out, chain[0]);
     storeBlock(iv, chain[0]);
@@ -250,7 +234,7 @@ INFRA_AESNI void cfb128Encrypt(const aes_context& ctx, size_t blocks, uint8_t* i
     __m128i cipher = loadBlock(iv);
     __m128i chain[1] = {_mm_xor_si128(cipher, firstKey)};
     for (; blocks != 0; --blocks, in += blockSize, out += blockSize) {
-        encryptMiddle(chain, ctx);
+        middleRounds<Encryption>(chain, ctx);
         const __m128i key = _mm_xor_si128(loadBlock(in), lastKey);
         cipher = _mm_aesenclast_si128(chain[0], key);
         chain[0] = _mm_aesenclast_si128(chain[0], _mm_xor_si128(key, firstKey));
@@ -277,7 +261,7 @@ INFRA_AESNI void cfb8Encrypt(const aes_context& ctx, size_t size, uint8_t* iv, c
     __m128i window = loadBlock(iv);
     __m128i block[1] = {_mm_xor_si128(window, firstKey)};
     for (size_t i = 0; i < size; ++i) {
-        encryptMiddle(block, ctx);
+        middleRounds<Encryption>(block, ctx);
         const __m128i key = _mm_xor_si128(lastKey, _mm_cvtsi32_si128(in[i]));
         const __m128i result = _mm_aesenclast_si128(block[0], key);
         out[i] = static_cast<uint8_t>(_mm_cvtsi128_si32(result));
@@ -321,7 +305,7 @@ INFRA_AESNI_INLINE void cfb8DecryptStep(const aes_context& ctx, __m128i& window,
         windowAt<6>(window, cipher), windowAt<7>(window, cipher),
     };
     window = windowAt<8>(window, cipher);
-    encryptBlocks(blocks, ctx);
+    cryptBlocks<Encryption>(blocks, ctx);
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_xor_si128(firstBytes(blocks), cipher));
 }
 
@@ -335,20 +319,15 @@ INFRA_AESNI void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, c
     for (; size != 0; --size, ++in, ++out) {
         const __m128i cipher = _mm_cvtsi32_si128(*in);
         __m128i block[1] = {window};
-        encryptBlocks(block, ctx);
+        cryptBlocks<Encryption>(block, ctx);
         window = windowAt<1>(window, cipher);
         *out = static_cast<uint8_t>(_mm_cvtsi128_si32(_mm_xor_si128(block[0], cipher)));
     }
     storeBlock(iv, window);
 }
 
-/// Counters in registers are little-endian numbers of two halves; this turns one into a block, and
-/// back.
-INFRA_AESNI_INLINE __m128i turned(__m128i counter)
-{
-    return _mm_shuffle_epi8(counter, _mm_set_epi64x(0x0001020304050607, 0x08090A0B0C0D0E0F));
-}
-
+/// Counters in registers are little-endian numbers of two halves: reversed they are blocks.
+///
 /// Where the low half does not overflow within the step.
 template <size_t Count>
 INFRA_AESNI_INLINE void ctrStep(const aes_context& ctx, __m128i counter, __m128i& last,
@@ -357,9 +336,9 @@ INFRA_AESNI_INLINE void ctrStep(const aes_context& ctx, __m128i counter, __m128i
     __m128i blocks[Count];
     INFRA_UNROLLED
     for (size_t i = 0; i < Count; ++i) {
-        blocks[i] = turned(_mm_add_epi64(counter, _mm_set_epi64x(0, static_cast<long long>(i))));
+        blocks[i] = reversed(_mm_add_epi64(counter, _mm_set_epi64x(0, static_cast<long long>(i))));
     }
-    encryptBlocks(blocks, ctx);
+    cryptBlocks<Encryption>(blocks, ctx);
     last = blocks[Count - 1];
     xorBlocks(blocks, in);
     storeBlocks(out, blocks);
@@ -369,7 +348,7 @@ INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, ui
                      const uint8_t* in, uint8_t* out)
 {
     __m128i last = _mm_setzero_si128();
-    __m128i next = turned(loadBlock(counter));
+    __m128i next = reversed(loadBlock(counter));
     uint64_t low = static_cast<uint64_t>(_mm_cvtsi128_si64(next));
     while (blocks != 0) {
         const bool isWhole = blocks >= 8 && low <= UINT64_MAX - 8;
@@ -383,8 +362,18 @@ INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, ui
         next = _mm_add_epi64(next, _mm_set_epi64x(low == 0 ? 1 : 0, static_cast<long long>(count)));
         blocks -= count, in += count * blockSize, out += count * blockSize;
     }
-    storeBlock(counter, turned(next));
+    storeBlock(counter, reversed(next));
     storeBlock(stream, last);
+}
+
+INFRA_AESNI void encryptBlock(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+{
+    Ecb<Encryption>::step<1>(ctx, in, out);
+}
+
+INFRA_AESNI void decryptBlock(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+{
+    Ecb<Decryption>::step<1>(ctx, in, out);
 }
 
 } // namespace Aesni
@@ -392,7 +381,8 @@ INFRA_AESNI void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, ui
 constinit const AesEngine aesniEngine = {
     Aesni::expandKey,     Aesni::invertSchedule, Aesni::ecbEncrypt,  Aesni::ecbDecrypt,
     Aesni::cbcEncrypt,    Aesni::cbcDecrypt,     Aesni::cfb8Encrypt, Aesni::cfb8Decrypt,
-    Aesni::cfb128Encrypt, Aesni::cfb128Decrypt,  Aesni::ctr,
+    Aesni::cfb128Encrypt, Aesni::cfb128Decrypt,  Aesni::ctr,         Aesni::encryptBlock,
+    Aesni::decryptBlock,
 };
 
 } // namespace AES

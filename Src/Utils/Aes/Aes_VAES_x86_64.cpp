@@ -29,21 +29,6 @@ constexpr size_t stepBytes = stepBlocks * blockSize;
 
 using Pairs = __m256i[pairs];
 
-INFRA_VAES_INLINE __m256i loadPair(const uint8_t* from)
-{
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from));
-}
-
-INFRA_VAES_INLINE void storePair(uint8_t* to, __m256i pair)
-{
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), pair);
-}
-
-INFRA_VAES_INLINE __m256i pairOf(__m128i first, __m128i second)
-{
-    return _mm256_inserti128_si256(_mm256_castsi128_si256(first), second, 1);
-}
-
 INFRA_VAES_INLINE __m128i firstOf(__m256i pair)
 {
     return _mm256_castsi256_si128(pair);
@@ -56,8 +41,7 @@ INFRA_VAES_INLINE __m128i secondOf(__m256i pair)
 
 INFRA_VAES_INLINE __m256i roundKeys(const aes_context& ctx, int round)
 {
-    return _mm256_broadcastsi128_si256(
-        _mm_loadu_si128(reinterpret_cast<const __m128i*>(ctx.rk) + round));
+    return twice(roundKey(ctx, round));
 }
 
 INFRA_VAES_INLINE void addKeys(Pairs& blocks, __m256i key)
@@ -67,33 +51,44 @@ INFRA_VAES_INLINE void addKeys(Pairs& blocks, __m256i key)
     }
 }
 
-INFRA_VAES_INLINE void encryptPairs(Pairs& blocks, const aes_context& ctx)
+/// As Encryption and Decryption, of two blocks by one round key each.
+struct PairEncryption
 {
-    addKeys(blocks, roundKeys(ctx, 0));
-    for (int round = 1; round < ctx.nr; ++round) {
-        const __m256i key = roundKeys(ctx, round);
-        for (__m256i& pair : blocks) {
-            pair = _mm256_aesenc_epi128(pair, key);
-        }
+    INFRA_VAES_INLINE static __m256i round(__m256i pair, __m256i keys)
+    {
+        return _mm256_aesenc_epi128(pair, keys);
     }
-    const __m256i last = roundKeys(ctx, ctx.nr);
-    for (__m256i& pair : blocks) {
-        pair = _mm256_aesenclast_epi128(pair, last);
+    INFRA_VAES_INLINE static __m256i lastRound(__m256i pair, __m256i keys)
+    {
+        return _mm256_aesenclast_epi128(pair, keys);
     }
-}
+};
 
-INFRA_VAES_INLINE void decryptPairs(Pairs& blocks, const aes_context& ctx)
+struct PairDecryption
+{
+    INFRA_VAES_INLINE static __m256i round(__m256i pair, __m256i keys)
+    {
+        return _mm256_aesdec_epi128(pair, keys);
+    }
+    INFRA_VAES_INLINE static __m256i lastRound(__m256i pair, __m256i keys)
+    {
+        return _mm256_aesdeclast_epi128(pair, keys);
+    }
+};
+
+template <typename Way>
+INFRA_VAES_INLINE void cryptPairs(Pairs& blocks, const aes_context& ctx)
 {
     addKeys(blocks, roundKeys(ctx, 0));
     for (int round = 1; round < ctx.nr; ++round) {
-        const __m256i key = roundKeys(ctx, round);
+        const __m256i keys = roundKeys(ctx, round);
         for (__m256i& pair : blocks) {
-            pair = _mm256_aesdec_epi128(pair, key);
+            pair = Way::round(pair, keys);
         }
     }
     const __m256i last = roundKeys(ctx, ctx.nr);
     for (__m256i& pair : blocks) {
-        pair = _mm256_aesdeclast_epi128(pair, last);
+        pair = Way::lastRound(pair, last);
     }
 }
 
@@ -124,87 +119,105 @@ INFRA_VAES_INLINE __m256i pairBefore(__m128i iv, const uint8_t* in, size_t pair)
     return pair == 0 ? pairOf(iv, loadBlock(in)) : loadPair(in + (2 * pair - 1) * blockSize);
 }
 
-INFRA_VAES void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
+/// Steps of sixteen blocks. Short runs and the rest are `others`'s.
+template <typename Operation>
+INFRA_VAES_INLINE void runSteps(const aes_context& ctx, size_t blocks, const uint8_t* in,
+                                uint8_t* out, EcbRun* others)
 {
     if (blocks < stepBlocks) {
-        return Aesni::ecbEncrypt(ctx, blocks, in, out);
+        return others(ctx, blocks, in, out);
     }
     for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
+        Operation::step(ctx, in, out);
+    }
+    others(ctx, blocks, in, out);
+}
+
+/// The same of an operation that carries a block from step to step. A step's sixteen blocks are for
+/// as many units of the message, blocks or bytes.
+template <typename Operation>
+INFRA_VAES_INLINE void runSteps(const aes_context& ctx, size_t units, uint8_t* iv,
+                                const uint8_t* in, uint8_t* out, ChainRun* others)
+{
+    constexpr size_t size = stepBlocks * Operation::unit;
+    if (units < stepBlocks) {
+        return others(ctx, units, iv, in, out);
+    }
+    __m128i chain = loadBlock(iv);
+    for (; units >= stepBlocks; units -= stepBlocks, in += size, out += size) {
+        Operation::step(ctx, chain, in, out);
+    }
+    storeBlock(iv, chain);
+    others(ctx, units, iv, in, out);
+}
+
+template <typename Way>
+struct Ecb
+{
+    INFRA_VAES_INLINE static void step(const aes_context& ctx, const uint8_t* in, uint8_t* out)
+    {
         Pairs step;
         loadPairs(step, in);
-        encryptPairs(step, ctx);
+        cryptPairs<Way>(step, ctx);
         storePairs(out, step);
     }
-    Aesni::ecbEncrypt(ctx, blocks, in, out);
+};
+
+INFRA_VAES void ecbEncrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
+{
+    runSteps<Ecb<PairEncryption>>(ctx, blocks, in, out, Aesni::ecbEncrypt);
 }
 
 INFRA_VAES void ecbDecrypt(const aes_context& ctx, size_t blocks, const uint8_t* in, uint8_t* out)
 {
-    if (blocks < stepBlocks) {
-        return Aesni::ecbDecrypt(ctx, blocks, in, out);
-    }
-    for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
-        Pairs step;
-        loadPairs(step, in);
-        decryptPairs(step, ctx);
-        storePairs(out, step);
-    }
-    Aesni::ecbDecrypt(ctx, blocks, in, out);
+    runSteps<Ecb<PairDecryption>>(ctx, blocks, in, out, Aesni::ecbDecrypt);
 }
 
 /// The ciphertext is loaded a second time, because all of it does not stay in registers.
-INFRA_VAES_INLINE void cbcDecryptStep(const aes_context& ctx, __m128i& chain, const uint8_t* in,
-                                      uint8_t* out)
+struct CbcDecrypt
 {
-    Pairs step;
-    loadPairs(step, in);
-    decryptPairs(step, ctx);
-    for (size_t i = 0; i < pairs; ++i) {
-        step[i] = _mm256_xor_si256(step[i], pairBefore(chain, in, i));
+    static constexpr size_t unit = blockSize;
+    INFRA_VAES_INLINE static void step(const aes_context& ctx, __m128i& chain, const uint8_t* in,
+                                       uint8_t* out)
+    {
+        Pairs step;
+        loadPairs(step, in);
+        cryptPairs<PairDecryption>(step, ctx);
+        for (size_t i = 0; i < pairs; ++i) {
+            step[i] = _mm256_xor_si256(step[i], pairBefore(chain, in, i));
+        }
+        chain = loadBlock(in + stepBytes - blockSize);
+        storePairs(out, step);
     }
-    chain = loadBlock(in + stepBytes - blockSize);
-    storePairs(out, step);
-}
+};
 
 INFRA_VAES void cbcDecrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in,
                            uint8_t* out)
 {
-    if (blocks < stepBlocks) {
-        return Aesni::cbcDecrypt(ctx, blocks, iv, in, out);
-    }
-    __m128i chain = loadBlock(iv);
-    for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
-        cbcDecryptStep(ctx, chain, in, out);
-    }
-    storeBlock(iv, chain);
-    Aesni::cbcDecrypt(ctx, blocks, iv, in, out);
+    runSteps<CbcDecrypt>(ctx, blocks, iv, in, out, Aesni::cbcDecrypt);
 }
 
-INFRA_VAES_INLINE void cfb128DecryptStep(const aes_context& ctx, __m128i& chain, const uint8_t* in,
-                                         uint8_t* out)
+struct Cfb128Decrypt
 {
-    Pairs step;
-    for (size_t i = 0; i < pairs; ++i) {
-        step[i] = pairBefore(chain, in, i);
+    static constexpr size_t unit = blockSize;
+    INFRA_VAES_INLINE static void step(const aes_context& ctx, __m128i& chain, const uint8_t* in,
+                                       uint8_t* out)
+    {
+        Pairs step;
+        for (size_t i = 0; i < pairs; ++i) {
+            step[i] = pairBefore(chain, in, i);
+        }
+        cryptPairs<PairEncryption>(step, ctx);
+        xorPairs(step, in);
+        chain = loadBlock(in + stepBytes - blockSize);
+        storePairs(out, step);
     }
-    encryptPairs(step, ctx);
-    xorPairs(step, in);
-    chain = loadBlock(in + stepBytes - blockSize);
-    storePairs(out, step);
-}
+};
 
 INFRA_VAES void cfb128Decrypt(const aes_context& ctx, size_t blocks, uint8_t* iv, const uint8_t* in,
                               uint8_t* out)
 {
-    if (blocks < stepBlocks) {
-        return Aesni::cfb128Decrypt(ctx, blocks, iv, in, out);
-    }
-    __m128i chain = loadBlock(iv);
-    for (; blocks >= stepBlocks; blocks -= stepBlocks, in += stepBytes, out += stepBytes) {
-        cfb128DecryptStep(ctx, chain, in, out);
-    }
-    storeBlock(iv, chain);
-    Aesni::cfb128Decrypt(ctx, blocks, iv, in, out);
+    runSteps<Cfb128Decrypt>(ctx, blocks, iv, in, out, Aesni::cfb128Decrypt);
 }
 
 /// The windows At and At + 1 bytes on, where the second halves of both arguments are one byte on.
@@ -226,35 +239,32 @@ INFRA_VAES_INLINE __m128i firstBytes(const Pairs& blocks)
     return _mm_unpacklo_epi8(firstOf(all), secondOf(all));
 }
 
-/// Sixteen bytes, whose windows are all known; the last 16 bytes are the window after them.
-INFRA_VAES_INLINE void cfb8DecryptStep(const aes_context& ctx, __m128i& window, const uint8_t* in,
-                                       uint8_t* out)
+/// The windows are all known; the last 16 bytes are the window after them.
+struct Cfb8Decrypt
 {
-    const __m128i cipher = loadBlock(in);
-    const __m256i before = pairOf(window, _mm_alignr_epi8(cipher, window, 1));
-    const __m256i ahead = pairOf(cipher, _mm_srli_si128(cipher, 1));
-    Pairs blocks = {
-        windowsAt<0>(before, ahead),  windowsAt<2>(before, ahead),  windowsAt<4>(before, ahead),
-        windowsAt<6>(before, ahead),  windowsAt<8>(before, ahead),  windowsAt<10>(before, ahead),
-        windowsAt<12>(before, ahead), windowsAt<14>(before, ahead),
-    };
-    window = cipher;
-    encryptPairs(blocks, ctx);
-    storeBlock(out, _mm_xor_si128(firstBytes(blocks), cipher));
-}
+    static constexpr size_t unit = 1;
+    INFRA_VAES_INLINE static void step(const aes_context& ctx, __m128i& window, const uint8_t* in,
+                                       uint8_t* out)
+    {
+        const __m128i cipher = loadBlock(in);
+        const __m256i before = pairOf(window, _mm_alignr_epi8(cipher, window, 1));
+        const __m256i ahead = pairOf(cipher, _mm_srli_si128(cipher, 1));
+        Pairs blocks = {
+            windowsAt<0>(before, ahead),  windowsAt<2>(before, ahead),
+            windowsAt<4>(before, ahead),  windowsAt<6>(before, ahead),
+            windowsAt<8>(before, ahead),  windowsAt<10>(before, ahead),
+            windowsAt<12>(before, ahead), windowsAt<14>(before, ahead),
+        };
+        window = cipher;
+        cryptPairs<PairEncryption>(blocks, ctx);
+        storeBlock(out, _mm_xor_si128(firstBytes(blocks), cipher));
+    }
+};
 
 INFRA_VAES void cfb8Decrypt(const aes_context& ctx, size_t size, uint8_t* iv, const uint8_t* in,
                             uint8_t* out)
 {
-    if (size < stepBlocks) {
-        return Aesni::cfb8Decrypt(ctx, size, iv, in, out);
-    }
-    __m128i window = loadBlock(iv);
-    for (; size >= stepBlocks; size -= stepBlocks, in += stepBlocks, out += stepBlocks) {
-        cfb8DecryptStep(ctx, window, in, out);
-    }
-    storeBlock(iv, window);
-    Aesni::cfb8Decrypt(ctx, size, iv, in, out);
+    runSteps<Cfb8Decrypt>(ctx, size, iv, in, out, Aesni::cfb8Decrypt);
 }
 
 /// The low half of a counter block; the high half lies before it.
@@ -263,24 +273,17 @@ uint64_t lowHalf(const uint8_t* counter)
     return loadBig<uint64_t>(counter + sizeof(uint64_t));
 }
 
-/// Counters in registers are little-endian numbers: two halves of 64 bits that `toBlocks` turns
-/// round.
-INFRA_VAES_INLINE __m256i toBlocks(__m256i counters)
-{
-    return _mm256_shuffle_epi8(counters, _mm256_broadcastsi128_si256(_mm_set_epi64x(
-                                             0x0001020304050607, 0x08090A0B0C0D0E0F)));
-}
-
+/// Counters in registers are little-endian numbers of two halves: reversed they are blocks.
 INFRA_VAES_INLINE __m256i ctrStep(const aes_context& ctx, __m256i& counters, const uint8_t* in,
                                   uint8_t* out)
 {
     const __m256i two = _mm256_set_epi64x(0, 2, 0, 2);
     Pairs step;
     for (__m256i& pair : step) {
-        pair = toBlocks(counters);
+        pair = bothReversed(counters);
         counters = _mm256_add_epi64(counters, two);
     }
-    encryptPairs(step, ctx);
+    cryptPairs<PairEncryption>(step, ctx);
     const __m256i last = step[pairs - 1];
     xorPairs(step, in);
     storePairs(out, step);
@@ -292,18 +295,18 @@ INFRA_VAES void ctrSteps(const aes_context& ctx, size_t steps, uint8_t* counter,
                          const uint8_t* in, uint8_t* out)
 {
     const __m128i block = loadBlock(counter);
-    const __m256i pair = toBlocks(pairOf(block, block));
+    const __m256i pair = bothReversed(pairOf(block, block));
     __m256i counters = _mm256_add_epi64(pair, _mm256_set_epi64x(0, 1, 0, 0));
     __m256i last = _mm256_setzero_si256();
     for (; steps != 0; --steps, in += stepBytes, out += stepBytes) {
         last = ctrStep(ctx, counters, in, out);
     }
-    storeBlock(counter, firstOf(toBlocks(counters)));
+    storeBlock(counter, firstOf(bothReversed(counters)));
     storeBlock(stream, secondOf(last));
 }
 
-/// Whole steps up to where the low half of the counter overflows, then one step's blocks by the other
-/// engine, which carries.
+/// Whole steps up to where the low half of the counter overflows, then one step's blocks by the
+/// other engine, which carries.
 void ctr(const aes_context& ctx, size_t blocks, uint8_t* counter, uint8_t* stream,
          const uint8_t* in, uint8_t* out)
 {
@@ -341,6 +344,8 @@ constinit const AesEngine vaesEngine = {
     Aesni::cfb128Encrypt,
     cfb128Decrypt,
     ctr,
+    Aesni::encryptBlock,
+    Aesni::decryptBlock,
 };
 
 } // namespace AES
