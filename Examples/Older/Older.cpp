@@ -43,7 +43,7 @@ public:
     {
         m_filled.Pend();
         CGuard guard(m_mutex);
-        const CPacket packet = m_packets.front();
+        CPacket packet = m_packets.front();
         m_packets.erase(m_packets.begin());
         return packet;
     }
