@@ -1,6 +1,7 @@
 #ifndef INFRA_TESTS_SUPPORT_CPULEVELS_H
 #define INFRA_TESTS_SUPPORT_CPULEVELS_H
 
+#include <cstddef>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -41,6 +42,9 @@ inline const CpuLevel cpuLevels[] = {
      {vaes, vpclmul, avx512, avx512vbmi2, avx2, avx, aesni, pclmul, shani, bmi2, sse42, sse41,
       ssse3}},
 };
+
+/// The places in `cpuLevels` that differ in texts, for loops that have much to do.
+inline constexpr size_t textLevels[] = {0, 1, 4};
 
 /// Runs a body on each kind of processor.
 template <typename Body>

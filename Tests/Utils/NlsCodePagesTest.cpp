@@ -148,7 +148,7 @@ TEST(NlsWindows1252Test, ConvertsTextsAsItConvertsCharacters)
         const size_t ahead = random.below(40);
         Bytes overlapped = memory;
         const int ended = Reference::toCp1252Within(overlapped, 0, expected.size(), 2000, ahead);
-        for (const size_t level : {0, 1, 4}) {
+        for (const size_t level : textLevels) {
             const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint8_t* const text = out.end() - expected.size();
             ASSERT_EQ(
@@ -436,7 +436,7 @@ TEST(NlsCodePage936Test, ConvertsTextsAsItConvertsCharacters)
         const size_t room = random.below(3 * count);
         const Reference::GbText toGb = Reference::encodeGb(Reference::decode(utf8), room);
         const Bytes toUtf8 = Reference::encode(units, room);
-        for (const size_t level : {0, 1, 4}) {
+        for (const size_t level : textLevels) {
             const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint8_t* const to = out.end() - room;
             std::fill(to, out.end(), untouched);

@@ -245,7 +245,7 @@ TEST(NlsUtf8Test, DecodesTextsLikeTheReferenceAndTouchesNothingAround)
         const Bytes text = randomText(random, size, hasNul);
         const Units expected = Reference::decode(text);
         const int n = hasNul && random.below(2) == 0 ? INT_MAX : sizeOf(text);
-        for (const size_t level : {0, 1, 4}) {
+        for (const size_t level : textLevels) {
             const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint16_t* const units = reinterpret_cast<uint16_t*>(out.end()) - expected.size();
             ASSERT_EQ(Utils::utf8_mbstowcs(units, in.putLast(text), n),
@@ -289,7 +289,7 @@ TEST(NlsUtf8Test, EncodesTextsLikeTheReferenceAndTouchesNothingAround)
         const Bytes expected = Reference::encode(units, room);
         uint16_t* const from = reinterpret_cast<uint16_t*>(in.end()) - count;
         std::copy(units.begin(), units.end(), from);
-        for (const size_t level : {0, 1, 4}) {
+        for (const size_t level : textLevels) {
             const Tarsel::Infra::CHiddenCpuFeatures hidden(cpuLevels[level].lacks);
             uint8_t* const to = out.end() - room;
             std::fill(to, out.end(), untouched);
